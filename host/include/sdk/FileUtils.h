@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string>
+
+namespace SDK {
+
+class FileUtils {
+public:
+    // Lowercase hex SHA-256 of a regular file of at most `limit` bytes (limit <= 0: no limit).
+    // 0 on success; non-zero when the file is missing, unreadable or larger than the limit.
+    static int GetFileSha256(const std::string& path, std::string& hex, long limit);
+    // The whole file, at most `limit` bytes (limit <= 0: no limit); a larger file is refused.
+    // 0 on success.
+    static int ReadFile(const std::string& path, std::string& out, long limit);
+};
+
+}  // namespace SDK

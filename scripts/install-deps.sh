@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Installs the Debian 12 packages the agent builds, runs and tests with.
+set -euo pipefail
+packages=(
+  build-essential cmake pkg-config clang-format
+  libpoco-dev libjsoncpp-dev libssl-dev libcurl4-openssl-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  procps libcap2-bin python3 yara
+)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
