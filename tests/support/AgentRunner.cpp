@@ -1,0 +1,240 @@
+#include "support/AgentRunner.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <Poco/File.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+namespace TestSupport {
+
+namespace {
+
+void MakeDir(const std::string& path) {
+    Poco::File(path).createDirectories();
+}
+
+std::string ReadText(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+bool PollUntil(const std::function<bool()>& done, long timeoutMs) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        if (done()) {
+            return true;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+}
+
+}  // namespace
+
+AgentRunner::AgentRunner(const std::string& name) {
+    std::string pattern = "/tmp/corvane-e2e-" + name + "-XXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr) {
+        throw std::runtime_error("mkdtemp failed for " + pattern);
+    }
+    prefix_ = pattern;
+    chmod(prefix_.c_str(), 0755);
+    MakeDir(prefix_ + "/conf/policies");
+    MakeDir(prefix_ + "/log");
+}
+
+AgentRunner::~AgentRunner() {
+    if (pid_ > 0) {
+        Stop(10000);
+    }
+    if (std::getenv("CORVANE_KEEP_E2E") == nullptr) {
+        try {
+            Poco::File(prefix_).remove(true);
+        } catch (const Poco::Exception& error) {
+            std::fprintf(stderr, "could not remove %s: %s\n", prefix_.c_str(), error.displayText().c_str());
+        }
+    }
+}
+
+void AgentRunner::WritePolicy(const std::string& id, const std::string& feature, const std::string& json) {
+    const std::string dir = PolicyDir() + "/" + id;
+    MakeDir(dir);
+    // Written beside and renamed, so a reload never sees half a file.
+    const std::string path = dir + "/" + feature + ".json";
+    const std::string temp = path + ".tmp";
+    {
+        std::ofstream out(temp, std::ios::binary | std::ios::trunc);
+        out << json;
+    }
+    std::rename(temp.c_str(), path.c_str());
+}
+
+void AgentRunner::RemovePolicy(const std::string& id, const std::string& feature) {
+    std::remove((PolicyDir() + "/" + id + "/" + feature + ".json").c_str());
+}
+
+std::string AgentRunner::BuildDir() {
+    return CORVANE_BUILD_DIR;
+}
+
+std::string AgentRunner::AgentBinary() {
+    return BuildDir() + "/bin/corvane-agent";
+}
+
+std::string AgentRunner::ModulePath(const std::string& fileName) {
+    return BuildDir() + "/module/" + fileName;
+}
+
+bool AgentRunner::Start(const std::vector<std::string>& extraArgs, const std::vector<std::string>& modules) {
+    std::vector<std::string> args = {AgentBinary(), "--prefix",   prefix_,       "--policy-dir", PolicyDir(),
+                                     "--alerts",    AlertsPath(), "--log-level", "debug"};
+    std::vector<std::string> moduleList = modules;
+    if (moduleList.empty()) {
+        moduleList = {ModulePath("libprocess_collect_module.so"), ModulePath("libnet_collect_module.so"),
+                      ModulePath("libproc_det_module.so")};
+    }
+    for (const std::string& module : moduleList) {
+        args.push_back("--module");
+        args.push_back(module);
+    }
+    args.insert(args.end(), extraArgs.begin(), extraArgs.end());
+
+    std::vector<char*> argv;
+    for (std::string& arg : args) {
+        argv.push_back(arg.data());
+    }
+    argv.push_back(nullptr);
+
+    const std::string output = prefix_ + "/log/agent.out";
+    pid_ = fork();
+    if (pid_ < 0) {
+        return false;
+    }
+    if (pid_ == 0) {
+        const int fd = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        if (fd >= 0) {
+            dup2(fd, STDOUT_FILENO);
+            dup2(fd, STDERR_FILENO);
+            close(fd);
+        }
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    return true;
+}
+
+bool AgentRunner::IsRunning() {
+    if (pid_ <= 0) {
+        return false;
+    }
+    int status = 0;
+    if (waitpid(pid_, &status, WNOHANG) == pid_) {
+        pid_ = -1;
+        return false;
+    }
+    return true;
+}
+
+void AgentRunner::Reload() {
+    if (pid_ > 0) {
+        kill(pid_, SIGHUP);
+    }
+}
+
+int AgentRunner::Stop(long timeoutMs) {
+    if (pid_ <= 0) {
+        return -1;
+    }
+    kill(pid_, SIGTERM);
+    int status = 0;
+    const bool exited = PollUntil([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, timeoutMs);
+    if (!exited) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, &status, 0);
+        pid_ = -1;
+        return -1;
+    }
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+std::vector<Json::Value> AgentRunner::ReadAlerts() const {
+    std::vector<Json::Value> alerts;
+    std::istringstream lines(ReadText(AlertsPath()));
+    std::string line;
+    Json::CharReaderBuilder builder;
+    while (std::getline(lines, line)) {
+        Json::Value value;
+        std::string errors;
+        std::istringstream one(line);
+        if (!line.empty() && Json::parseFromStream(builder, one, &value, &errors)) {
+            alerts.push_back(value);
+        }
+    }
+    return alerts;
+}
+
+bool AgentRunner::WaitForAlert(const std::function<bool(const Json::Value&)>& match, long timeoutMs,
+                               Json::Value* found) const {
+    return PollUntil(
+        [&] {
+            for (const Json::Value& alert : ReadAlerts()) {
+                if (match(alert)) {
+                    if (found != nullptr) {
+                        *found = alert;
+                    }
+                    return true;
+                }
+            }
+            return false;
+        },
+        timeoutMs);
+}
+
+std::string AgentRunner::ReadLog() const {
+    return ReadText(prefix_ + "/log/agent.log") + ReadText(prefix_ + "/log/agent.out");
+}
+
+bool AgentRunner::WaitForLog(const std::string& needle, long timeoutMs) const {
+    return PollUntil([&] { return ReadLog().find(needle) != std::string::npos; }, timeoutMs);
+}
+
+std::vector<Json::Value> FindProcessEntries(const std::vector<Json::Value>& alerts,
+                                            const std::string& eventClass,
+                                            const std::function<bool(const Json::Value&)>& match) {
+    std::vector<Json::Value> entries;
+    for (const Json::Value& alert : alerts) {
+        if (!alert.isObject() || alert.get("event_classid", "").asString() != eventClass) {
+            continue;
+        }
+        const Json::Value& processes = alert["process_info"];
+        if (!processes.isArray()) {
+            continue;
+        }
+        for (const Json::Value& entry : processes) {
+            if (match(entry)) {
+                entries.push_back(entry);
+            }
+        }
+    }
+    return entries;
+}
+
+}  // namespace TestSupport

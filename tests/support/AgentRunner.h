@@ -1,0 +1,66 @@
+#pragma once
+
+#include <json/json.h>
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace TestSupport {
+
+// Runs the real agent (build/bin/corvane-agent) as a child process for end-to-end
+// tests, in a temporary prefix of its own (conf/, log/, policies/), with the
+// build's collect modules and detection module, debug logging, and alerts
+// written to <prefix>/log/alerts.json.
+class AgentRunner {
+public:
+    explicit AgentRunner(const std::string& name);
+    ~AgentRunner();  // stops the agent if running and removes the prefix
+
+    AgentRunner(const AgentRunner&) = delete;
+    AgentRunner& operator=(const AgentRunner&) = delete;
+
+    const std::string& prefix() const { return prefix_; }
+    std::string AlertsPath() const { return prefix_ + "/log/alerts.json"; }
+    std::string PolicyDir() const { return prefix_ + "/conf/policies"; }
+
+    // Writes <policy dir>/<id>/<feature>.json.
+    void WritePolicy(const std::string& id, const std::string& feature, const std::string& json);
+    void RemovePolicy(const std::string& id, const std::string& feature);
+
+    // Starts the agent; `modules` empty means the collect modules and the detection
+    // module of the build. Returns false when it could not be started.
+    bool Start(const std::vector<std::string>& extraArgs = {}, const std::vector<std::string>& modules = {});
+    bool IsRunning();
+    pid_t pid() const { return pid_; }
+    void Reload();  // SIGHUP
+    // SIGTERM and wait (up to `timeoutMs`, then SIGKILL); returns the exit status or -1.
+    int Stop(long timeoutMs = 30000);
+
+    // Every alert line so far, parsed (unparsable lines are skipped).
+    std::vector<Json::Value> ReadAlerts() const;
+    // Waits until some alert satisfies `match`; the first match goes to `found`.
+    bool WaitForAlert(const std::function<bool(const Json::Value&)>& match, long timeoutMs,
+                      Json::Value* found = nullptr) const;
+    // The agent's log file text.
+    std::string ReadLog() const;
+    // Waits until the log holds `needle`.
+    bool WaitForLog(const std::string& needle, long timeoutMs) const;
+
+    // Paths in the build tree.
+    static std::string BuildDir();
+    static std::string AgentBinary();
+    static std::string ModulePath(const std::string& fileName);  // build/module/<fileName>
+
+private:
+    std::string prefix_;
+    pid_t pid_ = -1;
+};
+
+// The process-info entries of all procdet alerts, across alerts, that match.
+std::vector<Json::Value> FindProcessEntries(const std::vector<Json::Value>& alerts,
+                                            const std::string& eventClass,
+                                            const std::function<bool(const Json::Value&)>& match);
+
+}  // namespace TestSupport
