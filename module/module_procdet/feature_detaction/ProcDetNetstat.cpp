@@ -1,0 +1,196 @@
+#include "feature_detaction/ProcDetNetstat.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+#include <new>
+#include <string>
+
+#include "ProcDetLog.h"
+#include "collect/NetProcsFullTask.h"
+#include "feature_detaction/ProcDetNetstatTcpLine.h"
+#include "framework/Engine.h"
+#include "framework/Task.h"
+#include "sdk/PathUtils.h"
+#include "sdk/ProcessUtils.h"
+
+namespace Engine {
+
+namespace {
+
+constexpr const char* kPaceTaskName = "detaction_full_task";
+constexpr const char* kProcNetTcp = "/proc/net/tcp";
+constexpr int kTcpEstablished = 1;
+constexpr int kTcpSynSent = 2;
+// A pid whose previous-cycle set holds more than this many peers can be flagged.
+constexpr unsigned long kMinPrevPeers = 9;
+
+// Outgoing or live connections to remote SSH and SMB services.
+bool IsWatchedConnection(int state, unsigned int remotePort) {
+    if (state != kTcpEstablished && state != kTcpSynSent) {
+        return false;
+    }
+    return remotePort == 22 || remotePort == 139 || remotePort == 445;
+}
+
+}  // namespace
+
+ProcDetNetstat::ProcDetNetstat() : logger(GetProcDetLogger()) {
+    std::string installPath;
+    SDK::PathUtils::GetInstallationPath(installPath);
+    libPath = installPath + "conf/pupbip.dat";
+}
+
+ProcDetNetstat::~ProcDetNetstat() = default;
+
+std::string ProcDetNetstat::GetName() {
+    return "netstat";
+}
+
+Poco::Logger* ProcDetNetstat::Logger() {
+    // Logging may be set up after the detector was made.
+    if (logger == nullptr) {
+        logger = GetProcDetLogger();
+    }
+    return logger;
+}
+
+bool ProcDetNetstat::Prepare() {
+    blackInodes.clear();
+    watchedInodes.clear();
+    curPeers.clear();
+
+    NetProcsFullTask::NetMap connections;
+    Framework::Engine* engine = Framework::Engine::Instance();
+    if (engine != nullptr) {
+        auto* netTask = dynamic_cast<NetProcsFullTask*>(engine->FindTask("netproc_full_task"));
+        if (netTask != nullptr) {
+            netTask->GetNetCacheMap(connections);
+        }
+    }
+
+    for (const auto& entry : connections) {
+        PROCDET_PACE_CPU(kPaceTaskName);
+        const NetProcsMessage::netProcInfo* conn = entry.second.get();
+        if (conn == nullptr) {
+            continue;
+        }
+        if (IsBlackIp(static_cast<long>(conn->remoteAddr))) {
+            PROCDET_DEBUG(Logger(), "netstat bip inode %ld, %u, %u, %s", conn->inode, conn->remotePort,
+                          conn->remoteAddr, conn->text);
+            blackInodes.emplace(conn->inode, conn->remoteAddr);
+        }
+        if (IsWatchedConnection(conn->state, conn->remotePort)) {
+            // Only the port is kept here, so a pid's set holds at most three values.
+            watchedInodes.emplace(conn->inode, conn->remotePort);
+        }
+    }
+    return true;
+}
+
+bool ProcDetNetstat::Prepare2() {
+    blackInodes.clear();
+    watchedInodes.clear();
+    curPeers.clear();
+
+    std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(kProcNetTcp, "r"), &std::fclose);
+    if (!file) {
+        PROCDET_ERROR(Logger(), "Open (/proc/net/tcp) failed, errno(%d).", errno);
+        return false;
+    }
+    char* buffer = nullptr;
+    size_t capacity = 0;
+    // The first line is the column header.
+    if (getline(&buffer, &capacity, file.get()) < 0) {
+        std::free(buffer);
+        return false;
+    }
+    while (getline(&buffer, &capacity, file.get()) >= 0) {
+        NoteProcNetTcpLine(buffer);
+    }
+    std::free(buffer);
+    return true;
+}
+
+void ProcDetNetstat::NoteProcNetTcpLine(const std::string& line) {
+    ProcNetTcpLine conn;
+    if (!ParseProcNetTcpLine(line, conn)) {
+        return;
+    }
+    if (IsBlackIp(static_cast<long>(conn.remoteAddr))) {
+        blackInodes.emplace(conn.inode, conn.remoteAddr);
+    }
+    if (IsWatchedConnection(conn.state, conn.remotePort)) {
+        watchedInodes.emplace(conn.inode, conn.remoteAddr);
+    }
+}
+
+bool ProcDetNetstat::CheckProcess(ProcRecord proc, unsigned int& flags, NumDetails& numDetails,
+                                  StrDetails& /*strDetails*/) {
+    if (!proc) {
+        return true;
+    }
+    const int pid = proc->pid;
+    std::set<long> inodes;
+    if (SDK::ProcessUtils::GetProcessSocketFd(pid, inodes) != 0) {
+        return true;
+    }
+
+    unsigned long repeatCount = 0;
+    const std::set<unsigned int>* prevSet = nullptr;
+    const auto prev = prevPeers.find(pid);
+    if (prev != prevPeers.end()) {
+        prevSet = &prev->second;
+    }
+
+    auto curPidEntry = curPeers.end();
+    for (const long inode : inodes) {
+        PROCDET_PACE_CPU(kPaceTaskName);
+        const auto black = blackInodes.find(inode);
+        if (black != blackInodes.end()) {
+            flags |= CONNECT_BIP;
+            // Inodes come in ascending order: the lowest blacklisted one is reported.
+            numDetails.emplace(kDetailBlackIp, static_cast<long>(black->second));
+        }
+        if (!UpdateMaps(pid, inode, curPidEntry, prevSet, repeatCount)) {
+            break;
+        }
+    }
+
+    if (repeatCount != 0 && prevSet != nullptr) {
+        const unsigned long peers = prevSet->size();
+        if (peers > kMinPrevPeers && peers * 6 / 10 <= repeatCount) {
+            flags |= LOGIN_OTHERS;
+            numDetails.emplace(kDetailConnSum, static_cast<long>(peers));
+        }
+    }
+    return true;
+}
+
+bool ProcDetNetstat::UpdateMaps(int pid, long inode, PeerMap::iterator& curPidEntry,
+                                const std::set<unsigned int>* prevSet, unsigned long& repeatCount) {
+    const auto watched = watchedInodes.find(inode);
+    if (watched == watchedInodes.end()) {
+        return true;
+    }
+    const unsigned int value = watched->second;
+    try {
+        if (curPidEntry == curPeers.end() || curPidEntry->first != pid) {
+            curPidEntry = curPeers.try_emplace(pid).first;
+        }
+        curPidEntry->second.insert(value);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    // Counted per socket: two sockets to the same peer count twice.
+    if (prevSet != nullptr && prevSet->count(value) != 0) {
+        ++repeatCount;
+    }
+    return true;
+}
+
+void ProcDetNetstat::Finish() {
+    prevPeers = curPeers;
+}
+
+}  // namespace Engine

@@ -1,0 +1,4 @@
+list(APPEND PROCDET_SOURCES
+  feature_detaction/ProcDetNetstat.cpp
+  feature_detaction/ProcDetNetstatBlacklist.cpp
+  feature_detaction/ProcDetNetstatTcpLine.cpp)
