@@ -1,0 +1,5 @@
+#include "ProcDetModule.h"
+
+extern "C" __attribute__((visibility("default"))) void* CreateModule() {
+    return new Engine::ProcDetModule();
+}

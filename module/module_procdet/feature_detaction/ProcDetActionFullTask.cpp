@@ -1,0 +1,105 @@
+#include "feature_detaction/ProcDetActionFullTask.h"
+
+#include <array>
+#include <new>
+
+#include "ProcDetLog.h"
+#include "feature_detaction/DetectorProc.h"
+#include "feature_detaction/ProcDetCpu.h"
+
+namespace Engine {
+
+ProcDetActionFullTask::ProcDetActionFullTask()
+    : Framework::Task(kDetActionTaskName, kDetActionFeatureName, Framework::TaskCondition::TASK_TYPE_PERIODIC,
+                      0) {}
+
+int ProcDetActionFullTask::Init() {
+    logger_ = GetProcDetLogger();
+    PROCDET_INFO(logger_, "ProcDetActionFullTask init");
+    manager_.Init(this, nullptr);
+
+    auto* policy = dynamic_cast<ProcDetActionFullTaskPolicy*>(GetTaskPolicy());
+    if (policy == nullptr) {
+        return false;
+    }
+    // The attached policy may be replaced once Init returns, so everything is copied.
+    reportScore_ = policy->GetReportScore();
+    scores_ = policy->GetScoreMap();
+    ignoreFilepaths_ = policy->GetIgnoreFilepaths();
+    illegalIps_ = policy->GetIllegalIps();
+    biplibUrl_ = policy->GetBiplibUrl();
+    biplibHash_ = policy->GetBiplibHash();
+    cpuUsageWarn_ = policy->GetCpuUsageWarn();
+    strings_ = policy->GetStrings();
+    checkStrMaxSizeM_ = policy->GetCheckStrMaxSizeM();
+    return Framework::Task::Init();
+}
+
+int ProcDetActionFullTask::Run() {
+    PROCDET_INFO(logger_, "ProcDetActionFullTask run");
+    const int interval = static_cast<int>(GetTaskCondition().GetTaskCondition().repeatInterval);
+    PreCheckDetectors(interval);
+    manager_.Check(interval, this);
+    return 0;
+}
+
+void ProcDetActionFullTask::UnInit() {
+    PROCDET_INFO(logger_, "ProcDetActionFullTask UnInit");
+    Framework::Task::UnInit();
+}
+
+void ProcDetActionFullTask::PreCheckDetectors(int interval) {
+    if (!detectorsAdded_) {
+        detectorsAdded_ = AddDeters(interval) != 0;
+    } else {
+        UpdateDetectorInfo();
+    }
+}
+
+int ProcDetActionFullTask::AddDeters(int interval) {
+    // Registered with the cycle's own interval, every detector runs in every cycle.
+    detectorProc_ = new (std::nothrow) DetectorProc();
+    if (detectorProc_ == nullptr) {
+        return false;
+    }
+    manager_.AddDetector(detectorProc_, interval);
+
+    detectorCpu_ = new (std::nothrow) ProcDetCpu();
+    if (detectorCpu_ == nullptr) {
+        return false;
+    }
+    detectorCpu_->SetHighCpuThreshold(cpuUsageWarn_);
+    manager_.AddDetector(detectorCpu_, interval);
+
+    UpdateDetectorInfo();
+    return true;
+}
+
+void ProcDetActionFullTask::UpdateDetectorInfo() {
+    manager_.SetIgnoreFilepathSet(ignoreFilepaths_);
+    if (detectorCpu_ != nullptr) {
+        detectorCpu_->SetHighCpuThreshold(cpuUsageWarn_);
+    }
+}
+
+unsigned int ProcDetActionFullTask::CalcScore(int flags) const {
+    if (flags == 0) {
+        return 0;
+    }
+    // CMDLINE (0x080) is left out: it never adds to the score.
+    static constexpr std::array<unsigned int, 8> kScoredBits = {
+        PROC_TMP, PROC_HIDDEN, PROC_DELETED, LOGIN_OTHERS, CONNECT_BIP, HIGHCPU, STRINGS, PACKER};
+    unsigned int score = 0;
+    for (unsigned int bit : kScoredBits) {
+        if ((static_cast<unsigned int>(flags) & bit) == 0) {
+            continue;
+        }
+        const auto it = scores_.find(bit);
+        if (it != scores_.end()) {
+            score += static_cast<unsigned int>(it->second);
+        }
+    }
+    return score;
+}
+
+}  // namespace Engine
