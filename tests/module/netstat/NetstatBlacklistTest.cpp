@@ -1,0 +1,215 @@
+#include <Poco/File.h>
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+
+#include "NetstatTestPeer.h"
+#include "TestFileServer.h"
+#include "feature_detaction/ProcDetNetstat.h"
+#include "sdk/HttpUtils.h"
+#include "sdk/PathUtils.h"
+#include "support/LogCapture.h"
+#include "support/TestEngine.h"
+
+namespace {
+
+using Engine::ProcDetNetstat;
+using NetstatTest::Sha256Hex;
+using Peer = Engine::ProcDetNetstatTestPeer;
+
+long Ip(const char* dotted) {
+    return static_cast<long>(static_cast<uint32_t>(inet_addr(dotted)));
+}
+
+void WriteFile(const std::string& path, const std::string& content) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+}
+
+std::string ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+std::string Upper(std::string text) {
+    for (char& c : text) {
+        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    }
+    return text;
+}
+
+class NetstatBlacklistTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/netstat-bip-XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        prefix = pattern;
+        Poco::File(prefix + "/conf").createDirectories();
+        SDK::PathUtils::SetInstallationPath(prefix + "/");
+        libPath = prefix + "/conf/pupbip.dat";
+        ProcDetNetstat::ResetRetryClockForTest();
+    }
+    void TearDown() override { Poco::File(prefix).remove(true); }
+
+    TestSupport::TestEngine env;
+    NetstatTest::TestFileServer server;
+    std::string prefix;
+    std::string libPath;
+};
+
+TEST_F(NetstatBlacklistTest, AddressFileLinesAndLimits) {
+    ProcDetNetstat detector;
+    EXPECT_EQ(Peer::LibPath(detector), libPath);
+
+    const std::string file = prefix + "/list.dat";
+    const std::string content = " 10.0.0.1 \n\nbad\n10.0.0.2\r\n255.255.255.255\n\t10.0.0.3\t\n";
+    WriteFile(file, content);
+    std::set<long> out = {42};
+    ASSERT_TRUE(detector.LoadLib(file, Sha256Hex(content), out));
+    EXPECT_EQ(out, (std::set<long>{42, Ip("10.0.0.1"), Ip("10.0.0.2"), Ip("10.0.0.3")}));
+
+    // The digest must be given exactly as the host writes it (lowercase).
+    out.clear();
+    EXPECT_FALSE(detector.LoadLib(file, Upper(Sha256Hex(content)), out));
+    EXPECT_FALSE(detector.LoadLib(file, "", out));
+    EXPECT_FALSE(detector.LoadLib(prefix + "/absent.dat", Sha256Hex(""), out));
+    EXPECT_FALSE(detector.LoadLib(prefix + "/conf", Sha256Hex(""), out));
+    EXPECT_TRUE(out.empty());
+
+    WriteFile(file, "garbage\n\n");
+    EXPECT_TRUE(detector.LoadLib(file, Sha256Hex("garbage\n\n"), out));
+    EXPECT_TRUE(out.empty());
+
+    // 10 MiB is the largest file taken.
+    std::string big = "10.0.0.4\n";
+    big.resize(0xA00000, ' ');
+    WriteFile(file, big);
+    EXPECT_TRUE(detector.LoadLib(file, Sha256Hex(big), out));
+    EXPECT_EQ(out, std::set<long>{Ip("10.0.0.4")});
+    big.push_back(' ');
+    WriteFile(file, big);
+    out.clear();
+    EXPECT_FALSE(detector.LoadLib(file, Sha256Hex(big), out));
+    EXPECT_TRUE(out.empty());
+}
+
+TEST_F(NetstatBlacklistTest, FailedDownloadIsRetriedAtMostEveryFiveMinutes) {
+    TestSupport::LogCapture log("proc_det_module");
+    ProcDetNetstat detector;
+    detector.SetBlackip({Ip("10.9.9.9")});
+    detector.SetBlackipLib(server.Url("/missing.dat"), Sha256Hex("x"));
+
+    // The policy's own addresses need no library.
+    EXPECT_TRUE(detector.IsBlackIp(Ip("10.9.9.9")));
+    EXPECT_EQ(server.Requests("/missing.dat"), 0);
+
+    EXPECT_FALSE(detector.IsBlackIp(Ip("10.0.0.1")));
+    EXPECT_EQ(server.Requests("/missing.dat"), 1);
+    EXPECT_TRUE(
+        log.Contains("download failed. [" + server.Url("/missing.dat") + "] [" + libPath + "] [404]"));
+    EXPECT_FALSE(detector.IsBlackIp(Ip("10.0.0.1")));
+    // The clock is shared by every detector of the process.
+    ProcDetNetstat other;
+    other.SetBlackipLib(server.Url("/missing.dat"), Sha256Hex("x"));
+    EXPECT_FALSE(other.IsBlackIp(Ip("10.0.0.1")));
+    EXPECT_EQ(server.Requests("/missing.dat"), 1);
+
+    ProcDetNetstat::ResetRetryClockForTest();
+    EXPECT_FALSE(detector.IsBlackIp(Ip("10.0.0.1")));
+    EXPECT_EQ(server.Requests("/missing.dat"), 2);
+
+    // Without both a location and a digest nothing is fetched.
+    ProcDetNetstat::ResetRetryClockForTest();
+    detector.SetBlackipLib(server.Url("/missing.dat"), "");
+    EXPECT_FALSE(detector.IsBlackIp(Ip("10.0.0.1")));
+    detector.SetBlackipLib("", Sha256Hex("x"));
+    EXPECT_FALSE(detector.IsBlackIp(Ip("10.0.0.1")));
+    EXPECT_EQ(server.Requests("/missing.dat"), 2);
+
+    // A server that never answers costs one time-out, and the lookup goes on.
+    const int silent = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = inet_addr("127.0.0.1");
+    socklen_t length = sizeof(addr);
+    ASSERT_EQ(bind(silent, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+    ASSERT_EQ(listen(silent, 4), 0);
+    ASSERT_EQ(getsockname(silent, reinterpret_cast<sockaddr*>(&addr), &length), 0);
+    SDK::HttpUtils::GetInstance()->SetTimeouts(2, 2);
+    const std::string silentUrl = "http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/bip.dat";
+    detector.SetBlackipLib(silentUrl, Sha256Hex("x"));
+    EXPECT_FALSE(detector.IsBlackIp(Ip("10.0.0.1")));
+    SDK::HttpUtils::GetInstance()->SetTimeouts(10, 120);
+    close(silent);
+    EXPECT_TRUE(log.Contains("download failed. [" + silentUrl + "]"));
+    EXPECT_FALSE(Poco::File(libPath).exists());
+}
+
+TEST_F(NetstatBlacklistTest, FileFailingTheDigestIsNeverLoaded) {
+    const std::string content = "10.0.0.1\n";
+    server.Serve("/bip.dat", content);
+    {
+        ProcDetNetstat detector;
+        detector.SetBlackipLib(server.Url("/bip.dat"), Sha256Hex("another file"));
+        EXPECT_FALSE(detector.IsBlackIp(Ip("10.0.0.1")));
+        EXPECT_EQ(server.Requests("/bip.dat"), 1);
+        // Kept on disk until the next download overwrites it.
+        EXPECT_EQ(ReadFile(libPath), content);
+    }
+    {
+        ProcDetNetstat::ResetRetryClockForTest();
+        ProcDetNetstat detector;
+        detector.SetBlackipLib(server.Url("/bip.dat"), Upper(Sha256Hex(content)));
+        EXPECT_FALSE(detector.IsBlackIp(Ip("10.0.0.1")));
+        EXPECT_EQ(server.Requests("/bip.dat"), 2);
+    }
+    {
+        // The file already on disk is good for the right digest: no download.
+        ProcDetNetstat::ResetRetryClockForTest();
+        ProcDetNetstat detector;
+        detector.SetBlackipLib(server.Url("/bip.dat"), Sha256Hex(content));
+        EXPECT_TRUE(detector.IsBlackIp(Ip("10.0.0.1")));
+        EXPECT_EQ(server.Requests("/bip.dat"), 2);
+    }
+}
+
+TEST_F(NetstatBlacklistTest, GoodDownloadIsLoadedOnceAndKept) {
+    const std::string content = "10.0.0.2\r\n10.0.0.3\r\n";
+    server.Serve("/bip.dat", content);
+    server.Redirect("/moved", "/bip.dat");
+
+    ProcDetNetstat detector;
+    detector.SetBlackipLib(server.Url("/moved"), Sha256Hex(content));
+    EXPECT_TRUE(detector.IsBlackIp(Ip("10.0.0.2")));
+    EXPECT_EQ(server.Requests("/moved"), 1);
+    EXPECT_EQ(server.Requests("/bip.dat"), 1);
+    EXPECT_EQ(ReadFile(libPath), content);
+
+    // Loaded for good: no further fetch, not even for a new location and digest.
+    ProcDetNetstat::ResetRetryClockForTest();
+    EXPECT_FALSE(detector.IsBlackIp(Ip("10.0.0.99")));
+    detector.SetBlackipLib(server.Url("/other.dat"), Sha256Hex("other"));
+    EXPECT_TRUE(detector.IsBlackIp(Ip("10.0.0.3")));
+    EXPECT_EQ(server.Requests("/moved") + server.Requests("/bip.dat") + server.Requests("/other.dat"), 2);
+
+    // A later failed download leaves the good file in place.
+    ProcDetNetstat::ResetRetryClockForTest();
+    ProcDetNetstat fresh;
+    fresh.SetBlackipLib(server.Url("/other.dat"), Sha256Hex("other"));
+    EXPECT_FALSE(fresh.IsBlackIp(Ip("10.0.0.2")));
+    EXPECT_EQ(server.Requests("/other.dat"), 1);
+    EXPECT_EQ(ReadFile(libPath), content);
+}
+
+}  // namespace

@@ -1,0 +1,304 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "NetstatTestPeer.h"
+#include "feature_detaction/ProcDetNetstat.h"
+#include "feature_detaction/ProcDetNetstatTcpLine.h"
+#include "support/LogCapture.h"
+#include "support/TestEngine.h"
+
+namespace {
+
+using Engine::ProcDetNetstat;
+using Peer = Engine::ProcDetNetstatTestPeer;
+
+long Ip(const char* dotted) {
+    return static_cast<long>(static_cast<uint32_t>(inet_addr(dotted)));
+}
+
+// Real sockets of this process; their inodes stand in for connections of the
+// synthetic table. Sorted by inode.
+class Sockets {
+public:
+    explicit Sockets(size_t count) {
+        for (size_t i = 0; i < count; ++i) {
+            const int fd = socket(AF_INET, SOCK_STREAM, 0);
+            struct stat info {};
+            if (fd < 0 || fstat(fd, &info) != 0) {
+                ADD_FAILURE() << "socket";
+                return;
+            }
+            fds_.push_back(fd);
+            inodes_.push_back(static_cast<long>(info.st_ino));
+        }
+        std::sort(inodes_.begin(), inodes_.end());
+    }
+    ~Sockets() {
+        for (const int fd : fds_) {
+            close(fd);
+        }
+    }
+    long operator[](size_t i) const { return inodes_.at(i); }
+
+private:
+    std::vector<int> fds_;
+    std::vector<long> inodes_;
+};
+
+// A child that shares this process's sockets and waits to be killed.
+class ForkedHolder {
+public:
+    ForkedHolder() {
+        pid_ = fork();
+        if (pid_ == 0) {
+            for (;;) {
+                pause();
+            }
+        }
+    }
+    ~ForkedHolder() {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+    int pid() const { return pid_; }
+
+private:
+    pid_t pid_;
+};
+
+Engine::ProcRecord Proc(int pid) {
+    auto proc = std::make_shared<Engine::ProcsMessage::procInfo>();
+    proc->pid = pid;
+    proc->exePath = "/usr/bin/test";
+    return proc;
+}
+
+struct Verdict {
+    unsigned int flags = 0;
+    Engine::NumDetails num;
+    Engine::StrDetails str;
+    bool result = false;
+};
+
+Verdict Check(ProcDetNetstat& detector, int pid, unsigned int flags = 0) {
+    Verdict v;
+    v.flags = flags;
+    v.result = detector.CheckProcess(Proc(pid), v.flags, v.num, v.str);
+    return v;
+}
+
+class NetstatDetectorTest : public ::testing::Test {
+protected:
+    TestSupport::TestEngine env;
+    ProcDetNetstat detector;
+    const int self = getpid();
+};
+
+TEST_F(NetstatDetectorTest, BlacklistedConnectionReportsLowestInode) {
+    TestSupport::LogCapture log("proc_det_module");
+    Sockets s(3);
+    env.net().AddConnection(s[2], "10.0.0.9", 80, 1);
+    env.net().AddConnection(s[0], "10.0.0.8", 443, 1);
+    env.net().AddConnection(s[1], "10.0.0.7", 80, 1);
+    // Not a socket of this process.
+    env.net().AddConnection(s[2] + 100000, "10.0.0.6", 80, 1);
+    detector.SetBlackip({Ip("10.0.0.6"), Ip("10.0.0.8"), Ip("10.0.0.9")});
+
+    ASSERT_TRUE(detector.Prepare());
+    Verdict v = Check(detector, self, Engine::HIGHCPU);
+    EXPECT_TRUE(v.result);
+    EXPECT_EQ(v.flags, Engine::HIGHCPU | Engine::CONNECT_BIP);
+    ASSERT_EQ(v.num.count("dt_bip"), 1u);
+    EXPECT_EQ(v.num["dt_bip"], Ip("10.0.0.8"));
+    EXPECT_EQ(v.num.count("dt_conn_sum"), 0u);
+    EXPECT_TRUE(v.str.empty());
+    EXPECT_EQ(log.Count("netstat bip inode "), 3u);
+    EXPECT_TRUE(log.Contains("fake -> 10.0.0.8:443"));
+
+    // The policy's list is replaced whole.
+    detector.SetBlackip({Ip("10.0.0.9")});
+    ASSERT_TRUE(detector.Prepare());
+    v = Check(detector, self);
+    EXPECT_EQ(v.flags, Engine::CONNECT_BIP);
+    EXPECT_EQ(v.num["dt_bip"], Ip("10.0.0.9"));
+
+    detector.SetBlackip({});
+    ASSERT_TRUE(detector.Prepare());
+    v = Check(detector, self);
+    EXPECT_EQ(v.flags, 0u);
+    EXPECT_TRUE(v.num.empty());
+
+    // A process that is gone is passed over, and the detector goes on.
+    const pid_t gone = fork();
+    if (gone == 0) {
+        _exit(0);
+    }
+    waitpid(gone, nullptr, 0);
+    detector.SetBlackip({Ip("10.0.0.8")});
+    ASSERT_TRUE(detector.Prepare());
+    v = Check(detector, gone);
+    EXPECT_TRUE(v.result);
+    EXPECT_EQ(v.flags, 0u);
+}
+
+TEST_F(NetstatDetectorTest, WatchesLiveConnectionsToRemoteServicePorts) {
+    Sockets s(6);
+    env.net().AddConnection(s[0], "10.0.0.1", 445, 1);
+    env.net().AddConnection(s[1], "10.0.0.2", 22, 2);
+    env.net().AddConnection(s[2], "10.0.0.3", 139, 1);
+    env.net().AddConnection(s[3], "10.0.0.4", 445, 10);  // listening
+    env.net().AddConnection(s[4], "10.0.0.5", 80, 1);
+    env.net().AddConnection(s[5], "10.0.0.6", 22, 6);  // time-wait
+
+    ASSERT_TRUE(detector.Prepare());
+    const std::map<long, unsigned int> expected = {{s[0], 445}, {s[1], 22}, {s[2], 139}};
+    EXPECT_EQ(Peer::WatchedInodes(detector), expected);
+
+    Verdict v = Check(detector, self);
+    EXPECT_EQ(v.flags, 0u);
+    const std::set<unsigned int> ports = {22, 139, 445};
+    EXPECT_EQ(Peer::CurPeers(detector)[self], ports);
+    detector.Finish();
+    EXPECT_EQ(Peer::PrevPeers(detector)[self], ports);
+
+    // The next cycle starts from a clean slate but keeps the previous sets.
+    env.net().SetTable({});
+    ASSERT_TRUE(detector.Prepare());
+    EXPECT_TRUE(Peer::WatchedInodes(detector).empty());
+    EXPECT_TRUE(Peer::CurPeers(detector).empty());
+    EXPECT_EQ(Peer::PrevPeers(detector)[self], ports);
+}
+
+// Watched values as /proc/net/tcp notes them: one remote address per socket.
+TEST_F(NetstatDetectorTest, LoginOthersWhenSixTenthsOfLastCyclePeersRepeat) {
+    Sockets s(10);
+    auto watch = [&](size_t count, bool samePeer) {
+        ASSERT_TRUE(detector.Prepare());
+        auto& watched = Peer::WatchedInodes(detector);
+        for (size_t i = 0; i < count; ++i) {
+            watched[s[i]] = static_cast<unsigned int>(Ip("10.0.1.1")) + (samePeer ? 0 : (i << 24));
+        }
+    };
+
+    // First cycle: ten peers, nothing to compare with yet.
+    watch(10, false);
+    Verdict v = Check(detector, self);
+    EXPECT_EQ(v.flags, 0u);
+    detector.Finish();
+    ASSERT_EQ(Peer::PrevPeers(detector)[self].size(), 10u);
+
+    // 10 * 6 / 10 = 6 repeated sockets are needed.
+    watch(5, false);
+    v = Check(detector, self);
+    EXPECT_EQ(v.flags, 0u);
+
+    watch(6, false);
+    v = Check(detector, self, Engine::CONNECT_BIP);
+    EXPECT_EQ(v.flags, Engine::CONNECT_BIP | Engine::LOGIN_OTHERS);
+    EXPECT_EQ(v.num["dt_conn_sum"], 10);
+
+    // Counted per socket: six sockets to one repeated peer are enough.
+    watch(6, true);
+    v = Check(detector, self);
+    EXPECT_EQ(v.flags, Engine::LOGIN_OTHERS);
+
+    // Another pid with the same sockets has no previous set of its own.
+    {
+        ForkedHolder child;
+        watch(10, false);
+        v = Check(detector, child.pid());
+        EXPECT_EQ(v.flags, 0u);
+        v = Check(detector, self);
+        EXPECT_EQ(v.flags, Engine::LOGIN_OTHERS);
+        detector.Finish();
+        EXPECT_EQ(Peer::PrevPeers(detector)[child.pid()].size(), 10u);
+    }
+
+    // Nine or fewer previous peers never count, however many repeat.
+    Peer::PrevPeers(detector)[self] = {};
+    for (size_t i = 0; i < 9; ++i) {
+        Peer::PrevPeers(detector)[self].insert(static_cast<unsigned int>(Ip("10.0.1.1")) + (i << 24));
+    }
+    watch(9, false);
+    v = Check(detector, self);
+    EXPECT_EQ(v.flags, 0u);
+}
+
+TEST_F(NetstatDetectorTest, ProcNetTcpNotesAddresses) {
+    std::ifstream sample(std::string(CORVANE_SOURCE_DIR) + "/tests/module/netstat/data/proc_net_tcp");
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(sample, line);) {
+        lines.push_back(line);
+    }
+    ASSERT_EQ(lines.size(), 6u);
+    Engine::ProcNetTcpLine parsed;
+    EXPECT_FALSE(Engine::ParseProcNetTcpLine(lines[0], parsed));
+    ASSERT_TRUE(Engine::ParseProcNetTcpLine(lines[4], parsed));
+    EXPECT_EQ(parsed.remoteAddr, static_cast<unsigned int>(Ip("10.255.255.1")));
+    EXPECT_EQ(parsed.remotePort, 445u);
+    EXPECT_EQ(parsed.state, 1);
+    EXPECT_EQ(parsed.inode, 12092);
+    for (const char* bad : {"   5: 0100007F:CD34 ZZ00007F:B4AF 01 0:0 00:0 0 0 0 77 1",
+                            "   5: 0100007F:CD34 0200007F 01 0:0 00:0 0 0 0 77 1",
+                            "   5: 0100007F:CD34 0200007F:B4AF 01 0:0 00:0 0 0 0 -77 1",
+                            "   5: 0100007F:CD34 0200007F:B4AF 01 0:0 00:0 0 0 0 77", ""}) {
+        EXPECT_FALSE(Engine::ParseProcNetTcpLine(bad, parsed)) << bad;
+    }
+
+    detector.SetBlackip({Ip("127.0.0.2")});
+    ASSERT_TRUE(detector.Prepare());
+    for (const std::string& line : lines) {
+        Peer::NoteProcNetTcpLine(detector, line);
+    }
+    const std::map<long, unsigned int> black = {{12090, static_cast<unsigned int>(Ip("127.0.0.2"))}};
+    EXPECT_EQ(Peer::BlackInodes(detector), black);
+    // Here the watched value is the remote address, not the port.
+    const std::map<long, unsigned int> watched = {{12092, static_cast<unsigned int>(Ip("10.255.255.1"))}};
+    EXPECT_EQ(Peer::WatchedInodes(detector), watched);
+}
+
+TEST_F(NetstatDetectorTest, Prepare2FindsARealConnectionOfThisProcess) {
+    const int listener = socket(AF_INET, SOCK_STREAM, 0);
+    const int client = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = inet_addr("127.0.0.2");
+    socklen_t length = sizeof(addr);
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+    ASSERT_EQ(listen(listener, 4), 0);
+    ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &length), 0);
+    ASSERT_EQ(connect(client, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+
+    detector.SetBlackip({Ip("127.0.0.2")});
+    ASSERT_TRUE(detector.Prepare2());
+    Verdict v = Check(detector, self);
+    EXPECT_EQ(v.flags, Engine::CONNECT_BIP);
+    EXPECT_EQ(v.num["dt_bip"], Ip("127.0.0.2"));
+    close(client);
+    close(listener);
+}
+
+TEST(NetstatWithoutHostTest, NoConnectionTableFlagsNothing) {
+    ProcDetNetstat detector;
+    detector.SetBlackip({Ip("10.0.0.8")});
+    ASSERT_TRUE(detector.Prepare());
+    Verdict v = Check(detector, getpid());
+    EXPECT_TRUE(v.result);
+    EXPECT_EQ(v.flags, 0u);
+    EXPECT_EQ(detector.GetName(), "netstat");
+}
+
+}  // namespace
