@@ -95,7 +95,8 @@ bool ProcDetNetstat::Prepare2() {
 
     std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(kProcNetTcp, "r"), &std::fclose);
     if (!file) {
-        PROCDET_ERROR(Logger(), "Open (/proc/net/tcp) failed, errno(%d).", errno);
+        const int error = errno;
+        PROCDET_ERROR(Logger(), "Open (/proc/net/tcp) failed, errno(%d).", error);
         return false;
     }
     char* buffer = nullptr;
