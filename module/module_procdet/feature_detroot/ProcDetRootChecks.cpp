@@ -1,0 +1,107 @@
+#include <ctime>
+
+#include "ProcDetLog.h"
+#include "feature_detroot/ProcDetRootFullTask.h"
+
+namespace Engine {
+
+namespace {
+
+// A root child older than this was not spawned by the parent's current identity.
+constexpr long kFreshChildSeconds = 300;
+
+enum DetRootAlarmType : int {
+    ALARM_SELF_EGID = 1,
+    ALARM_SELF_EUID = 2,
+    ALARM_CHILD_SUID = 3,
+    ALARM_CHILD_SGID = 4,
+    ALARM_SELF_CAP_SETUID = 5,
+    ALARM_SELF_CAP_SETGID = 6,
+};
+
+}  // namespace
+
+int ProcDetRootFullTask::CheckSelfPrompt(ProcInfoPtr current, ProcInfoPtr parent, ProcInfoPtr old) {
+    PROCDET_PACE_CPU(kTaskName);
+    if (!current || !parent || !old) {
+        return 0;
+    }
+    if (current->startTime != old->startTime) {
+        PROCDET_DEBUG(logger_, "%s and %s not the same process. pid: %d, timenew %ld,  %ld", current->exePath,
+                      old->exePath, current->pid, static_cast<long>(current->startTime),
+                      static_cast<long>(old->startTime));
+        return 0;
+    }
+    if (old->capSetuid == 0 && current->capSetuid != 0) {
+        SendAlarm(current, parent, ALARM_SELF_CAP_SETUID);
+        PROCDET_INFO(logger_, "self prompt:cap_setuid changed, pid:%d, path:%s", current->pid,
+                     current->exePath);
+        return 1;
+    }
+    if (old->capSetgid == 0 && current->capSetgid != 0) {
+        SendAlarm(current, parent, ALARM_SELF_CAP_SETGID);
+        PROCDET_INFO(logger_, "self prompt:cap_setgid changed, pid:%d, path:%s", current->pid,
+                     current->exePath);
+        return 1;
+    }
+    // A rise to root is legitimate only through a root set-ID program.
+    if (old->euid != 0 && current->euid == 0 && old->capSetuid == 0 &&
+        !IsSetuidElf(current->exePath.c_str())) {
+        SendAlarm(current, parent, ALARM_SELF_EUID);
+        PROCDET_INFO(logger_, "self prompt:eid changed, pid:%d, path:%s", current->pid, current->exePath);
+        return 1;
+    }
+    if (old->egid != 0 && current->egid == 0 && old->capSetgid == 0 &&
+        !IsSetgidElf(current->exePath.c_str())) {
+        SendAlarm(current, parent, ALARM_SELF_EGID);
+        PROCDET_INFO(logger_, "self prompt:eid changed, egid:%d, path:%s", current->pid, current->exePath);
+        return 1;
+    }
+    return 0;
+}
+
+int ProcDetRootFullTask::CheckChildPrompt(ProcInfoPtr child, ProcInfoPtr parent) {
+    PROCDET_PACE_CPU(kTaskName);
+    if (!child || !parent) {
+        return 0;
+    }
+    if (parent->pid == 1 || whiteList_.count(parent->exePath) != 0) {
+        return 0;
+    }
+    if (IsSuidRoot(parent->pid, parent->exePath, parent->startTime)) {
+        PROCDET_DEBUG(logger_, "ignore process %d spawn by set uid process", child->pid);
+        return 0;
+    }
+    // A child older than its parent means the parent pid was reused after the child started.
+    if (child->startTimeSec < parent->startTimeSec) {
+        return 0;
+    }
+    if (static_cast<long>(time(nullptr)) - static_cast<long>(child->startTimeSec) > kFreshChildSeconds) {
+        return 0;
+    }
+    if (IsBornRoot(parent)) {
+        PROCDET_DEBUG(logger_, "parent proc [%d] %s born in root privilege", parent->pid, parent->exePath);
+        return 0;
+    }
+    if (child->euid == 0 && parent->capSetuid == 0 && parent->euid != 0) {
+        if (!reportSuidProc_ && IsSetuidElf(child->exePath.c_str())) {
+            return 0;
+        }
+        SendAlarm(child, parent, ALARM_CHILD_SUID);
+        PROCDET_INFO(logger_, "suid prompt. parent process path:%s process path:%s pid:%d ppid:%d",
+                     parent->exePath, child->exePath, child->pid, parent->pid);
+        return 1;
+    }
+    if (child->egid != 0 || parent->capSetgid != 0 || parent->egid == 0) {
+        return 0;
+    }
+    if (!reportSuidProc_ && IsSetgidElf(child->exePath.c_str())) {
+        return 0;
+    }
+    SendAlarm(child, parent, ALARM_CHILD_SGID);
+    PROCDET_INFO(logger_, "sgid prompt. parent process path:%s process path:%s pid:%d ppid:%d",
+                 parent->exePath, child->exePath, child->pid, parent->pid);
+    return 1;
+}
+
+}  // namespace Engine

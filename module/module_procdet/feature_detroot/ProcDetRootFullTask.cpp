@@ -1,0 +1,225 @@
+#include "feature_detroot/ProcDetRootFullTask.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <new>
+
+#include "ProcDetLog.h"
+#include "collect/ProcsFullTask.h"
+#include "feature_detroot/ProcDetRootFullTaskPolicy.h"
+#include "feature_detroot/ProcDetRootPolicy.h"
+#include "framework/Engine.h"
+#include "sdk/ExecuteCmdUtils.h"
+#include "sdk/ProcessUtils.h"
+#include "sdk/StrUtils.h"
+#include "sdk/TimeUtils.h"
+
+namespace Engine {
+
+namespace {
+
+constexpr int kMessageBatch = 1024;
+constexpr long kLoopSleepMs = 500;
+constexpr unsigned long kPathOutputLimit = 4096;
+constexpr unsigned int kUnknownId = 0xFFFFFFFFu;
+
+// A root-owned program with the given set-ID bit that anyone may run.
+bool IsRootSetIdProgram(const char* path, mode_t setIdBit, bool byGroup) {
+    struct stat info {};
+    if (path == nullptr || stat(path, &info) != 0) {
+        return false;
+    }
+    const bool rootOwned = byGroup ? info.st_gid == 0 : info.st_uid == 0;
+    return rootOwned && (info.st_mode & setIdBit) != 0 && (info.st_mode & S_IXOTH) != 0;
+}
+
+}  // namespace
+
+ProcDetRootFullTask::ProcDetRootFullTask()
+    : Framework::Task(kTaskName, kFeatureName, Framework::TaskCondition::TASK_TYPE_RESIDENT, 4096),
+      logger_(GetProcDetLogger()) {}
+
+ProcDetRootFullTask::~ProcDetRootFullTask() = default;
+
+int ProcDetRootFullTask::Init() {
+    logger_ = GetProcDetLogger();
+
+    for (unsigned int flag :
+         {static_cast<unsigned int>(PROCS_EVENT_FORK), static_cast<unsigned int>(PROCS_EVENT_UID)}) {
+        auto* regist = new (std::nothrow) ProcsRegistMessage(flag, this);
+        if (regist == nullptr) {
+            PROCDET_ERROR(logger_, "detroot subscription %u not sent: out of memory", flag);
+            continue;
+        }
+        SendDirectMsg("procs_real_task", regist);
+    }
+
+    auto* taskPolicy = dynamic_cast<ProcDetRootFullTaskPolicy*>(GetTaskPolicy());
+    if (taskPolicy == nullptr) {
+        Framework::Task::Init();
+        return 0;
+    }
+    reportSuidProc_ = taskPolicy->GetNosuidParent();
+
+    auto* featurePolicy = dynamic_cast<ProcDetRootPolicy*>(GetFeaturePolicy());
+    if (featurePolicy == nullptr) {
+        Framework::Task::Init();
+        return 0;
+    }
+    if (&featurePolicy->GetIgnoredProcesses() != &ignoredProcesses_) {
+        ignoredProcesses_ = featurePolicy->GetIgnoredProcesses();
+    }
+
+    InitMonitorDirs();
+    Framework::Task::Init();
+    return 0;
+}
+
+void ProcDetRootFullTask::InitMonitorDirs() {
+    monitorDirs_.clear();
+    std::string output;
+    SDK::ExecuteCmdUtils::ExecuteCmd("echo $PATH", output, kPathOutputLimit);
+    SDK::StrUtils::EasySplit(output, monitorDirs_, ":");
+    // Library directories hold helper programs that are set-ID by design.
+    monitorDirs_.push_back("/usr/lib");
+    monitorDirs_.push_back("/usr/lib64");
+    for (std::string& dir : monitorDirs_) {
+        SDK::StrUtils::Trim(dir);
+        AddWhiteList(dir);
+    }
+    for (const std::string& path : ignoredProcesses_) {
+        whiteList_.insert(path);
+        PROCDET_DEBUG(logger_, "detroot addwhiteList %s", path);
+    }
+}
+
+void ProcDetRootFullTask::AddWhiteList(const std::string& dir) {
+    DIR* stream = opendir(dir.c_str());
+    if (stream == nullptr) {
+        return;
+    }
+    while (const struct dirent* entry = readdir(stream)) {
+        const std::string name = entry->d_name;
+        if (name == "." || name == "..") {
+            continue;
+        }
+        const std::string path = dir + "/" + name;
+        if (IsSetuidElf(path.c_str()) || IsSetgidElf(path.c_str())) {
+            whiteList_.insert(path);
+            PROCDET_DEBUG(logger_, "detroot addwhiteList %s", path);
+        }
+    }
+    closedir(stream);
+}
+
+bool ProcDetRootFullTask::IsSetuidElf(const char* path) const {
+    return IsRootSetIdProgram(path, S_ISUID, false);
+}
+
+bool ProcDetRootFullTask::IsSetgidElf(const char* path) const {
+    return IsRootSetIdProgram(path, S_ISGID, true);
+}
+
+bool ProcDetRootFullTask::IsCancelling() {
+    return isCancelled() || state() == TASK_CANCELLING;
+}
+
+int ProcDetRootFullTask::Run() {
+    long lastCheck = SDK::TimeUtils::GetCurrentTimestampS();
+    const Framework::TaskCondition::Record condition = GetTaskCondition().GetTaskCondition();
+    const long repeatInterval = static_cast<long>(condition.repeatInterval);
+    PROCDET_DEBUG(logger_, "detroot1 inTime %ld, repeatInterval %ld", static_cast<long>(condition.startTime),
+                  repeatInterval);
+    while (!IsCancelling()) {
+        // Events are handled every pass so that fork records are taken while they are fresh.
+        BulkConsumeMsg(kMessageBatch);
+        PROCDET_PACE_CPU(kTaskName);
+        sleep(kLoopSleepMs);
+        const long now = SDK::TimeUtils::GetCurrentTimestampS();
+        if (std::labs(now - lastCheck) < repeatInterval) {
+            continue;
+        }
+        CheckProcess();
+        PROCDET_DEBUG(logger_, "detroot once check end %ld", SDK::TimeUtils::GetCurrentTimestampS() - now);
+        lastCheck = now;
+        if (IsCancelling()) {
+            return 0;
+        }
+    }
+    return 0;
+}
+
+void ProcDetRootFullTask::UpdateRootProcInfo() {
+    for (auto it = rootProcs_.begin(); it != rootProcs_.end();) {
+        if (SDK::ProcessUtils::IsProcessAlive(static_cast<unsigned int>(it->first))) {
+            ++it;
+        } else {
+            it = rootProcs_.erase(it);
+        }
+    }
+}
+
+// Fork records of exited processes are never read again (a new process under the
+// same pid brings its own fork event), so they go to keep the map bounded.
+void ProcDetRootFullTask::PruneForkedProcs() {
+    for (auto it = forkedProcs_.begin(); it != forkedProcs_.end();) {
+        if (SDK::ProcessUtils::IsProcessAlive(static_cast<unsigned int>(it->first))) {
+            ++it;
+        } else {
+            it = forkedProcs_.erase(it);
+        }
+    }
+}
+
+bool ProcDetRootFullTask::IsSuidDescendant(int pid, int64_t startTime) const {
+    const auto it = rootProcs_.find(pid);
+    return it != rootProcs_.end() && it->second.startTime == startTime && it->second.suidDescendant;
+}
+
+void ProcDetRootFullTask::CheckProcess() {
+    UpdateRootProcInfo();
+    PruneForkedProcs();
+
+    ProcsFullTask::ProcsMap procs;
+    Framework::Engine* engine = Framework::Engine::Instance();
+    auto* fullTask =
+        dynamic_cast<ProcsFullTask*>(engine != nullptr ? engine->FindTask("procs_full_task") : nullptr);
+    if (fullTask != nullptr) {
+        fullTask->GetProcsMap(procs);
+    }
+    if (procs.empty() || IsCancelling()) {
+        return;
+    }
+
+    for (const auto& [pid, record] : procs) {
+        PROCDET_PACE_CPU(kTaskName);
+        if (IsCancelling()) {
+            return;
+        }
+        if (!record || whiteList_.count(record->exePath) != 0 || IsSuidDescendant(pid, record->startTime)) {
+            continue;
+        }
+        const auto forked = forkedProcs_.find(pid);
+        const auto parentIt = procs.find(record->ppid);
+        if (forked == forkedProcs_.end() || !forked->second || parentIt == procs.end() || !parentIt->second) {
+            continue;
+        }
+        const ProcInfoPtr& parent = parentIt->second;
+        // A parent we could not read tells nothing about what its child may be.
+        if (parent->name.empty() || parent->euid == kUnknownId || parent->egid == kUnknownId) {
+            continue;
+        }
+        if (CheckSelfPrompt(record, parent, forked->second) == 0) {
+            CheckChildPrompt(record, parent);
+        }
+    }
+}
+
+void ProcDetRootFullTask::UnInit() {
+    whiteList_.clear();
+    Framework::Task::UnInit();
+}
+
+}  // namespace Engine

@@ -1,0 +1,7 @@
+list(APPEND PROCDET_SOURCES
+  feature_detroot/ProcDetRootPolicy.cpp
+  feature_detroot/ProcDetRootFullTaskPolicy.cpp
+  feature_detroot/ProcDetRootFullTask.cpp
+  feature_detroot/ProcDetRootEvents.cpp
+  feature_detroot/ProcDetRootChecks.cpp
+  feature_detroot/ProcDetRootAlarm.cpp)
