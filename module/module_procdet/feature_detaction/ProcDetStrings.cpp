@@ -1,0 +1,199 @@
+#include "feature_detaction/ProcDetStrings.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+
+#include "ProcDetLog.h"
+
+namespace Engine {
+
+namespace {
+
+constexpr const char* kTaskName = "detaction_full_task";
+
+// Distance between two seconds, in either direction.
+time_t Distance(time_t a, time_t b) {
+    return a > b ? a - b : b - a;
+}
+
+std::string JoinKeywords(const std::set<std::string>& found) {
+    std::string joined;
+    for (const std::string& keyword : found) {
+        if (!joined.empty()) {
+            joined += ',';
+        }
+        joined += keyword;
+    }
+    return joined;
+}
+
+}  // namespace
+
+void ProcDetStrings::Init(const std::set<std::string>& newKeywords, long newMaxFileSize,
+                          unsigned int newFlagMask, Poco::Logger* newLogger) {
+    maxFileSize = newMaxFileSize;
+    logger = newLogger;
+    flagMask = newFlagMask;
+    if (&newKeywords != &keywords) {
+        keywords = newKeywords;
+    }
+    for (auto it = keywords.begin(); it != keywords.end();) {
+        if (it->size() > kMaxKeywordLength) {
+            // The overlap kept across a cut of a long string must fit the carry area.
+            PROCDET_ERROR(logger, "keyword longer than %lu bytes ignored: %s...",
+                          static_cast<unsigned long>(kMaxKeywordLength), it->substr(0, 64));
+            it = keywords.erase(it);
+            continue;
+        }
+        minKeywordLen = std::min<uint64_t>(minKeywordLen, it->size());
+        maxKeywordLen = std::max<uint64_t>(maxKeywordLen, it->size());
+        ++it;
+    }
+
+    matcher.Build(keywords);
+    size_t longest = 0;
+    for (const std::string& keyword : keywords) {
+        longest = std::max(longest, keyword.size());
+    }
+    testsUpTo.assign(longest + 1, 0);
+    for (const std::string& keyword : keywords) {
+        ++testsUpTo[keyword.size()];
+    }
+    for (size_t n = 1; n < testsUpTo.size(); ++n) {
+        testsUpTo[n] += testsUpTo[n - 1];
+    }
+}
+
+std::string ProcDetStrings::GetName() {
+    return "strings";
+}
+
+bool ProcDetStrings::Prepare() {
+    return true;
+}
+
+bool ProcDetStrings::CheckProcess(ProcRecord proc, unsigned int& flags, NumDetails& /*numDetails*/,
+                                  StrDetails& strDetails) {
+    PROCDET_PACE_CPU(kTaskName);
+    if ((flags & flagMask) == 0 || !proc) {
+        return true;
+    }
+    const bool running = true;
+
+    std::string exeFile;
+    const bool deleted = (flags & PROC_DELETED) != 0;
+    if (deleted) {
+        // The link still reads the deleted file's content.
+        exeFile = "/proc/" + std::to_string(proc->pid) + "/exe";
+    } else {
+        struct stat st;
+        if (stat(proc->exePath.c_str(), &st) != 0) {
+            PROCDET_ERROR(logger, "get stat of [%s] failed.", proc->exePath);
+            return true;
+        }
+        if (static_cast<int64_t>(st.st_size) > maxFileSize) {
+            PROCDET_DEBUG(logger, "str [%s] size:%lu > %lu", proc->exePath,
+                          static_cast<unsigned long>(st.st_size), static_cast<unsigned long>(maxFileSize));
+            return true;
+        }
+        exeFile = proc->exePath;
+    }
+
+    std::string result;
+    if (MatchStrings(exeFile, deleted, running, result) && !result.empty()) {
+        flags |= STRINGS;
+        strDetails.insert({kDetailStrings, result});
+        PROCDET_DEBUG(logger, "Strings pid:%d path:%s str:%s", proc->pid, proc->exePath, result);
+    }
+    if ((flags & STRINGS) != 0) {
+        return true;
+    }
+
+    std::set<std::string> files;
+    if (!ParseMaps(proc->pid, running, files)) {
+        return true;
+    }
+    for (const std::string& file : files) {
+        if (!running) {
+            break;
+        }
+        if (file == proc->exePath) {
+            continue;
+        }
+        PROCDET_DEBUG(logger, "try to check SOFILE:[%s]", file);
+        std::string soResult;
+        if (MatchStrings(file, false, running, soResult) && !soResult.empty()) {
+            flags |= STRINGS;
+            strDetails.insert({kDetailStrings, soResult});
+            strDetails.insert({kDetailStringsSo, file});
+            PROCDET_DEBUG(logger, "SoStrings pid:%d path:%s str:%s", proc->pid, file, soResult);
+            break;
+        }
+        PROCDET_PACE_CPU(kTaskName);
+    }
+    return true;
+}
+
+bool ProcDetStrings::MatchStrings(std::string path, bool skipSizeCheck, const bool& running,
+                                  std::string& result) {
+    const time_t now = time(nullptr);
+    long size = 0;
+    if (!skipSizeCheck && !NeedToCheck(path, size)) {
+        return false;
+    }
+
+    auto entry = stringsInfoMap.find(path);
+    if (entry != stringsInfoMap.end() && entry->second.checked && entry->second.fileSize == size) {
+        entry->second.lastAccess = now;
+        result = entry->second.matchResult;
+        return true;
+    }
+    if (entry == stringsInfoMap.end()) {
+        if (stringsInfoMap.size() >= kMaxCacheEntries) {
+            PROCDET_DEBUG(logger, "strings cache is too match. %d", static_cast<int>(stringsInfoMap.size()));
+            return false;
+        }
+        STRINGS_INFO fresh;
+        fresh.skipSizeCheck = skipSizeCheck;
+        fresh.fileSize = size;
+        fresh.lastAccess = now;
+        auto inserted = stringsInfoMap.emplace(path, fresh);
+        if (!inserted.second) {
+            PROCDET_ERROR(logger, "insert into stringsInfoMap failed. filepath:%s", path);
+            return false;
+        }
+        entry = inserted.first;
+    }
+
+    // A size that differs from the entry's means the file changed: read it again,
+    // every time, until Finish evicts the entry and a new one records the size.
+    std::set<std::string> found;
+    if (!Strings(path, running, found)) {
+        return false;
+    }
+    entry->second.checked = true;
+    entry->second.matchResult = JoinKeywords(found);
+    PROCDET_DEBUG(logger, "CHECK file %s str match %lu", path, static_cast<unsigned long>(found.size()));
+    entry->second.lastAccess = now;
+    result = entry->second.matchResult;
+    return true;
+}
+
+void ProcDetStrings::Finish() {
+    const time_t now = time(nullptr);
+    if (Distance(now, lastCleanTime) <= kCleanInterval) {
+        return;
+    }
+    lastCleanTime = now;
+    for (auto it = stringsInfoMap.begin(); it != stringsInfoMap.end();) {
+        if (Distance(now, it->second.lastAccess) > kEntryLifetime) {
+            it = stringsInfoMap.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    PROCDET_DEBUG(logger, "clean stringsInfoMap size=%lu", static_cast<unsigned long>(stringsInfoMap.size()));
+}
+
+}  // namespace Engine

@@ -1,0 +1,102 @@
+#pragma once
+
+#include <Poco/Logger.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "feature_detaction/ProcDetBase.h"
+#include "feature_detaction/ProcDetStringsMatcher.h"
+
+namespace Engine {
+
+class ProcDetStringsPeer;  // test access to the cache and the clean stamp
+
+// Looks for keywords among the printable strings of the executable of a process
+// that an earlier detector flagged (in practice for high CPU), then of the files
+// mapped into it. Scan results are cached per file path, so the same binaries and
+// libraries seen cycle after cycle cost one stat and one header read.
+class ProcDetStrings : public ProcDetBase {
+public:
+    // One cached scan.
+    struct STRINGS_INFO {
+        bool checked = false;        // a scan completed; until then no result
+        bool skipSizeCheck = false;  // made for a path that bypassed NeedToCheck
+        int64_t fileSize = 0;        // size when the entry was made
+        std::string matchResult;     // keywords found, sorted, joined with ","
+        time_t lastAccess = 0;       // second of creation or last use
+    };
+
+    static constexpr int64_t kDefaultMaxFileSize = 0x200000;
+    static constexpr size_t kMaxPathLength = 4096;
+    static constexpr size_t kMaxKeywordLength = 4096;  // the overlap of a cut must fit the carry area
+    static constexpr size_t kChunkSize = 4096;
+    static constexpr size_t kMaxCacheEntries = 200;
+    static constexpr time_t kCleanInterval = 599;
+    static constexpr time_t kEntryLifetime = 1800;
+
+    ProcDetStrings() = default;
+    ~ProcDetStrings() override = default;
+    ProcDetStrings(const ProcDetStrings&) = delete;
+    ProcDetStrings& operator=(const ProcDetStrings&) = delete;
+
+    // Detector cycle and cache (ProcDetStrings.cpp).
+    void Init(const std::set<std::string>& keywords, long maxFileSize, unsigned int flagMask,
+              Poco::Logger* logger);
+    std::string GetName() override;
+    bool Prepare() override;
+    bool CheckProcess(ProcRecord proc, unsigned int& flags, NumDetails& numDetails,
+                      StrDetails& strDetails) override;
+    void Finish() override;
+    bool MatchStrings(std::string path, bool skipSizeCheck, const bool& running, std::string& result);
+
+    // File selection (ProcDetStringsFiles.cpp).
+    bool NeedToCheck(const std::string& path, long& size) const;
+    bool IsElf(const std::string& path, bool& isElf) const;
+    bool ParseMaps(int pid, const bool& running, std::set<std::string>& files) const;
+    // The parsing half of ParseMaps, fed from any stream of maps lines.
+    void ParseMapsStream(FILE* maps, const bool& running, std::set<std::string>& files) const;
+    bool IsValidFilePath(const char* text, std::string& path) const;
+
+    // Extraction and matching (ProcDetStringsScan.cpp).
+    bool Strings(const std::string& path, const bool& running, std::set<std::string>& matched) const;
+    void CheckFileContent(std::set<std::string>& matched, FILE* file, std::set<std::string>& remaining) const;
+    bool CheckStr(char* data, size_t length, int& counter, std::set<std::string>& remaining,
+                  char** openString, std::set<std::string>& matched) const;
+    bool MatchKeywords(const char* text, size_t length, std::set<std::string>& remaining,
+                       std::set<std::string>& matched, int& counter) const;
+
+private:
+    friend class ProcDetStringsPeer;
+
+    // Resolves `path` (at most kMaxPathLength characters) with realpath.
+    static bool ResolvePath(const std::string& path, std::string& resolved);
+    // Opens a resolved path for reading without ever blocking (a FIFO or device
+    // swapped in after the type test is refused); null when it cannot be opened.
+    static FILE* OpenRegularFile(const std::string& resolved);
+    // Keyword tests MatchKeywords makes on a string of `length` bytes: the
+    // remaining keywords no longer than it. `remaining` is a subset of `keywords`.
+    size_t CountTests(const std::set<std::string>& remaining, size_t length) const;
+
+    std::set<std::string> keywords;
+    int64_t maxFileSize = kDefaultMaxFileSize;
+    uint32_t flagMask = 0;
+    // Never reset by Init: they describe every keyword set ever given.
+    uint64_t minKeywordLen = 1024;
+    uint64_t maxKeywordLen = 0;
+    std::map<std::string, STRINGS_INFO> stringsInfoMap;
+    time_t lastCleanTime = 0;
+    Poco::Logger* logger = nullptr;
+
+    // Search index over `keywords`, rebuilt by Init.
+    ProcDetStringsMatcher matcher;
+    // testsUpTo[n]: keywords of at most n bytes (n up to the longest current keyword).
+    std::vector<uint32_t> testsUpTo;
+};
+
+}  // namespace Engine

@@ -1,0 +1,175 @@
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstring>
+
+#include "ProcDetLog.h"
+#include "feature_detaction/ProcDetStrings.h"
+#include "sdk/StrUtils.h"
+
+namespace Engine {
+
+namespace {
+
+constexpr const char* kTaskName = "detaction_full_task";
+constexpr const char* kDeletedMark = " (deleted)";
+constexpr unsigned int kMapsLinesPerPace = 100;
+constexpr int kMapsPathField = 6;
+
+// Start of the sixth blank-separated field of a maps line, or null. Only the space
+// character separates fields, so a path with blanks in it stays whole.
+const char* FindPathField(const char* line) {
+    const char* p = line;
+    int field = 0;
+    while (*p != '\0') {
+        while (*p == ' ') {
+            ++p;
+        }
+        if (*p == '\0') {
+            return nullptr;
+        }
+        if (++field == kMapsPathField) {
+            return p;
+        }
+        while (*p != '\0' && *p != ' ') {
+            ++p;
+        }
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+bool ProcDetStrings::ResolvePath(const std::string& path, std::string& resolved) {
+    if (path.size() > kMaxPathLength) {
+        return false;
+    }
+    char buffer[kMaxPathLength + 1] = {0};
+    static_assert(PATH_MAX <= kMaxPathLength + 1, "realpath writes up to PATH_MAX bytes");
+    if (realpath(path.c_str(), buffer) == nullptr) {
+        return false;
+    }
+    resolved = buffer;
+    return true;
+}
+
+FILE* ProcDetStrings::OpenRegularFile(const std::string& resolved) {
+    // O_NONBLOCK keeps a FIFO that replaced the file since its stat from blocking
+    // the cycle; it changes nothing for regular files.
+    const int fd = open(resolved.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        return nullptr;
+    }
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        close(fd);
+        return nullptr;
+    }
+    FILE* file = fdopen(fd, "r");
+    if (file == nullptr) {
+        close(fd);
+    }
+    return file;
+}
+
+bool ProcDetStrings::NeedToCheck(const std::string& path, long& size) const {
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0) {
+        PROCDET_DEBUG(logger, "get stat of [%s] failed.", path);
+        return false;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        PROCDET_DEBUG(logger, "%s is not regular file", path);
+        return false;
+    }
+    size = static_cast<long>(st.st_size);
+    if (size > maxFileSize) {
+        // The text takes int; sizes past 2 GiB print truncated.
+        PROCDET_DEBUG(logger, "str [%s] size:%d > %d", path, static_cast<int>(size),
+                      static_cast<int>(maxFileSize));
+        return false;
+    }
+    bool isElf = false;
+    if (!IsElf(path, isElf)) {
+        // An unreadable header does not exclude the file; the reader fails on it in turn.
+        return true;
+    }
+    if (!isElf) {
+        PROCDET_DEBUG(logger, "[%s] is not elf. ignore", path);
+        return false;
+    }
+    return true;
+}
+
+bool ProcDetStrings::IsElf(const std::string& path, bool& isElf) const {
+    std::string resolved;
+    if (!ResolvePath(path, resolved)) {
+        return false;
+    }
+    FILE* file = OpenRegularFile(resolved);
+    if (file == nullptr) {
+        PROCDET_DEBUG(logger, "open %s failed to check elf.", path);
+        return false;
+    }
+    unsigned char header[6] = {0};
+    if (fread(header, 1, sizeof(header), file) == sizeof(header)) {
+        // Class and byte order are not examined: 32- and 64-bit, either order.
+        isElf = header[0] == 0x7F && header[1] == 'E' && header[2] == 'L' && header[3] == 'F';
+    } else {
+        isElf = false;
+    }
+    fclose(file);
+    return true;
+}
+
+bool ProcDetStrings::ParseMaps(int pid, const bool& running, std::set<std::string>& files) const {
+    const std::string mapsPath = "/proc/" + std::to_string(pid) + "/maps";
+    std::string resolved;
+    if (!ResolvePath(mapsPath, resolved)) {
+        return false;  // the process has gone
+    }
+    FILE* maps = fopen(resolved.c_str(), "re");
+    if (maps == nullptr) {
+        PROCDET_DEBUG(logger, "read [%s] failed.", mapsPath);
+        return false;
+    }
+    ParseMapsStream(maps, running, files);
+    fclose(maps);
+    return true;
+}
+
+void ProcDetStrings::ParseMapsStream(FILE* maps, const bool& running, std::set<std::string>& files) const {
+    char* line = nullptr;
+    size_t capacity = 0;
+    uint32_t lines = 0;
+    while (running && getline(&line, &capacity, maps) > 0) {
+        const char* field = FindPathField(line);
+        std::string path;
+        if (field != nullptr && *field == '/' && IsValidFilePath(field, path)) {
+            files.insert(path);
+        }
+        ++lines;
+        if ((lines & 0xFFFF) % kMapsLinesPerPace == 0) {
+            PROCDET_PACE_CPU(kTaskName);
+        }
+    }
+    free(line);
+}
+
+bool ProcDetStrings::IsValidFilePath(const char* text, std::string& path) const {
+    path = text;
+    SDK::StrUtils::Trim(path);
+    if (path.empty()) {
+        return false;
+    }
+    const size_t deleted = path.find(kDeletedMark);
+    if (deleted != std::string::npos) {
+        path.resize(deleted);
+    }
+    return true;
+}
+
+}  // namespace Engine

@@ -1,0 +1,5 @@
+list(APPEND PROCDET_SOURCES
+  feature_detaction/ProcDetStrings.cpp
+  feature_detaction/ProcDetStringsFiles.cpp
+  feature_detaction/ProcDetStringsMatcher.cpp
+  feature_detaction/ProcDetStringsScan.cpp)
