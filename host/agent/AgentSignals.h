@@ -1,0 +1,17 @@
+#pragma once
+
+namespace Agent {
+
+// The agent's signals are taken synchronously by the main thread: SIGHUP
+// (reload the policies), SIGTERM and SIGINT (stop).
+class AgentSignals {
+public:
+    // Blocks the three signals in the calling thread, so every thread started
+    // afterwards inherits the mask, and ignores SIGPIPE (a closed reader of
+    // standard output must show up as EPIPE). Call first thing in main.
+    static void BlockInProcess();
+    // Waits for one of the three and returns it.
+    static int Wait();
+};
+
+}  // namespace Agent

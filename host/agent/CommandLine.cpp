@@ -1,0 +1,115 @@
+#include "CommandLine.h"
+
+#include <Poco/Exception.h>
+#include <Poco/Logger.h>
+#include <Poco/Util/HelpFormatter.h>
+#include <Poco/Util/Option.h>
+#include <Poco/Util/OptionException.h>
+#include <Poco/Util/OptionProcessor.h>
+#include <Poco/Util/OptionSet.h>
+
+#include <sstream>
+
+namespace Agent {
+
+namespace {
+
+using Poco::Util::Option;
+
+Poco::Util::OptionSet MakeOptions() {
+    Poco::Util::OptionSet options;
+    options.addOption(Option("prefix", "",
+                             "installation directory (default: the directory above bin/ of the "
+                             "executable, else /usr/local/corvane/)")
+                          .argument("DIR"));
+    options.addOption(
+        Option("config", "", "agent settings (default: <prefix>/conf/agent.json)").argument("FILE"));
+    options.addOption(
+        Option("policy-dir", "", "policy directory (default: <prefix>/conf/policies)").argument("DIR"));
+    options.addOption(Option("module", "",
+                             "load this module; repeatable (default: every lib*.so in "
+                             "<prefix>/module/)")
+                          .argument("FILE")
+                          .repeatable(true));
+    options.addOption(Option("alerts", "",
+                             "alert file, or - for standard output only (default: from the "
+                             "settings)")
+                          .argument("FILE"));
+    options.addOption(
+        Option("log-level", "", "error, warning, notice, information, debug or trace").argument("LEVEL"));
+    options.addOption(Option("help", "h", "show this help and exit"));
+    return options;
+}
+
+void Store(const std::string& name, const std::string& value, AgentOptions& options) {
+    if (name == "prefix") {
+        options.prefix = value;
+    } else if (name == "config") {
+        options.config = value;
+    } else if (name == "policy-dir") {
+        options.policyDir = value;
+    } else if (name == "module") {
+        options.modules.push_back(value);
+    } else if (name == "alerts") {
+        options.alerts = value;
+    } else if (name == "log-level") {
+        options.logLevel = value;
+    } else if (name == "help") {
+        options.help = true;
+    }
+}
+
+}  // namespace
+
+bool CommandLine::Parse(const std::vector<std::string>& args, AgentOptions& options, std::string& error) {
+    const Poco::Util::OptionSet set = MakeOptions();
+    Poco::Util::OptionProcessor processor(set);
+    processor.setUnixStyle(true);
+    try {
+        for (const std::string& arg : args) {
+            std::string name;
+            std::string value;
+            if (!processor.process(arg, name, value)) {
+                error = "unexpected argument \"" + arg + "\"";
+                return false;
+            }
+            if (name.empty()) {
+                continue;
+            }
+            if (value.empty() && name != "help") {
+                error = "option --" + name + " needs a value";
+                return false;
+            }
+            Store(name, value, options);
+        }
+        processor.checkRequired();
+    } catch (const Poco::Util::OptionException& failure) {
+        error = failure.displayText();
+        return false;
+    }
+    if (!options.logLevel.empty()) {
+        try {
+            Poco::Logger::parseLevel(options.logLevel);
+        } catch (const Poco::Exception&) {
+            error = "unknown log level \"" + options.logLevel + "\"";
+            return false;
+        }
+    }
+    return true;
+}
+
+std::string CommandLine::Usage() {
+    const Poco::Util::OptionSet set = MakeOptions();
+    Poco::Util::HelpFormatter formatter(set);
+    formatter.setUnixStyle(true);
+    formatter.setCommand("corvane-agent");
+    formatter.setUsage("[OPTIONS]");
+    formatter.setHeader(
+        "The host-security agent: loads its modules, delivers their policies and writes their "
+        "alerts. SIGHUP re-reads the policy directory; SIGTERM or SIGINT stops it.");
+    std::ostringstream text;
+    formatter.format(text);
+    return text.str();
+}
+
+}  // namespace Agent

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace Agent {
+
+// What the command line asks for; empty strings mean "not given".
+struct AgentOptions {
+    std::string prefix;
+    std::string config;
+    std::string policyDir;
+    std::vector<std::string> modules;
+    std::string alerts;  // "-": standard output only
+    std::string logLevel;
+    bool help = false;
+};
+
+// Parses the agent's options (GNU style: "--name value" or "--name=value").
+class CommandLine {
+public:
+    // `args` without the program name. False with a one-line reason on a usage error.
+    static bool Parse(const std::vector<std::string>& args, AgentOptions& options, std::string& error);
+    static std::string Usage();
+};
+
+}  // namespace Agent

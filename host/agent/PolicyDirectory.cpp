@@ -1,0 +1,152 @@
+#include "PolicyDirectory.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "AgentLog.h"
+#include "TextFile.h"
+
+namespace Agent {
+
+namespace {
+
+constexpr size_t kMaxPolicyBytes = 4 * 1024 * 1024;
+const std::string kSuffix = ".json";
+
+using DirHandle = std::unique_ptr<DIR, int (*)(DIR*)>;
+
+// Entry names of a directory, hidden ones (editors' and our own temporaries) left out.
+bool ListNames(const std::string& dir, std::vector<std::string>& names) {
+    DirHandle handle(::opendir(dir.c_str()), ::closedir);
+    if (!handle) {
+        return false;
+    }
+    while (const dirent* entry = ::readdir(handle.get())) {
+        if (entry->d_name[0] != '.') {
+            names.emplace_back(entry->d_name);
+        }
+    }
+    return true;
+}
+
+bool IsDirectory(const std::string& path) {
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+// "<feature>.json" gives the feature; anything else is not a policy file.
+bool FeatureOf(const std::string& fileName, std::string& feature) {
+    if (fileName.size() <= kSuffix.size() ||
+        fileName.compare(fileName.size() - kSuffix.size(), kSuffix.size(), kSuffix) != 0) {
+        return false;
+    }
+    feature = fileName.substr(0, fileName.size() - kSuffix.size());
+    return true;
+}
+
+}  // namespace
+
+PolicyDirectory::PolicyDirectory(std::string root) : root_(std::move(root)) {
+    if (root_.empty() || root_.back() != '/') {
+        root_.push_back('/');
+    }
+}
+
+std::string PolicyDirectory::PathOf(const Key& key) const {
+    return root_ + key.first + "/" + key.second + kSuffix;
+}
+
+PolicyDirectory::Snapshot PolicyDirectory::Scan() const {
+    Snapshot snapshot;
+    std::vector<std::string> ids;
+    if (!ListNames(root_, ids)) {
+        AgentLog::Error("cannot read the policy directory " + root_ + ": " + std::strerror(errno) +
+                        "; the policies in force stay as they are");
+        snapshot.rootUnreadable = true;
+        return snapshot;
+    }
+    for (const std::string& id : ids) {
+        const std::string idDir = root_ + id;
+        if (!IsDirectory(idDir)) {
+            continue;
+        }
+        std::vector<std::string> files;
+        if (!ListNames(idDir, files)) {
+            AgentLog::Error("cannot read the policy directory " + idDir + ": " + std::strerror(errno) +
+                            "; its policies in force stay as they are");
+            snapshot.unreadableIds.insert(id);
+            continue;
+        }
+        for (const std::string& file : files) {
+            Key key(id, "");
+            if (!FeatureOf(file, key.second)) {
+                continue;
+            }
+            const std::string path = PathOf(key);
+            std::string text;
+            std::string error;
+            if (!TextFile::Read(path, kMaxPolicyBytes, text, error)) {
+                AgentLog::Error("cannot read policy file " + path + " (" + error +
+                                "); the policy in force for it stays");
+                snapshot.unreadable.insert(key);
+                continue;
+            }
+            snapshot.texts.emplace(key, std::move(text));
+        }
+    }
+    return snapshot;
+}
+
+std::vector<PolicyDirectory::Change> PolicyDirectory::Diff(const std::map<Key, std::string>& delivered,
+                                                           const Snapshot& current, const std::string& root) {
+    std::vector<Change> changes;
+    auto pathOf = [&root](const Key& key) { return root + key.first + "/" + key.second + kSuffix; };
+    auto old = delivered.begin();
+    auto now = current.texts.begin();
+    // Both maps are ordered by key: one merge pass finds additions, changes and removals in order.
+    while (old != delivered.end() || now != current.texts.end()) {
+        const bool takeOld =
+            now == current.texts.end() || (old != delivered.end() && old->first < now->first);
+        const bool takeNew =
+            old == delivered.end() || (now != current.texts.end() && now->first < old->first);
+        if (takeOld) {
+            const Key& key = old->first;
+            const bool unknown = current.rootUnreadable || current.unreadableIds.count(key.first) != 0 ||
+                                 current.unreadable.count(key) != 0;
+            if (!unknown) {
+                changes.push_back({key.first, key.second, pathOf(key), kRemovedPolicy, true});
+            }
+            ++old;
+        } else if (takeNew) {
+            changes.push_back({now->first.first, now->first.second, pathOf(now->first), now->second, false});
+            ++now;
+        } else {
+            if (old->second != now->second) {
+                changes.push_back(
+                    {now->first.first, now->first.second, pathOf(now->first), now->second, false});
+            }
+            ++old;
+            ++now;
+        }
+    }
+    return changes;
+}
+
+std::vector<PolicyDirectory::Change> PolicyDirectory::FindChanges() const {
+    return Diff(delivered_, Scan(), root_);
+}
+
+void PolicyDirectory::MarkDelivered(const Change& change) {
+    const Key key(change.id, change.feature);
+    if (change.removed) {
+        delivered_.erase(key);
+    } else {
+        delivered_[key] = change.text;
+    }
+}
+
+}  // namespace Agent

@@ -1,0 +1,73 @@
+#include "PolicyPublisher.h"
+
+#include <json/json.h>
+
+#include <memory>
+
+#include "AgentLog.h"
+#include "framework/Engine.h"
+
+namespace Agent {
+
+namespace {
+
+// jsoncpp's own account of what is wrong, on one line.
+bool CheckJson(const std::string& text, std::string& error) {
+    Json::CharReaderBuilder builder;
+    builder["collectComments"] = false;
+    builder["failIfExtra"] = true;
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::Value document;
+    if (reader->parse(text.data(), text.data() + text.size(), &document, &error)) {
+        return true;
+    }
+    for (char& c : error) {
+        c = (c == '\n') ? ' ' : c;
+    }
+    return false;
+}
+
+}  // namespace
+
+PolicyPublisher::PolicyPublisher(Framework::Engine& engine, PolicyDirectory& directory)
+    : engine_(engine), directory_(directory) {}
+
+int PolicyPublisher::PublishChanges() {
+    int delivered = 0;
+    for (const PolicyDirectory::Change& change : directory_.FindChanges()) {
+        if (Publish(change)) {
+            ++delivered;
+        }
+    }
+    return delivered;
+}
+
+bool PolicyPublisher::Publish(const PolicyDirectory::Change& change) {
+    const std::string what = "policy \"" + change.feature + "\" of id " + change.id;
+    std::string error;
+    if (!change.removed && !CheckJson(change.text, error)) {
+        AgentLog::Error("policy file " + change.path + " is not valid JSON (" + error + "); the " + what +
+                        " in force stays");
+        return false;
+    }
+    const int result = engine_.DeliverPolicy(change.id, change.feature, change.text);
+    if (result == -2) {
+        AgentLog::Error("policy file " + change.path + ": no loaded module takes policy id " + change.id +
+                        "; not delivered");
+        if (change.removed) {
+            directory_.MarkDelivered(change);
+        }
+        return false;
+    }
+    if (result != 0) {
+        AgentLog::Error("policy file " + change.path + " was refused (" + std::to_string(result) + "); the " +
+                        what + " in force stays");
+        return false;
+    }
+    directory_.MarkDelivered(change);
+    AgentLog::Information(change.removed ? "policy file " + change.path + " removed: " + what + " disabled"
+                                         : "delivered " + what + " from " + change.path);
+    return true;
+}
+
+}  // namespace Agent
