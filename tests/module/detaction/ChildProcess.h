@@ -1,0 +1,77 @@
+#pragma once
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <ctime>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace DetactionTest {
+
+// A child process the test starts; killed and reaped when the object goes.
+class Child {
+public:
+    explicit Child(const std::vector<std::string>& argv) {
+        std::vector<char*> args;
+        for (const std::string& arg : argv) {
+            args.push_back(const_cast<char*>(arg.c_str()));
+        }
+        args.push_back(nullptr);
+        if (posix_spawn(&pid_, args[0], nullptr, nullptr, args.data(), environ) != 0) {
+            pid_ = -1;
+        }
+    }
+    ~Child() { Kill(); }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    int pid() const { return pid_; }
+    void Kill() {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+            pid_ = -1;
+        }
+    }
+
+private:
+    pid_t pid_ = -1;
+};
+
+// The pid of a process that has exited and been reaped.
+inline int DeadPid() {
+    Child child({"/bin/true"});
+    const int pid = child.pid();
+    child.Kill();
+    return pid;
+}
+
+// Results are stamped per second; waits until the next second begins so two
+// cycles get different stamps.
+inline void WaitNextSecond() {
+    const time_t start = time(nullptr);
+    while (time(nullptr) == start) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+inline bool WaitFor(const std::function<bool()>& done, long timeoutMs = 60000) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
+
+}  // namespace DetactionTest

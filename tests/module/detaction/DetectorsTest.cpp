@@ -1,0 +1,111 @@
+#include <gtest/gtest.h>
+
+#include <limits.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <climits>
+#include <filesystem>
+
+#include "DetactionTestUtil.h"
+#include "feature_detaction/DetectorProc.h"
+#include "feature_detaction/ProcDetCmdline.h"
+#include "feature_detaction/ProcDetCpu.h"
+#include "support/FakeProcsFullTask.h"
+
+using namespace DetactionTest;
+using TestSupport::MakeProc;
+
+namespace {
+
+std::string RealPath(const std::string& path) {
+    char buffer[PATH_MAX] = {0};
+    return realpath(path.c_str(), buffer) != nullptr ? buffer : "";
+}
+
+unsigned int Check(Engine::ProcDetBase& detector, const Engine::ProcRecord& proc,
+                   Engine::NumDetails* details = nullptr) {
+    unsigned int flags = 0;
+    Engine::NumDetails numDetails;
+    Engine::StrDetails strDetails;
+    EXPECT_TRUE(detector.CheckProcess(proc, flags, details != nullptr ? *details : numDetails, strDetails));
+    return flags;
+}
+
+TEST(DetectorsTest, LocationFlags) {
+    Engine::DetectorProc detector;
+    const std::map<std::string, unsigned int> cases = {
+        {"/tmp/x", 0x001},
+        {"/var/tmp/x", 0x001},
+        {"/var/tmpfoo/x", 0x001},
+        {"/tmpx/y", 0},
+        {"/usr/tmp/x", 0},
+        {"/home/u/.cache/a", 0x002},
+        {"/usr/bin/a (deleted)", 0x004},
+        {"/usr/bin/a (deleted) x", 0},
+        {"/tmp/.x (deleted)", 0x007},
+        {"", 0},
+    };
+    for (const auto& [path, expected] : cases) {
+        EXPECT_EQ(Check(detector, MakeProc(1, path)), expected) << path;
+    }
+}
+
+TEST(DetectorsTest, CommandLineNamesAnotherProgram) {
+    using Engine::ProcDetCmdline;
+    EXPECT_FALSE(ProcDetCmdline::IsDisguised("/usr/bin/tool3", "tool3 x.conf"));
+    EXPECT_FALSE(ProcDetCmdline::IsDisguised("/usr/bin/tool3", "/usr/bin/tool3.6 x.conf"));
+    EXPECT_FALSE(ProcDetCmdline::IsDisguised("", "anything"));
+    EXPECT_FALSE(ProcDetCmdline::IsDisguised("/usr/sbin/sshd", ""));
+    EXPECT_FALSE(ProcDetCmdline::IsDisguised("/usr/bin/python3.11", "python3 script.py"));
+    EXPECT_TRUE(ProcDetCmdline::IsDisguised("/usr/sbin/sshd", "[kworker/0:1]"));
+    EXPECT_TRUE(ProcDetCmdline::IsDisguised("/usr/bin/a", "b x"));
+    // An absolute argv0 is resolved and compared with the executable.
+    EXPECT_TRUE(ProcDetCmdline::IsDisguised("/usr/sbin/sshd", "/no/such/file x"));
+    const std::string link = "/tmp/detaction-cmdline-" + std::to_string(getpid());
+    std::filesystem::remove(link);
+    std::filesystem::create_symlink(RealPath("/bin/sleep"), link);
+    EXPECT_FALSE(ProcDetCmdline::IsDisguised(RealPath("/bin/sleep"), link + " 30"));
+    // The resolved path's end counts too: a shorter one never matches a longer executable.
+    EXPECT_TRUE(ProcDetCmdline::IsDisguised(RealPath("/bin/sleep") + "er", link + " 30"));
+    std::filesystem::remove(link);
+    EXPECT_TRUE(ProcDetCmdline::IsDisguised("/usr/bin/a (deleted)", "/usr/bin/sleep 30"));
+
+    // On a live process the command line comes from /proc.
+    Child child({"/bin/sleep", "30"});
+    ProcDetCmdline detector;
+    EXPECT_EQ(Check(detector, MakeProc(child.pid(), "/usr/sbin/sshd")), Engine::CMDLINE);
+    EXPECT_EQ(Check(detector, MakeProc(child.pid(), "/usr/bin/sleep")), 0u);
+}
+
+TEST(DetectorsTest, CpuThresholdAndForgottenPids) {
+    Child a({"/bin/sleep", "30"});
+    Child b({"/bin/sleep", "30"});
+    Engine::ProcDetCpu detector;
+    EXPECT_EQ(detector.GetHighCpuThreshold(), 9000);
+
+    detector.SetHighCpuThreshold(INT_MAX);
+    ASSERT_TRUE(detector.Prepare());
+    EXPECT_EQ(Check(detector, MakeProc(a.pid(), "/usr/bin/sleep")), 0u);
+    // A dead process yields no usage and no flag.
+    EXPECT_EQ(Check(detector, MakeProc(DeadPid(), "/usr/bin/gone")), 0u);
+    detector.Finish();
+    EXPECT_EQ(detector.GetTrackedCount(), 2u);
+
+    // Any usage lies above -1; an existing detail is left as it was.
+    WaitNextSecond();
+    detector.SetHighCpuThreshold(-1);
+    ASSERT_TRUE(detector.Prepare());
+    Engine::NumDetails details;
+    EXPECT_EQ(Check(detector, MakeProc(b.pid(), "/usr/bin/sleep"), &details), Engine::HIGHCPU);
+    ASSERT_EQ(details.count("dt_cpu"), 1u);
+    EXPECT_GE(details["dt_cpu"], 0);
+    details["dt_cpu"] = -5;
+    EXPECT_EQ(Check(detector, MakeProc(b.pid(), "/usr/bin/sleep"), &details), Engine::HIGHCPU);
+    EXPECT_EQ(details["dt_cpu"], -5);
+    // `a` and the dead pid were not checked in this cycle and are forgotten.
+    detector.Finish();
+    EXPECT_EQ(detector.GetTrackedCount(), 1u);
+}
+
+}  // namespace

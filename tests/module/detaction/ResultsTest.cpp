@@ -1,0 +1,109 @@
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <algorithm>
+#include <map>
+
+#include "DetactionTestUtil.h"
+#include "sdk/JsonUtils.h"
+#include "support/TestEngine.h"
+
+using namespace DetactionTest;
+using TestSupport::MakeProc;
+
+namespace {
+
+// The process entries of the `index`th captured alert, by pid.
+std::map<int, Json::Value> ReportedProcesses(TestSupport::CaptureReportTask& report, size_t index) {
+    std::map<int, Json::Value> byPid;
+    const auto reports = report.GetReports();
+    if (index >= reports.size()) {
+        return byPid;
+    }
+    Json::Value alert;
+    SDK::JsonUtils::ParseJsonStr(reports[index].body.c_str(), reports[index].body.size(), alert);
+    for (const Json::Value& item : alert["process_info"]) {
+        byPid[item["process_pid"].asInt()] = item;
+    }
+    return byPid;
+}
+
+// Across cycles: a finding is reported when it first appears and whenever its flag
+// set changes, kept silently while it stays the same, and dropped when no longer seen.
+TEST(ResultsTest, FindingsAreReportedOnChangeOnly) {
+    TestSupport::TestEngine env;
+    TestSupport::LogCapture log("proc_det_module");
+    Child a({"/bin/sleep", "30"});
+    Child c({"/bin/sleep", "30"});
+    Child low({"/bin/sleep", "30"});
+    const int dead = DeadPid();
+    for (int pid : {a.pid(), c.pid(), dead}) {
+        env.procs().Put(MakeProc(pid, "/usr/bin/p" + std::to_string(pid)));
+    }
+    env.procs().Put(MakeProc(low.pid(), "/tmp/low"));
+
+    TaskPtr task = MakeInitedTask(TaskSection(R"({"tmp": 1, "cpu": 3})"));
+    std::map<int, unsigned int> flagsByPid;
+    long cpuDetail = 0;
+    auto trace = std::make_shared<FakeDetector::Trace>();
+    task->GetManager().AddDetector(new FakeDetector("fake", trace,
+                                                    [&](const Engine::ProcRecord& proc, unsigned int& flags,
+                                                        Engine::NumDetails& details) {
+                                                        const auto it = flagsByPid.find(proc->pid);
+                                                        if (it != flagsByPid.end()) {
+                                                            flags |= it->second;
+                                                            details[Engine::kDetailCpu] = cpuDetail;
+                                                        }
+                                                        return true;
+                                                    }),
+                                   1);
+    auto& report = env.report();
+    auto cycle = [&](std::map<int, unsigned int> flags, long detail) {
+        WaitNextSecond();
+        flagsByPid = std::move(flags);
+        cpuDetail = detail;
+        task->GetManager().Check(1, task.get());
+    };
+
+    // A dead flagged pid is not recorded; a finding under the report score is kept but not sent.
+    cycle({{a.pid(), Engine::HIGHCPU}, {dead, Engine::HIGHCPU}, {low.pid(), Engine::PROC_TMP}}, 1);
+    Engine::ProcDetManager::ResultMap results;
+    task->GetManager().GetProcInfoMap(results);
+    EXPECT_EQ(results.count(dead), 0u);
+    EXPECT_EQ(results.count(low.pid()), 1u);
+    ASSERT_EQ(report.GetCount(), 1u);
+    auto sent = ReportedProcesses(report, 0);
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[a.pid()]["dt_cpu"].asString(), "1.0.0.0");
+    EXPECT_EQ(log.Count("DONT REPORT. pid:" + std::to_string(low.pid()) + " /tmp/low s:1<3"), 1u);
+
+    // Same flags: nothing sent, first details kept.
+    cycle({{a.pid(), Engine::HIGHCPU}, {low.pid(), Engine::PROC_TMP}}, 2);
+    EXPECT_EQ(report.GetCount(), 1u);
+    task->GetManager().GetProcInfoMap(results);
+    EXPECT_EQ(results.at(a.pid()).numDetails.at(Engine::kDetailCpu), 1);
+    EXPECT_EQ(log.Count("DetectNEW RESULT " + std::to_string(a.pid())), 1u);
+
+    // Changed flags: sent again with the new details.
+    cycle({{a.pid(), Engine::HIGHCPU | Engine::PROC_TMP}, {low.pid(), Engine::PROC_TMP}}, 3);
+    ASSERT_EQ(report.GetCount(), 2u);
+    sent = ReportedProcesses(report, 1);
+    EXPECT_EQ(sent[a.pid()]["dt_cpu"].asString(), "3.0.0.0");
+    EXPECT_EQ(sent[a.pid()]["rule"].asInt(), 0x21);
+    EXPECT_EQ(sent[a.pid()]["score"].asInt(), 4);
+
+    // A no longer flagged: dropped, and the notification carries only what remains.
+    cycle({{c.pid(), Engine::HIGHCPU}, {low.pid(), Engine::PROC_TMP}}, 4);
+    ASSERT_EQ(report.GetCount(), 3u);
+    sent = ReportedProcesses(report, 2);
+    EXPECT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent.count(c.pid()), 1u);
+
+    // Nothing flagged: everything dropped, nothing left to send.
+    cycle({}, 5);
+    task->GetManager().GetProcInfoMap(results);
+    EXPECT_TRUE(results.empty());
+    EXPECT_EQ(report.GetCount(), 3u);
+}
+
+}  // namespace
