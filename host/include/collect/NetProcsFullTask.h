@@ -10,6 +10,8 @@
 
 namespace Engine {
 
+class ConnectionSource;
+
 class NetProcsMessage : public Framework::Message {
 public:
     // One TCP connection of the host.
@@ -47,10 +49,15 @@ protected:
     ~NetProcsFullTask() override;
 
 private:
+    void RefreshIfStale();
+
     const int refreshSeconds_;
-    std::mutex mutex_;
+    std::mutex mutex_;  // guards snapshot_ and takenAtMs_
     std::shared_ptr<const NetMap> snapshot_;
     long long takenAtMs_ = -1;
+    std::mutex refreshMutex_;  // one refresh at a time; guards the sources
+    std::unique_ptr<ConnectionSource> source_;    // the faster way
+    std::unique_ptr<ConnectionSource> fallback_;  // used once source_ fails
 };
 
 }  // namespace Engine

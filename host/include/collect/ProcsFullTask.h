@@ -9,6 +9,8 @@
 
 namespace Engine {
 
+class ProcTableScanner;
+
 // "procs_full_task": keeps a snapshot of every live process, refreshed in its
 // own thread every few seconds (and on demand when older than that).
 class ProcsFullTask : public Framework::Task {
@@ -32,9 +34,11 @@ private:
     void RefreshIfStale();
 
     const int refreshSeconds_;
-    std::mutex mutex_;
+    std::mutex mutex_;  // guards snapshot_ and takenAtMs_
     std::shared_ptr<const ProcsMap> snapshot_;
     long long takenAtMs_ = -1;
+    std::mutex refreshMutex_;  // one scan at a time; guards scanner_
+    std::unique_ptr<ProcTableScanner> scanner_;
 };
 
 }  // namespace Engine

@@ -12,13 +12,21 @@ class Task;
 
 namespace Engine {
 
-// Classes of process events ("event flags") that "procs_real_task" publishes.
+// Classes of process events ("event flags") that "procs_real_task" publishes;
+// all five are delivered (EXEC only while the kernel's process connector is
+// usable, not when the task has to fall back to rescanning /proc).
+//
+// The record is read from /proc right after the event. When the process is
+// already gone, the event is still delivered with a record made from the event
+// itself: pid, ppid, for UID/GID the new real and effective ids, the parent's
+// path and start time when the parent can still be read; every other identity
+// is 0xFFFFFFFF (unknown), start times are 0 and name, paths and cmdline empty.
 enum ProcsEventFlag : unsigned int {
     PROCS_EVENT_EXEC = 1,  // a process executed a new program
     PROCS_EVENT_FORK = 2,  // a new process (not a thread) was created
     PROCS_EVENT_UID = 4,   // a process changed its user identities
     PROCS_EVENT_GID = 8,   // a process changed its group identities
-    PROCS_EVENT_EXIT = 16, // a process exited (the record is the last one known)
+    PROCS_EVENT_EXIT = 16, // a process exited (the record is the last one known: ids, ppid, start time, no paths)
 };
 
 // One process event: the pid, its event flag and the process's record, read
@@ -69,6 +77,7 @@ public:
     ProcsRegistMessage(unsigned int flag, Framework::Task* requester);
     ~ProcsRegistMessage() override;
     unsigned int GetFlag() const { return flag_; }
+    Framework::Task* GetRequester() const { return requester_; }
     // Adds the consumer to the target and counts the flag in the target's
     // subscription table (the target must be a MixedTask). Returns AddConsumer's result.
     int MessageHandle(void* target) override;
@@ -84,6 +93,7 @@ public:
     ProcsUnRegistMessage(unsigned int flag, Framework::Task* requester);
     ~ProcsUnRegistMessage() override;
     unsigned int GetFlag() const { return flag_; }
+    Framework::Task* GetRequester() const { return requester_; }
     // Returns 0.
     int MessageHandle(void* target) override;
 

@@ -1,0 +1,72 @@
+#include "ProcNetTcpSource.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "NetCollectLog.h"
+#include "ProcNetTcpParser.h"
+
+namespace Engine {
+
+namespace {
+
+// 0 or errno.
+int ReadWhole(const std::string& path, std::string& text) {
+    text.clear();
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return errno;
+    }
+    int error = 0;
+    char chunk[65536];
+    for (;;) {
+        const ssize_t got = ::read(fd, chunk, sizeof chunk);
+        if (got < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            error = errno;
+            break;
+        }
+        if (got == 0) {
+            break;
+        }
+        text.append(chunk, static_cast<size_t>(got));
+    }
+    ::close(fd);
+    return error;
+}
+
+}  // namespace
+
+ProcNetTcpSource::ProcNetTcpSource(const std::string& procRoot) : root_(procRoot) {}
+
+bool ProcNetTcpSource::Collect(NetProcsFullTask::NetMap& out, std::string& error) {
+    out.clear();
+    const struct {
+        const char* file;
+        bool ipv6;
+    } tables[] = {{"/net/tcp", false}, {"/net/tcp6", true}};
+    for (const auto& table : tables) {
+        const std::string path = root_ + table.file;
+        const int readError = ReadWhole(path, text_);
+        if (readError != 0) {
+            // A kernel without IPv6 has no tcp6; IPv4 is what matters.
+            if (table.ipv6 && readError == ENOENT) {
+                continue;
+            }
+            error = path + ": " + std::strerror(readError);
+            return false;
+        }
+        const size_t malformed = ProcNetTcpParser::ParseTable(text_, table.ipv6, out);
+        if (malformed > 0) {
+            NetCollectLog::Error(path + ": " + std::to_string(malformed) + " malformed lines skipped");
+        }
+    }
+    return true;
+}
+
+}  // namespace Engine

@@ -1,0 +1,113 @@
+#include "ProcFsReader.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace Engine {
+
+ProcFsReader::ProcFsReader(const std::string& procRoot) : root_(procRoot) {}
+
+bool ProcFsReader::IsVanished(int error) {
+    return error == ENOENT || error == ESRCH;
+}
+
+bool ProcFsReader::MakePath(char* path, size_t size, int pid, const char* file) const {
+    const int written = std::snprintf(path, size, "%s/%d/%s", root_.c_str(), pid, file);
+    return written > 0 && static_cast<size_t>(written) < size;
+}
+
+int ProcFsReader::ReadInto(const char* path, char* buffer, size_t capacity, size_t& size) {
+    size = 0;
+    const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return errno;
+    }
+    // procfs hands these files out whole to one read that is large enough; a
+    // longer file is cut at the buffer's size.
+    ssize_t got;
+    do {
+        got = ::read(fd, buffer, capacity);
+    } while (got < 0 && errno == EINTR);
+    const int error = got < 0 ? errno : 0;
+    ::close(fd);
+    if (got > 0) {
+        size = static_cast<size_t>(got);
+    }
+    return error;
+}
+
+bool ProcFsReader::Read(int pid, unsigned parts, ProcFsBuffers& buffers) const {
+    char path[PATH_MAX];
+    if (parts & kStat) {
+        auto& text = buffers.stat;
+        text.error = MakePath(path, sizeof path, pid, "stat")
+                         ? ReadInto(path, text.data, sizeof text.data, text.size)
+                         : ENAMETOOLONG;
+        if (IsVanished(text.error)) {
+            return false;
+        }
+    }
+    if (parts & kStatus) {
+        auto& text = buffers.status;
+        text.error = MakePath(path, sizeof path, pid, "status")
+                         ? ReadInto(path, text.data, sizeof text.data, text.size)
+                         : ENAMETOOLONG;
+    }
+    if (parts & kCmdline) {
+        auto& text = buffers.cmdline;
+        text.error = MakePath(path, sizeof path, pid, "cmdline")
+                         ? ReadInto(path, text.data, sizeof text.data, text.size)
+                         : ENAMETOOLONG;
+    }
+    if (parts & kExe) {
+        auto& text = buffers.exe;
+        text.size = 0;
+        text.error = 0;
+        if (!MakePath(path, sizeof path, pid, "exe")) {
+            text.error = ENAMETOOLONG;
+        } else {
+            const ssize_t got = ::readlink(path, text.data, sizeof text.data);
+            if (got < 0) {
+                text.error = errno;
+            } else if (static_cast<size_t>(got) >= sizeof text.data) {
+                text.error = ENAMETOOLONG;
+            } else {
+                text.size = static_cast<size_t>(got);
+            }
+        }
+    }
+    return true;
+}
+
+int ProcFsReader::ReadRootFile(const char* name, std::string& out) const {
+    out.clear();
+    const std::string path = root_ + "/" + name;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return errno;
+    }
+    char chunk[8192];
+    int error = 0;
+    for (;;) {
+        const ssize_t got = ::read(fd, chunk, sizeof chunk);
+        if (got < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            error = errno;
+            break;
+        }
+        if (got == 0) {
+            break;
+        }
+        out.append(chunk, static_cast<size_t>(got));
+    }
+    ::close(fd);
+    return error;
+}
+
+}  // namespace Engine

@@ -1,0 +1,165 @@
+#include "ProcTableScanner.h"
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "ProcessCollectLog.h"
+
+namespace Engine {
+
+namespace {
+
+// A pid directory name: digits only, fits an int.
+bool ParsePidName(const char* name, int& pid) {
+    long value = 0;
+    if (*name == '\0') {
+        return false;
+    }
+    for (const char* p = name; *p != '\0'; ++p) {
+        if (*p < '0' || *p > '9' || value > 100000000) {
+            return false;
+        }
+        value = value * 10 + (*p - '0');
+    }
+    pid = static_cast<int>(value);
+    return pid > 0;
+}
+
+}  // namespace
+
+ProcTableScanner::ProcTableScanner(const std::string& procRoot) : reader_(procRoot) {}
+
+const ProcRecordParser& ProcTableScanner::Parser() {
+    if (!parser_) {
+        // The boot time is fixed for the life of the system; read it once.
+        int64_t bootTime = 0;
+        std::string procStat;
+        const int error = reader_.ReadRootFile("stat", procStat);
+        if (error != 0 || !ProcRecordParser::ParseBootTime(procStat, bootTime)) {
+            ProcessCollectLog::Error("no boot time in " + reader_.GetRoot() + "/stat (" +
+                                     (error != 0 ? std::string(std::strerror(error)) : "no btime line") +
+                                     "); start times in seconds count from the epoch");
+        }
+        parser_ = std::make_unique<ProcRecordParser>(bootTime, ::sysconf(_SC_CLK_TCK));
+    }
+    return *parser_;
+}
+
+void ProcTableScanner::ResetErrors() {
+    errorCount_ = 0;
+    firstError_.clear();
+}
+
+void ProcTableScanner::NoteError(int pid, const char* part, int error) {
+    if (errorCount_++ == 0) {
+        firstError_ =
+            reader_.GetRoot() + "/" + std::to_string(pid) + "/" + part + ": " + std::strerror(error);
+    }
+}
+
+bool ProcTableScanner::ListPids(std::vector<int>& pids, std::string& error) const {
+    pids.clear();
+    DIR* dir = ::opendir(reader_.GetRoot().c_str());
+    if (dir == nullptr) {
+        error = reader_.GetRoot() + ": " + std::strerror(errno);
+        return false;
+    }
+    while (const dirent* entry = ::readdir(dir)) {
+        int pid = 0;
+        if (ParsePidName(entry->d_name, pid)) {
+            pids.push_back(pid);
+        }
+    }
+    ::closedir(dir);
+    std::sort(pids.begin(), pids.end());
+    return true;
+}
+
+bool ProcTableScanner::ReadRecord(int pid, unsigned parts, ProcsMessage::procInfo& out) {
+    const ProcRecordParser& parser = Parser();
+    ProcFsBuffers buffers;
+    if (!reader_.Read(pid, parts | ProcFsReader::kStat, buffers)) {
+        return false;
+    }
+    if (buffers.stat.error != 0) {
+        NoteError(pid, "stat", buffers.stat.error);
+        return false;
+    }
+    // A file that vanished after stat was read means the process is gone.
+    const struct {
+        unsigned part;
+        int error;
+        const char* name;
+    } others[] = {{ProcFsReader::kStatus, buffers.status.error, "status"},
+                  {ProcFsReader::kCmdline, buffers.cmdline.error, "cmdline"}};
+    for (const auto& other : others) {
+        if ((parts & other.part) && other.error != 0) {
+            if (ProcFsReader::IsVanished(other.error)) {
+                return false;
+            }
+            NoteError(pid, other.name, other.error);
+        }
+    }
+    // No exe link is normal for kernel threads and zombies.
+    if ((parts & ProcFsReader::kExe) && buffers.exe.error != 0 &&
+        !ProcFsReader::IsVanished(buffers.exe.error)) {
+        NoteError(pid, "exe", buffers.exe.error);
+    }
+    ProcTexts texts;
+    texts.stat = buffers.stat.View();
+    texts.status = (parts & ProcFsReader::kStatus) ? buffers.status.View() : std::string_view();
+    texts.cmdline = (parts & ProcFsReader::kCmdline) ? buffers.cmdline.View() : std::string_view();
+    texts.exe = (parts & ProcFsReader::kExe) ? buffers.exe.View() : std::string_view();
+    if (!parser.Build(texts, out)) {
+        NoteError(pid, "stat", EINVAL);
+        return false;
+    }
+    return true;
+}
+
+void ProcTableScanner::ReadParentFields(ProcsMessage::procInfo& record) {
+    if (record.ppid <= 0) {
+        return;
+    }
+    ProcsMessage::procInfo parent;
+    if (ReadRecord(record.ppid, ProcFsReader::kExe, parent)) {
+        record.parentExePath = std::move(parent.exePath);
+        record.parentStartTime = parent.startTime;
+    }
+}
+
+bool ProcTableScanner::TakeSnapshot(ProcsFullTask::ProcsMap& out) {
+    out.clear();
+    ResetErrors();
+    std::vector<int> pids;
+    std::string error;
+    if (!ListPids(pids, error)) {
+        ProcessCollectLog::Error("cannot list processes: " + error);
+        return false;
+    }
+    for (const int pid : pids) {
+        auto record = std::make_shared<ProcsMessage::procInfo>();
+        if (ReadRecord(pid, ProcFsReader::kAll, *record)) {
+            out.emplace_hint(out.end(), pid, std::move(record));
+        }
+    }
+    for (auto& entry : out) {
+        ProcsMessage::procInfo& record = *entry.second;
+        const auto parent = out.find(record.ppid);
+        if (parent != out.end()) {
+            record.parentExePath = parent->second->exePath;
+            record.parentStartTime = parent->second->startTime;
+        }
+    }
+    if (errorCount_ > 0) {
+        ProcessCollectLog::Error("process snapshot: " + std::to_string(errorCount_) +
+                                 " read errors, the first: " + firstError_);
+    }
+    return true;
+}
+
+}  // namespace Engine

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ProcFsReader.h"
+#include "ProcRecordParser.h"
+#include "collect/ProcsFullTask.h"
+
+namespace Engine {
+
+// Builds process records from a /proc tree: the whole table (snapshot) or one
+// pid at a time (events). Read errors other than a process vanishing are
+// counted; the first of each scan is kept for the log.
+class ProcTableScanner {
+public:
+    explicit ProcTableScanner(const std::string& procRoot);
+
+    const std::string& GetRoot() const { return reader_.GetRoot(); }
+
+    // Numeric entries of the root, ascending. False when the root cannot be listed.
+    bool ListPids(std::vector<int>& pids, std::string& error) const;
+
+    // Every live process with its parent's path and start time filled in from
+    // the same table. Returns false (and logs) when the root cannot be listed.
+    bool TakeSnapshot(ProcsFullTask::ProcsMap& out);
+
+    // One process's record (parts as in ProcFsReader; stat is always read). False
+    // when the process is gone or its stat is unreadable.
+    bool ReadRecord(int pid, unsigned parts, ProcsMessage::procInfo& out);
+
+    // Fills parentExePath and parentStartTime of `record` by reading its parent.
+    void ReadParentFields(ProcsMessage::procInfo& record);
+
+    // Errors counted since the last TakeSnapshot / ResetErrors, and the first one.
+    unsigned long GetErrorCount() const { return errorCount_; }
+    const std::string& GetFirstError() const { return firstError_; }
+    void ResetErrors();
+
+private:
+    const ProcRecordParser& Parser();
+    void NoteError(int pid, const char* part, int error);
+
+    ProcFsReader reader_;
+    std::unique_ptr<ProcRecordParser> parser_;
+    unsigned long errorCount_ = 0;
+    std::string firstError_;
+};
+
+}  // namespace Engine

@@ -1,0 +1,327 @@
+#include "ProcsRealTask.h"
+
+#include <chrono>
+#include <utility>
+
+#include "ProcConnectorReader.h"
+#include "ProcessCollectLog.h"
+#include "sdk/ProcessUtils.h"
+
+namespace Engine {
+
+namespace {
+
+long long SteadyNowMs() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+constexpr long long kPollIntervalMs = 1000;
+constexpr long long kLogIntervalMs = 10000;  // repeated trouble is summed up at most this often
+constexpr size_t kEventsPerBatch = 1024;
+
+unsigned int FlagOf(ProcEvent::Kind kind) {
+    switch (kind) {
+        case ProcEvent::Kind::kFork:
+            return PROCS_EVENT_FORK;
+        case ProcEvent::Kind::kExec:
+            return PROCS_EVENT_EXEC;
+        case ProcEvent::Kind::kUid:
+            return PROCS_EVENT_UID;
+        case ProcEvent::Kind::kGid:
+            return PROCS_EVENT_GID;
+        case ProcEvent::Kind::kExit:
+            return PROCS_EVENT_EXIT;
+        default:
+            return 0;
+    }
+}
+
+}  // namespace
+
+ProcsRealTask::ProcsRealTask(size_t backlogLimit)
+    : MixedTask(kTaskName, "procs_collect_feature", Framework::TaskCondition::TASK_TYPE_RESIDENT,
+                kQueueCapacity),
+      dispatcher_(backlogLimit) {}
+
+ProcsRealTask::~ProcsRealTask() = default;
+
+bool ProcsRealTask::InterceptMsg(std::shared_ptr<Framework::Message>& message) {
+    if (dynamic_cast<ProcsRegistMessage*>(message.get()) != nullptr ||
+        dynamic_cast<ProcsUnRegistMessage*>(message.get()) != nullptr) {
+        std::lock_guard<std::mutex> lock(pendingMutex_);
+        pending_.push_back(message);
+        return true;
+    }
+    return MixedTask::InterceptMsg(message);
+}
+
+void ProcsRealTask::ApplyPendingSubscriptions() {
+    std::vector<std::shared_ptr<Framework::Message>> pending;
+    {
+        std::lock_guard<std::mutex> lock(pendingMutex_);
+        pending.swap(pending_);
+    }
+    for (const auto& message : pending) {
+        // The message keeps the framework's consumer list and the subscription table;
+        // the dispatcher is what actually delivers.
+        message->MessageHandle(static_cast<Framework::Task*>(this));
+        if (const auto* regist = dynamic_cast<const ProcsRegistMessage*>(message.get())) {
+            dispatcher_.Subscribe(regist->GetRequester(), regist->GetFlag());
+        } else if (const auto* unregist = dynamic_cast<const ProcsUnRegistMessage*>(message.get())) {
+            dispatcher_.Unsubscribe(unregist->GetRequester(), unregist->GetFlag());
+        }
+    }
+    BulkConsumeMsg(64);  // nothing else is expected here; keep the queue from filling up
+}
+
+void ProcsRealTask::EnsureScanner() {
+    const std::string& root = SDK::ProcessUtils::GetProcRoot();
+    if (!scanner_ || scanner_->GetRoot() != root) {
+        scanner_ = std::make_unique<ProcTableScanner>(root);
+    }
+}
+
+int ProcsRealTask::Run() {
+    EnsureScanner();
+    ProcConnectorReader reader;
+    std::string detail;
+    const auto opened = reader.Open(detail);
+    if (opened == ProcConnectorReader::OpenResult::kOk) {
+        ProcessCollectLog::Info("process events from the kernel process connector, receive buffer " +
+                                std::to_string(reader.GetReceiveBufferBytes()) + " bytes");
+    } else {
+        ProcessCollectLog::Error(std::string(opened == ProcConnectorReader::OpenResult::kNoPrivilege
+                                                 ? "no privilege for the kernel process connector ("
+                                                 : "kernel process connector unavailable (") +
+                                 detail +
+                                 "): rescanning /proc every second instead; exec events are not reported");
+    }
+    // The baseline is taken once the socket listens, so no process falls in between.
+    known_.Reset(ScanIdentities());
+    UpdateCounters();
+    ready_.store(true);
+    if (opened != ProcConnectorReader::OpenResult::kOk || !RunConnector(reader)) {
+        reader.Close();
+        RunPolling();
+    }
+    ready_.store(false);
+    return 0;
+}
+
+bool ProcsRealTask::RunConnector(ProcConnectorReader& reader) {
+    long long lastOverrunLog = -kLogIntervalMs;
+    unsigned long overrunsLogged = 0;
+    long long lastErrorLog = 0;
+    while (!IsStopRequested()) {
+        ApplyPendingSubscriptions();
+        // With a backlog waiting, come back soon to offer it again.
+        const int timeoutMs = dispatcher_.GetBacklogSize() > 0 ? 5 : 100;
+        std::string detail;
+        events_.clear();
+        const auto result = reader.Receive(timeoutMs, kEventsPerBatch, events_, detail);
+        for (const ProcEvent& event : events_) {
+            if (event.kind == ProcEvent::Kind::kAck && event.realId != 0) {
+                ProcessCollectLog::Error("the kernel refused process events (error " +
+                                         std::to_string(event.realId) +
+                                         "): rescanning /proc every second instead");
+                return false;
+            }
+            HandleEvent(event);
+        }
+        if (result == ProcConnectorReader::ReadResult::kOverrun) {
+            ++counters_.overruns;
+            const long long now = SteadyNowMs();
+            if (now - lastOverrunLog >= kLogIntervalMs) {
+                ProcessCollectLog::Error("process events lost by the kernel (" +
+                                         std::to_string(counters_.overruns - overrunsLogged) +
+                                         " receive buffer overruns); rescanning /proc to catch up");
+                lastOverrunLog = now;
+                overrunsLogged = counters_.overruns;
+            }
+            Rescan();
+        } else if (result == ProcConnectorReader::ReadResult::kFailed) {
+            ProcessCollectLog::Error(detail + ": rescanning /proc every second instead");
+            return false;
+        }
+        dispatcher_.Offer();
+        UpdateCounters();
+        const long long now = SteadyNowMs();
+        if (now - lastErrorLog >= kLogIntervalMs && scanner_->GetErrorCount() > 0) {
+            ProcessCollectLog::Error(
+                "reading processes after events: " + std::to_string(scanner_->GetErrorCount()) +
+                " read errors, the first: " + scanner_->GetFirstError());
+            scanner_->ResetErrors();
+            lastErrorLog = now;
+        }
+    }
+    return true;
+}
+
+void ProcsRealTask::RunPolling() {
+    counters_.polling = true;
+    long long nextScan = 0;
+    while (!IsStopRequested()) {
+        ApplyPendingSubscriptions();
+        const long long now = SteadyNowMs();
+        if (now >= nextScan) {
+            Rescan();
+            nextScan = now + kPollIntervalMs;
+        }
+        dispatcher_.Offer();
+        UpdateCounters();
+        if (sleep(dispatcher_.GetBacklogSize() > 0 ? 5 : 50)) {
+            break;
+        }
+    }
+}
+
+void ProcsRealTask::HandleEvent(const ProcEvent& event) {
+    const unsigned int flag = FlagOf(event.kind);
+    // Thread creation and thread exit are no process events.
+    if (flag == 0 || !event.IsProcessLevel()) {
+        return;
+    }
+    ++counters_.events;
+    const int pid = event.tgid;
+    if (flag == PROCS_EVENT_EXIT) {
+        if (dispatcher_.Wants(flag)) {
+            const KnownProcess* state = known_.Find(pid);
+            Publish(pid, flag,
+                    state != nullptr ? RecordFromKnown(pid, *state) : RecordFromEvent(event, flag));
+        }
+        known_.Apply(event);
+        return;
+    }
+    // A fork the last rescan already published carries the start time it saw.
+    int64_t rescannedStart = -1;
+    if (flag == PROCS_EVENT_FORK) {
+        if (const KnownProcess* state = known_.Find(pid)) {
+            rescannedStart = state->startTime;
+        }
+    }
+    known_.Apply(event);
+    if (!dispatcher_.Wants(flag)) {
+        return;
+    }
+    std::shared_ptr<ProcsMessage::procInfo> record = ReadRecord(pid);
+    if (record) {
+        if (rescannedStart >= 0 && record->startTime == rescannedStart) {
+            known_.Update(pid, KnownProcess::FromRecord(*record));
+            return;
+        }
+        known_.Update(pid, KnownProcess::FromRecord(*record));
+    } else {
+        record = RecordFromEvent(event, flag);
+        ++counters_.partial;
+    }
+    Publish(pid, flag, std::move(record));
+}
+
+std::map<int, KnownProcess> ProcsRealTask::ScanIdentities() {
+    EnsureScanner();
+    std::map<int, KnownProcess> live;
+    std::vector<int> pids;
+    std::string error;
+    if (!scanner_->ListPids(pids, error)) {
+        ProcessCollectLog::Error("cannot list processes: " + error);
+        return live;
+    }
+    for (const int pid : pids) {
+        ProcsMessage::procInfo record;
+        if (scanner_->ReadRecord(pid, ProcFsReader::kStatus, record)) {
+            live.emplace_hint(live.end(), pid, KnownProcess::FromRecord(record));
+        }
+    }
+    return live;
+}
+
+void ProcsRealTask::Rescan() {
+    ++counters_.rescans;
+    std::map<int, KnownProcess> live = ScanIdentities();
+    for (const auto& change : known_.Reconcile(live)) {
+        if (!dispatcher_.Wants(change.flag)) {
+            continue;
+        }
+        if (change.flag == PROCS_EVENT_EXIT) {
+            Publish(change.pid, change.flag, RecordFromKnown(change.pid, change.before));
+            continue;
+        }
+        std::shared_ptr<ProcsMessage::procInfo> record = ReadRecord(change.pid);
+        if (!record) {
+            record = RecordFromKnown(change.pid, live[change.pid]);
+            ++counters_.partial;
+        }
+        Publish(change.pid, change.flag, std::move(record));
+    }
+    if (scanner_->GetErrorCount() > 0) {
+        ProcessCollectLog::Error("process rescan: " + std::to_string(scanner_->GetErrorCount()) +
+                                 " read errors, the first: " + scanner_->GetFirstError());
+        scanner_->ResetErrors();
+    }
+}
+
+void ProcsRealTask::Publish(int pid, unsigned int flag, std::shared_ptr<ProcsMessage::procInfo> record) {
+    const std::shared_ptr<Framework::Message> message =
+        std::make_shared<ProcsMessage>(pid, flag, std::move(record));
+    dispatcher_.Publish(flag, message);
+    ++counters_.published;
+}
+
+std::shared_ptr<ProcsMessage::procInfo> ProcsRealTask::ReadRecord(int pid) {
+    auto record = std::make_shared<ProcsMessage::procInfo>();
+    if (!scanner_->ReadRecord(pid, ProcFsReader::kAll, *record)) {
+        return nullptr;
+    }
+    scanner_->ReadParentFields(*record);
+    return record;
+}
+
+std::shared_ptr<ProcsMessage::procInfo> ProcsRealTask::RecordFromEvent(const ProcEvent& event,
+                                                                       unsigned int flag) {
+    auto record = std::make_shared<ProcsMessage::procInfo>();
+    record->pid = event.tgid;
+    if (flag == PROCS_EVENT_FORK || (flag == PROCS_EVENT_EXIT && event.parentTgid > 0)) {
+        record->ppid = event.parentTgid;
+    } else if (const KnownProcess* state = known_.Find(event.tgid)) {
+        record->ppid = state->ppid;
+    }
+    if (flag == PROCS_EVENT_UID) {
+        record->uid = event.realId;
+        record->euid = event.effectiveId;
+    } else if (flag == PROCS_EVENT_GID) {
+        record->gid = event.realId;
+        record->egid = event.effectiveId;
+    }
+    scanner_->ReadParentFields(*record);
+    return record;
+}
+
+std::shared_ptr<ProcsMessage::procInfo> ProcsRealTask::RecordFromKnown(int pid, const KnownProcess& state) {
+    auto record = std::make_shared<ProcsMessage::procInfo>();
+    record->pid = pid;
+    record->ppid = state.ppid;
+    record->startTime = state.startTime > 0 ? state.startTime : 0;
+    record->uid = state.uid;
+    record->euid = state.euid;
+    record->suid = state.suid;
+    record->gid = state.gid;
+    record->egid = state.egid;
+    record->sgid = state.sgid;
+    return record;
+}
+
+void ProcsRealTask::UpdateCounters() {
+    counters_.backlog = dispatcher_.GetBacklogSize();
+    counters_.dropped = dispatcher_.GetDroppedCount();
+    std::lock_guard<std::mutex> lock(countersMutex_);
+    shared_ = counters_;
+}
+
+ProcsRealTask::Counters ProcsRealTask::GetCounters() const {
+    std::lock_guard<std::mutex> lock(countersMutex_);
+    return shared_;
+}
+
+}  // namespace Engine

@@ -1,0 +1,101 @@
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "KnownProcessTable.h"
+#include "ProcEvent.h"
+#include "ProcTableScanner.h"
+#include "SubscriberDispatcher.h"
+#include "collect/MixedTask.h"
+
+namespace Engine {
+
+class ProcConnectorReader;
+
+// "procs_real_task": publishes process events to the tasks that subscribed to
+// them with ProcsRegistMessage, each as a ProcsMessage carrying the pid and the
+// process's record read from /proc right after the event.
+//
+// Events delivered, by flag: PROCS_EVENT_FORK (a new process; thread creation
+// is not reported), PROCS_EVENT_EXEC, PROCS_EVENT_UID, PROCS_EVENT_GID (the
+// process's real/effective ids changed) and PROCS_EVENT_EXIT (the record is the
+// last state the task knew: pid, ppid, identities, start time; no paths).
+//
+// When the process is gone before its record can be read, the event is still
+// delivered, with a record built from the event itself: pid and ppid (a fork's
+// parent; for the other kinds the last known parent), the new real and effective
+// ids for UID/GID events, every other identity 0xFFFFFFFF (unknown), start times
+// 0, empty name, paths and command line; the parent's path and start time are
+// filled when the parent can still be read.
+//
+// Source: the kernel's process connector. Events the kernel had to drop (receive
+// buffer overrun) are made up for by rescanning /proc: unknown pids are
+// published as FORK, changed identities as UID/GID, vanished pids as EXIT.
+// Without the privilege for the connector the task rescans /proc every second
+// instead (EXEC is then not reported). A subscriber whose queue is full gets a
+// backlog here (see SubscriberDispatcher), so the connector is always drained.
+class ProcsRealTask : public MixedTask {
+public:
+    static constexpr const char* kTaskName = "procs_real_task";
+    static constexpr unsigned int kQueueCapacity = 4096;
+
+    struct Counters {
+        unsigned long events = 0;     // process-level events received from the kernel
+        unsigned long published = 0;  // messages published (per event, not per subscriber)
+        unsigned long partial = 0;    // published with a record built from the event
+        unsigned long overruns = 0;   // receive buffer overruns (events lost by the kernel)
+        unsigned long rescans = 0;    // /proc rescans (after overruns, or polls)
+        unsigned long dropped = 0;    // messages dropped at a full backlog
+        size_t backlog = 0;           // messages held back now
+        bool polling = false;         // rescanning /proc instead of the connector
+    };
+
+    explicit ProcsRealTask(size_t backlogLimit = 1000000);
+
+    int Run() override;
+    // Subscriptions are taken out of the queue and applied by Run between two
+    // batches of events, on the task's own thread.
+    bool InterceptMsg(std::shared_ptr<Framework::Message>& message) override;
+
+    Counters GetCounters() const;
+    // True once Run is receiving events (or polling); for tests and benchmarks.
+    bool IsReady() const { return ready_.load(); }
+
+protected:
+    ~ProcsRealTask() override;
+
+private:
+    void ApplyPendingSubscriptions();
+    bool RunConnector(ProcConnectorReader& reader);  // false: switch to polling
+    void RunPolling();
+    void HandleEvent(const ProcEvent& event);
+    void Rescan();
+    std::map<int, KnownProcess> ScanIdentities();
+    void Publish(int pid, unsigned int flag, std::shared_ptr<ProcsMessage::procInfo> record);
+    std::shared_ptr<ProcsMessage::procInfo> ReadRecord(int pid);
+    std::shared_ptr<ProcsMessage::procInfo> RecordFromEvent(const ProcEvent& event, unsigned int flag);
+    std::shared_ptr<ProcsMessage::procInfo> RecordFromKnown(int pid, const KnownProcess& state);
+    void EnsureScanner();
+    void UpdateCounters();
+
+    std::mutex pendingMutex_;
+    std::vector<std::shared_ptr<Framework::Message>> pending_;  // subscription messages
+
+    // Touched by Run's thread only.
+    SubscriberDispatcher dispatcher_;
+    KnownProcessTable known_;
+    std::unique_ptr<ProcTableScanner> scanner_;
+    std::vector<ProcEvent> events_;
+    Counters counters_;
+
+    mutable std::mutex countersMutex_;
+    Counters shared_;  // copy of counters_ for other threads
+    std::atomic<bool> ready_{false};
+};
+
+}  // namespace Engine
