@@ -1,0 +1,220 @@
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <ctime>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "StringsTestSupport.h"
+#include "support/LogCapture.h"
+
+namespace {
+
+using Engine::ProcDetStrings;
+using Engine::ProcDetStringsPeer;
+using StringsTest::Elf;
+using StringsTest::TempDir;
+using StringsTest::WriteFile;
+
+constexpr long kNoLimit = 1L << 30;
+
+class StringsCacheTest : public ::testing::Test {
+protected:
+    StringsCacheTest() : log("proc_det_module") {
+        detector.Init({"aa", "bb", "zz"}, kNoLimit, 0x20, StringsTest::ModuleLogger());
+    }
+
+    bool Match(const std::string& path, std::string& result) {
+        return detector.MatchStrings(path, false, running, result);
+    }
+
+    TempDir dir;
+    TestSupport::LogCapture log;
+    ProcDetStrings detector;
+    const bool running = true;
+};
+
+TEST_F(StringsCacheTest, UnchangedFilesHitTheCacheChangedOnesAreReadAgain) {
+    const std::string path = dir.File("prog");
+    WriteFile(path, Elf("\nxbbx\naa\n"));
+    std::string result;
+    ASSERT_TRUE(Match(path, result));
+    EXPECT_EQ(result, "aa,bb");
+    ASSERT_TRUE(Match(path, result));
+    EXPECT_EQ(result, "aa,bb");
+    EXPECT_EQ(log.Count("CHECK file " + path + " str match 2"), 1u);
+
+    // Same size, new content: the cached result stands.
+    WriteFile(path, Elf("\nxxxx\nzz\n"));
+    ASSERT_TRUE(Match(path, result));
+    EXPECT_EQ(result, "aa,bb");
+
+    // Another size: read at every call, the entry keeping its first size.
+    const long firstSize = static_cast<long>(Elf("\nxbbx\naa\n").size());
+    WriteFile(path, Elf("\nzz\n"));
+    ASSERT_TRUE(Match(path, result));
+    EXPECT_EQ(result, "zz");
+    ASSERT_TRUE(Match(path, result));
+    EXPECT_EQ(log.Count("CHECK file " + path + " str match 1"), 2u);
+    EXPECT_EQ(ProcDetStringsPeer::Cache(detector).at(path).fileSize, firstSize);
+
+    // Files that fail selection or cannot be read leave no result.
+    const std::string text = dir.File("text");
+    WriteFile(text, "aa\n");
+    EXPECT_FALSE(Match(text, result));
+    EXPECT_EQ(ProcDetStringsPeer::Cache(detector).count(text), 0u);
+}
+
+TEST_F(StringsCacheTest, AFullCacheRefusesNewFilesButStillHits) {
+    const std::string cached = dir.File("cached");
+    WriteFile(cached, Elf("\naa\n"));
+    std::string result;
+    ASSERT_TRUE(Match(cached, result));
+    auto& cache = ProcDetStringsPeer::Cache(detector);
+    for (int i = 1; i < 200; ++i) {
+        cache["/dummy/" + std::to_string(i)];
+    }
+    const std::string fresh = dir.File("fresh");
+    WriteFile(fresh, Elf("\nbb\n"));
+    EXPECT_FALSE(Match(fresh, result));
+    EXPECT_TRUE(log.Contains("strings cache is too match. 200"));
+    EXPECT_EQ(cache.size(), 200u);
+    ASSERT_TRUE(Match(cached, result));
+    EXPECT_EQ(result, "aa");
+    EXPECT_EQ(log.Count("CHECK file " + cached), 1u);
+}
+
+// Runs `step` with the wall-clock second it started in, again if the second
+// changed while it ran, so that horizons measured from "now" are exact.
+void WithinOneSecond(const std::function<void(time_t)>& step) {
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        const time_t now = time(nullptr);
+        step(now);
+        if (time(nullptr) == now) {
+            return;
+        }
+    }
+    FAIL() << "the clock kept changing second";
+}
+
+TEST_F(StringsCacheTest, FinishCleansAtMostEvery600SecondsEntriesUnusedPast1800) {
+    auto& cache = ProcDetStringsPeer::Cache(detector);
+    time_t& lastClean = ProcDetStringsPeer::LastCleanTime(detector);
+    WithinOneSecond([&](time_t now) {
+        cache.clear();
+        log.Clear();
+        lastClean = 0;
+        cache["/kept"].lastAccess = now - 1800;
+        cache["/ahead"].lastAccess = now + 1800;
+        cache["/old"].lastAccess = now - 1801;
+        cache["/future"].lastAccess = now + 1801;
+        detector.Finish();
+        detector.Finish();  // within 599 s of the first: no second cleaning
+        lastClean = now - 599;
+        detector.Finish();
+    });
+    EXPECT_EQ(log.Count("clean stringsInfoMap size=2"), 1u);
+    EXPECT_EQ(cache.size(), 2u);
+    EXPECT_EQ(cache.count("/kept") + cache.count("/ahead"), 2u);
+
+    WithinOneSecond([&](time_t now) {
+        log.Clear();
+        lastClean = now - 600;
+        cache["/stale"].lastAccess = now - 5000;
+        detector.Finish();
+    });
+    EXPECT_EQ(log.Count("clean stringsInfoMap size=2"), 1u);
+}
+
+// The name of the test library's keyword, spelled backwards so that this binary
+// does not itself hold it.
+std::string LibraryKeyword() {
+    std::string keyword = "3b7a-rekram-os-enavroc";
+    std::reverse(keyword.begin(), keyword.end());
+    return keyword;
+}
+
+Engine::ProcRecord Record(int pid, const std::string& exePath) {
+    auto proc = std::make_shared<Engine::ProcsMessage::procInfo>();
+    proc->pid = pid;
+    proc->exePath = exePath;
+    return proc;
+}
+
+TEST_F(StringsCacheTest, CheckProcessSearchesTheExecutableThenMappedFiles) {
+    void* library = dlopen(STRINGS_KEYWORD_LIBRARY, RTLD_NOW);
+    ASSERT_NE(library, nullptr) << dlerror();
+    char libraryPath[4097] = {0};
+    ASSERT_NE(realpath(STRINGS_KEYWORD_LIBRARY, libraryPath), nullptr);
+
+    const std::string exe = dir.File("prog");
+    WriteFile(exe, Elf("\nbb\naa\n"));
+    Engine::NumDetails numDetails;
+    Engine::StrDetails strDetails;
+
+    // Not flagged by the mask: untouched and nothing read.
+    unsigned int flags = 0x01;
+    EXPECT_TRUE(detector.CheckProcess(Record(getpid(), exe), flags, numDetails, strDetails));
+    EXPECT_EQ(flags, 0x01u);
+    EXPECT_TRUE(strDetails.empty());
+    EXPECT_FALSE(log.Contains("CHECK file"));
+
+    // A hit in the executable: mapped files are not examined.
+    flags = 0x20;
+    EXPECT_TRUE(detector.CheckProcess(Record(getpid(), exe), flags, numDetails, strDetails));
+    EXPECT_EQ(flags, 0x60u);
+    EXPECT_EQ(strDetails, (Engine::StrDetails{{"dt_strings", "aa,bb"}}));
+    EXPECT_TRUE(log.Contains("Strings pid:" + std::to_string(getpid()) + " path:" + exe + " str:aa,bb"));
+    EXPECT_FALSE(log.Contains("try to check SOFILE"));
+    EXPECT_TRUE(numDetails.empty());
+
+    // Nothing in the executable: the first mapped file with a hit is named. The
+    // keyword is one that only the test library holds.
+    detector.Init({LibraryKeyword()}, kNoLimit, 0x20, StringsTest::ModuleLogger());
+    const std::string plain = dir.File("plain");
+    WriteFile(plain, Elf("\nnothing\n"));
+    flags = 0x20;
+    strDetails.clear();
+    EXPECT_TRUE(detector.CheckProcess(Record(getpid(), plain), flags, numDetails, strDetails));
+    EXPECT_EQ(flags, 0x60u);
+    EXPECT_EQ(strDetails, (Engine::StrDetails{{"dt_strings", LibraryKeyword()},
+                                              {"dt_str_so", std::string(libraryPath)}}));
+    EXPECT_TRUE(log.Contains("SoStrings pid:" + std::to_string(getpid()) + " path:" + libraryPath));
+
+    // Arriving with STRINGS set: only the executable is examined.
+    log.Clear();
+    flags = 0x60;
+    strDetails.clear();
+    EXPECT_TRUE(detector.CheckProcess(Record(getpid(), plain), flags, numDetails, strDetails));
+    EXPECT_TRUE(strDetails.empty());
+    EXPECT_FALSE(log.Contains("try to check SOFILE"));
+
+    // A deleted executable is read through /proc/<pid>/exe, which is the cache key.
+    log.Clear();
+    flags = 0x24;
+    strDetails.clear();
+    EXPECT_TRUE(detector.CheckProcess(Record(getpid(), exe + " (deleted)"), flags, numDetails, strDetails));
+    const std::string link = "/proc/" + std::to_string(getpid()) + "/exe";
+    EXPECT_EQ(ProcDetStringsPeer::Cache(detector).count(link), 1u);
+    EXPECT_TRUE(log.Contains("CHECK file " + link));
+
+    // An executable that cannot be stat'ed or is over the limit ends the examination.
+    log.Clear();
+    flags = 0x20;
+    EXPECT_TRUE(detector.CheckProcess(Record(getpid(), dir.File("gone")), flags, numDetails, strDetails));
+    EXPECT_EQ(flags, 0x20u);
+    EXPECT_TRUE(log.Contains("get stat of [" + dir.File("gone") + "] failed."));
+    EXPECT_FALSE(log.Contains("try to check SOFILE"));
+    detector.Init({"aa"}, 10, 0x20, StringsTest::ModuleLogger());
+    EXPECT_TRUE(detector.CheckProcess(Record(getpid(), exe), flags, numDetails, strDetails));
+    EXPECT_EQ(flags, 0x20u);
+    EXPECT_TRUE(log.Contains("str [" + exe + "] size:"));
+    EXPECT_FALSE(log.Contains("try to check SOFILE"));
+    dlclose(library);
+}
+
+}  // namespace

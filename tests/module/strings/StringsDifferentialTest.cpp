@@ -1,0 +1,240 @@
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "StringsTestSupport.h"
+
+// The detector's keyword search against a plain reference: split the bytes the
+// reader takes into runs of graphic bytes, and look for every keyword in every
+// run that a non-graphic byte closes, or in the overlapping pieces a run longer
+// than the carry area is cut into.
+namespace {
+
+using StringsTest::TempDir;
+
+constexpr size_t kChunk = 4096;
+
+bool Graphic(unsigned char byte) {
+    return byte > 0x20 && byte < 0x7F;
+}
+
+std::set<std::string> ReferenceScan(const std::string& data, const std::set<std::string>& keywords,
+                                    long limit) {
+    size_t longest = 0;
+    for (const std::string& keyword : keywords) {
+        longest = std::max(longest, keyword.size());
+    }
+    size_t readable = 0;
+    if (limit > 0) {
+        const size_t chunks = (static_cast<size_t>(limit) + kChunk - 1) / kChunk;
+        readable = std::min(data.size(), chunks * kChunk);
+    }
+    std::set<std::string> found;
+    auto test = [&](size_t from, size_t to) {
+        const std::string piece = data.substr(from, to - from);
+        for (const std::string& keyword : keywords) {
+            // Searched as a C string: up to its first NUL.
+            const std::string needle = keyword.substr(0, keyword.find('\0'));
+            if (keyword.size() <= piece.size() && piece.find(needle) != std::string::npos) {
+                found.insert(keyword);
+            }
+        }
+    };
+    bool open = false;
+    size_t start = 0;
+    for (size_t at = 0; at < readable; ++at) {
+        const bool graphic = Graphic(static_cast<unsigned char>(data[at]));
+        if (open && !graphic) {
+            test(start, at);
+            open = false;
+        } else if (!open && graphic) {
+            open = true;
+            start = at;
+        }
+        const size_t end = at + 1;
+        if ((end % kChunk == 0 || end == readable) && open && end - start > kChunk) {
+            test(start, end);
+            start = end - longest;
+        }
+    }
+    return found;
+}
+
+class Generator {
+public:
+    explicit Generator(unsigned seed) : random_(seed) {}
+
+    size_t Below(size_t bound) {
+        return bound == 0 ? 0 : std::uniform_int_distribution<size_t>(0, bound - 1)(random_);
+    }
+    bool OneIn(size_t n) { return Below(n) == 0; }
+
+    // Runs of a small alphabet (so keywords recur) between non-graphic bytes, now
+    // and then a run longer than the carry area.
+    std::string Content(size_t size) {
+        static const std::string alphabet = "abcAB+:/.-";
+        static const std::string separators = std::string("\0\n \x7f\x80\xff\t", 7);
+        std::string data;
+        while (data.size() < size) {
+            size_t run = OneIn(40) ? 4000 + Below(9000) : Below(24);
+            while (run-- > 0 && data.size() < size) {
+                data += OneIn(8) ? static_cast<char>(0x21 + Below(94)) : alphabet[Below(alphabet.size())];
+            }
+            const size_t gap = 1 + Below(3);
+            for (size_t i = 0; i < gap && data.size() < size; ++i) {
+                data += OneIn(10) ? static_cast<char>(Below(256)) : separators[Below(separators.size())];
+            }
+        }
+        return data;
+    }
+
+    // Keywords taken from the content, random ones, and odd ones.
+    std::set<std::string> Keywords(const std::string& data) {
+        std::set<std::string> keywords;
+        const size_t count = Below(8);
+        for (size_t i = 0; i < count; ++i) {
+            std::string keyword;
+            if (!data.empty() && !OneIn(3)) {
+                const size_t length = 1 + Below(12);
+                keyword = data.substr(Below(data.size()), length);
+            } else {
+                const size_t length = 1 + Below(6);
+                for (size_t k = 0; k < length; ++k) {
+                    keyword += "abcAB+:/.-"[Below(10)];
+                }
+            }
+            if (OneIn(25)) {
+                keyword.insert(Below(keyword.size() + 1), 1, "\0 \x80"[Below(3)]);
+            }
+            if (OneIn(60)) {
+                keyword.clear();
+            }
+            keywords.insert(keyword);
+        }
+        return keywords;
+    }
+
+    long Limit(size_t size) {
+        const long choices[] = {0,
+                                1,
+                                4095,
+                                4096,
+                                4097,
+                                5000,
+                                8192,
+                                static_cast<long>(size) - 1,
+                                static_cast<long>(size),
+                                static_cast<long>(size) + 1,
+                                static_cast<long>(Below(size + 2)),
+                                1L << 30};
+        return choices[Below(std::size(choices))];
+    }
+
+    // Writes `keyword` closed by a NUL at a random place.
+    void Plant(std::string& data, const std::string& keyword) {
+        if (keyword.size() + 1 >= data.size()) {
+            return;
+        }
+        const size_t at = Below(data.size() - keyword.size());
+        data.replace(at, keyword.size(), keyword);
+        data[at + keyword.size()] = '\0';
+    }
+
+private:
+    std::mt19937 random_;
+};
+
+std::set<std::string> DetectorScan(const TempDir& dir, const std::string& data,
+                                   const std::set<std::string>& keywords, long limit) {
+    return StringsTest::ScanContent(dir, data, keywords, limit);
+}
+
+TEST(StringsDifferentialTest, SyntheticFilesMatchTheReferenceScan) {
+    TempDir dir;
+    Generator generate(20240611);
+    for (int round = 0; round < 3000; ++round) {
+        const std::string data =
+            generate.Content(generate.OneIn(4) ? generate.Below(40000) : generate.Below(9000));
+        const std::set<std::string> keywords = generate.Keywords(data);
+        const long limit = generate.Limit(data.size());
+        ASSERT_EQ(DetectorScan(dir, data, keywords, limit), ReferenceScan(data, keywords, limit))
+            << "round " << round << " size " << data.size() << " limit " << limit;
+    }
+}
+
+std::vector<std::string> ElfBinaries() {
+    std::vector<std::string> paths;
+    DIR* bin = opendir("/usr/bin");
+    if (bin == nullptr) {
+        return paths;
+    }
+    while (dirent* entry = readdir(bin)) {
+        const std::string path = std::string("/usr/bin/") + entry->d_name;
+        struct stat st;
+        if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < 4096 ||
+            st.st_size > (4 << 20)) {
+            continue;
+        }
+        std::ifstream in(path, std::ios::binary);
+        char magic[4] = {0};
+        if (in.read(magic, 4) && std::string(magic, 4) ==
+                                     "\x7f"
+                                     "ELF") {
+            paths.push_back(path);
+        }
+    }
+    closedir(bin);
+    std::sort(paths.begin(), paths.end());
+    return paths;
+}
+
+TEST(StringsDifferentialTest, RealBinariesWithPlantedKeywordsMatchTheReferenceScan) {
+    const std::vector<std::string> binaries = ElfBinaries();
+    ASSERT_FALSE(binaries.empty());
+    TempDir dir;
+    Generator generate(7);
+    for (int round = 0; round < 400; ++round) {
+        std::ifstream in(binaries[generate.Below(binaries.size())], std::ios::binary);
+        std::ostringstream content;
+        content << in.rdbuf();
+        std::string data = content.str().substr(0, 64 * 1024 + generate.Below(256 * 1024));
+
+        std::set<std::string> keywords;
+        const char* pool[] = {"stratum+tcp://",
+                              "xmrig",
+                              "cryptonight",
+                              "--donate-level",
+                              "GLIBC_2.",
+                              "usage",
+                              "%s",
+                              ".so.",
+                              "ELF",
+                              "/lib64/ld-linux-x86-64.so.2",
+                              "pool.supportxmr.com"};
+        for (size_t i = generate.Below(6); i > 0; --i) {
+            keywords.insert(pool[generate.Below(std::size(pool))]);
+        }
+        for (const std::string& keyword : generate.Keywords(data)) {
+            keywords.insert(keyword);
+        }
+        for (const std::string& keyword : keywords) {
+            if (generate.OneIn(2)) {
+                generate.Plant(data, keyword);
+            }
+        }
+        const long limit = generate.OneIn(3) ? generate.Limit(data.size()) : 1L << 30;
+        ASSERT_EQ(DetectorScan(dir, data, keywords, limit), ReferenceScan(data, keywords, limit))
+            << "round " << round << " size " << data.size() << " limit " << limit;
+    }
+}
+
+}  // namespace
