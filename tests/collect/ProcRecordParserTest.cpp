@@ -1,0 +1,131 @@
+// The record parser on texts captured from /proc (tests/data/collect/<case>/).
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "ProcRecordParser.h"
+
+namespace {
+
+using Engine::ProcRecordParser;
+using Record = Engine::ProcsMessage::procInfo;
+
+constexpr int64_t kBootTime = 1795330744;
+
+std::string ReadSample(const std::string& name, const std::string& file) {
+    std::ifstream in(std::string(CORVANE_TEST_DATA_DIR) + "/collect/" + name + "/" + file, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+struct Sample {
+    std::string stat, status, cmdline, exe;
+    explicit Sample(const std::string& name)
+        : stat(ReadSample(name, "stat")),
+          status(ReadSample(name, "status")),
+          cmdline(ReadSample(name, "cmdline")),
+          exe(ReadSample(name, "exe")) {}
+    Engine::ProcTexts Texts() const { return {stat, status, cmdline, exe}; }
+};
+
+TEST(ProcRecordParser, BuildsRecordsFromCapturedProcesses) {
+    const ProcRecordParser parser(kBootTime, 100);
+
+    // /bin/sleep started with real/effective/saved uid 1005/1006/1007 and gid
+    // 1002/1003/1004; exec copied the effective ids into the saved ones.
+    Record sleep;
+    ASSERT_TRUE(parser.Build(Sample("sleep").Texts(), sleep));
+    EXPECT_EQ(25250, sleep.pid);
+    EXPECT_EQ(25207, sleep.ppid);
+    EXPECT_EQ("sleep", sleep.name);
+    EXPECT_EQ(1005u, sleep.uid);
+    EXPECT_EQ(1006u, sleep.euid);
+    EXPECT_EQ(1006u, sleep.suid);
+    EXPECT_EQ(1002u, sleep.gid);
+    EXPECT_EQ(1003u, sleep.egid);
+    EXPECT_EQ(1003u, sleep.sgid);
+    EXPECT_EQ(0u, sleep.capSetuid);
+    EXPECT_EQ(0u, sleep.capSetgid);
+    EXPECT_EQ("/usr/bin/sleep", sleep.exePath);
+    EXPECT_EQ("/bin/sleep 30 0.5", sleep.cmdline);
+    EXPECT_EQ(112428, sleep.startTime);
+    EXPECT_EQ(kBootTime + 1124, sleep.startTimeSec);
+
+    // A name with blanks and parentheses must not shift the fields after it.
+    Record odd;
+    ASSERT_TRUE(parser.Build(Sample("oddcomm").Texts(), odd));
+    EXPECT_EQ("a) b (c", odd.name);
+    EXPECT_EQ(25207, odd.ppid);
+    EXPECT_EQ(112458, odd.startTime);
+    EXPECT_EQ(1u, odd.capSetuid);
+    EXPECT_EQ(1u, odd.capSetgid);
+
+    // A kernel thread: no executable, no command line.
+    Record kthread;
+    ASSERT_TRUE(parser.Build(Sample("kthread").Texts(), kthread));
+    EXPECT_EQ(2, kthread.pid);
+    EXPECT_EQ(0, kthread.ppid);
+    EXPECT_EQ("kthreadd", kthread.name);
+    EXPECT_TRUE(kthread.exePath.empty());
+    EXPECT_TRUE(kthread.cmdline.empty());
+    EXPECT_EQ(24, kthread.startTime);
+
+    // A zombie keeps its identities and start time.
+    Record zombie;
+    ASSERT_TRUE(parser.Build(Sample("zombie").Texts(), zombie));
+    EXPECT_EQ(25261, zombie.pid);
+    EXPECT_EQ(0u, zombie.uid);
+    EXPECT_EQ(112489, zombie.startTime);
+    EXPECT_TRUE(zombie.cmdline.empty());
+}
+
+TEST(ProcRecordParser, TruncatedOrOddTexts) {
+    const ProcRecordParser parser(kBootTime, 100);
+    const Sample sleep("sleep");
+
+    // stat cut before the start time (field 22) is no record.
+    Engine::ProcTexts texts = sleep.Texts();
+    const std::string shortStat = sleep.stat.substr(0, sleep.stat.find(" 112428"));
+    texts.stat = shortStat;
+    Record record;
+    EXPECT_FALSE(parser.Build(texts, record));
+    texts.stat = "";
+    EXPECT_FALSE(parser.Build(texts, record));
+    texts.stat = "12 (name S 1 2 3";  // no closing parenthesis
+    EXPECT_FALSE(parser.Build(texts, record));
+
+    // status cut after the Uid line: the group ids stay unknown, the rest is kept.
+    texts = sleep.Texts();
+    const std::string shortStatus = sleep.status.substr(0, sleep.status.find("Gid:"));
+    texts.status = shortStatus;
+    ASSERT_TRUE(parser.Build(texts, record));
+    EXPECT_EQ(1006u, record.euid);
+    EXPECT_EQ(0xFFFFFFFFu, record.gid);
+    EXPECT_EQ(0xFFFFFFFFu, record.egid);
+
+    // CAP_SETUID is bit 7 and CAP_SETGID bit 6 of the effective set; other sets do not count.
+    texts = sleep.Texts();
+    const std::string capStatus = "Uid:\t1\t1\t1\t1\nGid:\t2\t2\t2\t2\nCapPrm:\t00000000000000c0\nCapEff:\t0000000000000080\n";
+    texts.status = capStatus;
+    ASSERT_TRUE(parser.Build(texts, record));
+    EXPECT_EQ(1u, record.capSetuid);
+    EXPECT_EQ(0u, record.capSetgid);
+
+    // The command line is capped at 4096 bytes.
+    std::string longArgs(5000, 'x');
+    longArgs[10] = '\0';
+    std::string joined;
+    ProcRecordParser::JoinCmdline(longArgs, joined);
+    EXPECT_EQ(4096u, joined.size());
+    EXPECT_EQ(' ', joined[10]);
+
+    int64_t bootTime = 0;
+    EXPECT_TRUE(ProcRecordParser::ParseBootTime("cpu  1 2 3\nintr 5\nbtime 1795330744\nprocesses 9\n", bootTime));
+    EXPECT_EQ(kBootTime, bootTime);
+    EXPECT_FALSE(ProcRecordParser::ParseBootTime("cpu  1 2 3\nxbtime 5\n", bootTime));
+}
+
+}  // namespace

@@ -1,0 +1,96 @@
+// The snapshot task over a fake /proc tree built in a temporary directory.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include "collect/ProcsFullTask.h"
+#include "sdk/ProcessUtils.h"
+
+namespace {
+
+class FakeProcTree {
+public:
+    FakeProcTree() {
+        char pattern[] = "/tmp/collect-proc-XXXXXX";
+        root_ = ::mkdtemp(pattern);
+        Write("stat", "cpu  1 2 3 4\nbtime 1000000\nprocesses 5\n");
+    }
+    ~FakeProcTree() { std::system(("rm -rf '" + root_ + "'").c_str()); }
+
+    // A process whose stat has the given parent and start time (ticks).
+    void AddProcess(int pid, int ppid, long startTicks, const std::string& exe, unsigned uid = 0) {
+        const std::string dir = std::to_string(pid);
+        ::mkdir((root_ + "/" + dir).c_str(), 0755);
+        Write(dir + "/stat", std::to_string(pid) + " (p" + dir + ") S " + std::to_string(ppid) +
+                                 " 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 " + std::to_string(startTicks) +
+                                 " 100 10 0 0 0\n");
+        const std::string ids = std::to_string(uid);
+        Write(dir + "/status", "Name:\tp" + dir + "\nUid:\t" + ids + "\t" + ids + "\t" + ids + "\t" + ids +
+                                   "\nGid:\t7\t7\t7\t7\nCapEff:\t0000000000000000\n");
+        Write(dir + "/cmdline", std::string("p") + dir + std::string("\0-x\0", 4));
+        if (!exe.empty()) {
+            EXPECT_EQ(0, ::symlink(exe.c_str(), (root_ + "/" + dir + "/exe").c_str()));
+        }
+    }
+    void Write(const std::string& relative, const std::string& text) {
+        std::ofstream(root_ + "/" + relative, std::ios::binary) << text;
+    }
+    const std::string& root() const { return root_; }
+
+private:
+    std::string root_;
+};
+
+class SnapshotTask : public Engine::ProcsFullTask {
+public:
+    SnapshotTask() : Engine::ProcsFullTask(60) {}
+};
+
+TEST(ProcsFullTask, SnapshotOfAFakeTreeLinksParents) {
+    FakeProcTree tree;
+    tree.AddProcess(1, 0, 5, "/sbin/init");
+    tree.AddProcess(2, 0, 6, "");  // kernel thread
+    tree.AddProcess(40, 1, 300, "/usr/bin/parent (deleted)", 1000);
+    tree.AddProcess(41, 40, 450, "/usr/bin/child", 1000);
+    tree.AddProcess(42, 99, 500, "/usr/bin/orphan");  // parent not in the table
+    ::mkdir((tree.root() + "/43").c_str(), 0755);       // vanished: no files left
+    ::mkdir((tree.root() + "/net").c_str(), 0755);      // not a process
+    tree.Write("self", "");
+
+    const std::string previousRoot = SDK::ProcessUtils::GetProcRoot();
+    SDK::ProcessUtils::SetProcRoot(tree.root());
+    auto* task = new SnapshotTask();
+    Engine::ProcsFullTask::ProcsMap map;
+    const int count = task->GetProcsMap(map);
+    SDK::ProcessUtils::SetProcRoot(previousRoot);
+
+    ASSERT_EQ(5, count);
+    ASSERT_EQ(5u, map.size());
+    EXPECT_EQ(0u, map.count(43));
+    const auto& child = *map.at(41);
+    EXPECT_EQ(40, child.ppid);
+    EXPECT_EQ("/usr/bin/child", child.exePath);
+    EXPECT_EQ("/usr/bin/parent (deleted)", child.parentExePath);
+    EXPECT_EQ(300, child.parentStartTime);
+    EXPECT_EQ(450, child.startTime);
+    EXPECT_EQ(1000000 + 4, child.startTimeSec);  // 450 ticks at 100 per second
+    EXPECT_EQ(1000u, child.uid);
+    EXPECT_EQ(7u, child.egid);
+    EXPECT_EQ("p41 -x", child.cmdline);
+    EXPECT_EQ("/sbin/init", map.at(40)->parentExePath);
+    EXPECT_TRUE(map.at(2)->exePath.empty());
+    EXPECT_TRUE(map.at(42)->parentExePath.empty());
+    EXPECT_EQ(0, map.at(42)->parentStartTime);
+
+    // A second call within the refresh time serves the same records.
+    Engine::ProcsFullTask::ProcsMap again;
+    task->GetProcsMap(again);
+    EXPECT_EQ(map.at(41).get(), again.at(41).get());
+    task->release();
+}
+
+}  // namespace
