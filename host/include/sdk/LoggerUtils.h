@@ -29,6 +29,9 @@ public:
     Poco::Logger* GetModuleLogger(const std::string& name, bool ownFile);
     // The agent's own logger, null before Setup.
     Poco::Logger* GetAgentLogger();
+    // Changes the level of every logger configured so far and of those to come;
+    // an unknown level name is ignored.
+    void SetLevel(const std::string& level);
 
 private:
     LoggerUtils() = default;

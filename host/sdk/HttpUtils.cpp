@@ -1,0 +1,152 @@
+#include "sdk/HttpUtils.h"
+
+#include <curl/curl.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace SDK {
+
+namespace {
+
+// Local failures (no target directory, no temporary file) give kLocalError; transport failures
+// are returned as the negated CURLcode.
+constexpr int kLocalError = -1000;
+constexpr long kMaxRedirects = 5;
+
+struct TempFile {
+    std::string path;
+    int fd = -1;
+    bool keep = false;
+    ~TempFile() {
+        if (fd >= 0) {
+            close(fd);
+        }
+        if (!keep && !path.empty()) {
+            unlink(path.c_str());
+        }
+    }
+};
+
+std::string DirectoryOf(const std::string& path) {
+    const std::string::size_type slash = path.rfind('/');
+    if (slash == std::string::npos) {
+        return ".";
+    }
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+size_t WriteToFd(char* data, size_t size, size_t count, void* userData) {
+    const int fd = *static_cast<int*>(userData);
+    const size_t total = size * count;
+    size_t done = 0;
+    while (done < total) {
+        const ssize_t written = write(fd, data + done, total - done);
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            return 0;  // curl then fails the transfer with CURLE_WRITE_ERROR
+        }
+        done += static_cast<size_t>(written);
+    }
+    return total;
+}
+
+}  // namespace
+
+HttpUtils* HttpUtils::GetInstance() {
+    static HttpUtils instance;
+    return &instance;
+}
+
+void HttpUtils::SetTimeouts(long connectSeconds, long totalSeconds) {
+    if (connectSeconds > 0) {
+        connectTimeout_ = connectSeconds;
+    }
+    if (totalSeconds > 0) {
+        totalTimeout_ = totalSeconds;
+    }
+}
+
+int HttpUtils::Download(const std::string& url, const std::string& targetPath, const std::string& proxy,
+                        const std::string& caFile, const std::string& userAgent) {
+    static std::once_flag globalInit;
+    static CURLcode globalInitResult = CURLE_FAILED_INIT;
+    std::call_once(globalInit, [] { globalInitResult = curl_global_init(CURL_GLOBAL_DEFAULT); });
+    if (globalInitResult != CURLE_OK) {
+        return -static_cast<int>(globalInitResult);
+    }
+
+    const std::string directory = DirectoryOf(targetPath);
+    struct stat st {};
+    if (url.empty() || targetPath.empty() || targetPath.back() == '/' || stat(directory.c_str(), &st) != 0 ||
+        !S_ISDIR(st.st_mode)) {
+        return kLocalError;
+    }
+    // Beside the target, so that the final rename stays within one file system.
+    TempFile temp;
+    std::string pattern = targetPath + ".XXXXXX";
+    std::vector<char> name(pattern.begin(), pattern.end());
+    name.push_back('\0');
+    temp.fd = mkostemp(name.data(), O_CLOEXEC);
+    if (temp.fd < 0) {
+        return kLocalError;
+    }
+    temp.path = name.data();
+
+    std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> curl(curl_easy_init(), &curl_easy_cleanup);
+    if (!curl) {
+        return -static_cast<int>(CURLE_FAILED_INIT);
+    }
+    CURL* h = curl.get();
+    curl_easy_setopt(h, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, &WriteToFd);
+    curl_easy_setopt(h, CURLOPT_WRITEDATA, &temp.fd);
+    curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(h, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(h, CURLOPT_MAXREDIRS, kMaxRedirects);
+    curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 1L);
+    curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 2L);
+    curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT, connectTimeout_);
+    curl_easy_setopt(h, CURLOPT_TIMEOUT, totalTimeout_);
+    curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);  // signals and task threads do not mix
+    curl_easy_setopt(h, CURLOPT_USERAGENT, userAgent.empty() ? "corvane-agent" : userAgent.c_str());
+    if (!caFile.empty()) {
+        curl_easy_setopt(h, CURLOPT_CAINFO, caFile.c_str());
+    }
+    if (!proxy.empty()) {
+        // Set explicitly, it wins over all proxy variables of the environment, no_proxy included.
+        curl_easy_setopt(h, CURLOPT_PROXY, proxy.c_str());
+        curl_easy_setopt(h, CURLOPT_NOPROXY, "");
+    }
+
+    const CURLcode result = curl_easy_perform(h);
+    if (result != CURLE_OK) {
+        return -static_cast<int>(result);
+    }
+    long status = 0;
+    curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &status);
+    if (status != 200) {
+        return static_cast<int>(status);
+    }
+    if (fchmod(temp.fd, 0644) != 0 || fsync(temp.fd) != 0) {
+        return kLocalError;
+    }
+    close(temp.fd);
+    temp.fd = -1;
+    if (rename(temp.path.c_str(), targetPath.c_str()) != 0) {
+        return kLocalError;
+    }
+    temp.keep = true;
+    return static_cast<int>(status);
+}
+
+}  // namespace SDK

@@ -1,0 +1,248 @@
+#include "sdk/ProcessUtils.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+#include <vector>
+
+#include "ProcParsers.h"
+#include "SessionLookup.h"
+#include "sdk/FileUtils.h"
+
+namespace SDK {
+
+namespace {
+
+// /proc/PID/status and stat are a few KiB at most; anything bigger is not /proc.
+constexpr long kProcTextLimit = 256 * 1024;
+
+std::string& ProcRoot() {
+    static std::string root = "/proc";
+    return root;
+}
+
+std::string PidPath(long pid, const char* entry) {
+    return ProcRoot() + "/" + std::to_string(pid) + "/" + entry;
+}
+
+// Reads at most `maxBytes` of a /proc file; more is cut off, not refused.
+bool ReadHead(const std::string& path, std::string& out, size_t maxBytes) {
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) {
+        return false;
+    }
+    std::string text;
+    char buffer[4096];
+    bool ok = true;
+    while (text.size() < maxBytes) {
+        const ssize_t got = read(fd, buffer, sizeof(buffer));
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got < 0) {
+            ok = false;  // e.g. ESRCH: the process exited while we read
+            break;
+        }
+        if (got == 0) {
+            break;
+        }
+        text.append(buffer, static_cast<size_t>(got));
+    }
+    close(fd);
+    if (ok) {
+        out.swap(text);
+    }
+    return ok;
+}
+
+bool ReadLink(const std::string& path, std::string& target) {
+    std::vector<char> buffer(512);
+    for (;;) {
+        const ssize_t length = readlink(path.c_str(), buffer.data(), buffer.size());
+        if (length < 0) {
+            return false;
+        }
+        if (static_cast<size_t>(length) < buffer.size()) {
+            target.assign(buffer.data(), static_cast<size_t>(length));
+            return true;
+        }
+        if (buffer.size() >= 64 * 1024) {
+            return false;
+        }
+        buffer.resize(buffer.size() * 4);
+    }
+}
+
+struct DirCloser {
+    void operator()(DIR* dir) const { closedir(dir); }
+};
+
+bool ReadStat(long pid, ProcStat& stat) {
+    std::string text;
+    return pid > 0 && FileUtils::ReadFile(PidPath(pid, "stat"), text, kProcTextLimit) == 0 &&
+           ParseStatText(text, stat);
+}
+
+}  // namespace
+
+void ProcessUtils::SetProcRoot(const std::string& root) {
+    ProcRoot() = root;
+}
+
+const std::string& ProcessUtils::GetProcRoot() {
+    return ProcRoot();
+}
+
+bool ProcessUtils::IsProcessAlive(unsigned int pid) {
+    ProcStat stat;
+    // A zombie has exited already; only its exit status is left to collect.
+    return ReadStat(pid, stat) && stat.state != 'Z' && stat.state != 'X';
+}
+
+int ProcessUtils::GetProcessCmdline(int pid, std::string& out, int maxLength) {
+    if (pid <= 0 || maxLength < 0) {
+        return -1;
+    }
+    std::string raw;
+    // One byte beyond the limit so that a trailing NUL does not count against it.
+    if (!ReadHead(PidPath(pid, "cmdline"), raw, static_cast<size_t>(maxLength) + 1)) {
+        return -1;
+    }
+    out = JoinCmdlineText(raw, static_cast<size_t>(maxLength));
+    return 0;
+}
+
+int ProcessUtils::GetProcessExePath(unsigned int pid, std::string& out) {
+    std::string target;
+    if (pid == 0 || !ReadLink(PidPath(pid, "exe"), target)) {
+        return -1;
+    }
+    out.swap(target);
+    return 0;
+}
+
+int ProcessUtils::GetProcessStatInfo(int pid, int* ppid, long* startTime, std::string* name, char* state) {
+    ProcStat stat;
+    if (!ReadStat(pid, stat)) {
+        return -1;
+    }
+    if (ppid != nullptr) {
+        *ppid = stat.ppid;
+    }
+    if (startTime != nullptr) {
+        *startTime = static_cast<long>(stat.startTime);
+    }
+    if (name != nullptr) {
+        *name = stat.comm;
+    }
+    if (state != nullptr) {
+        *state = stat.state;
+    }
+    return 0;
+}
+
+int ProcessUtils::GetProcessSocketFd(int pid, std::set<long>& inodes) {
+    if (pid <= 0) {
+        return -1;
+    }
+    const std::string fdDir = PidPath(pid, "fd");
+    std::unique_ptr<DIR, DirCloser> dir(opendir(fdDir.c_str()));
+    if (!dir) {
+        return -1;
+    }
+    inodes.clear();
+    while (const struct dirent* entry = readdir(dir.get())) {
+        if (entry->d_name[0] == '.') {
+            continue;
+        }
+        std::string target;
+        long inode = 0;
+        // A descriptor closed meanwhile just has no link any more.
+        if (ReadLink(fdDir + "/" + entry->d_name, target) && ParseSocketLink(target, inode)) {
+            inodes.insert(inode);
+        }
+    }
+    return 0;
+}
+
+int ProcessUtils::GetProcessStatusInfo(int pid, procStatus& out) {
+    std::string text;
+    if (pid <= 0 || FileUtils::ReadFile(PidPath(pid, "status"), text, kProcTextLimit) != 0) {
+        return -1;
+    }
+    return ParseStatusText(text, out) ? 0 : -1;
+}
+
+int ProcessUtils::GetProcessUser(unsigned int uid, std::string& name) {
+    long size = sysconf(_SC_GETPW_R_SIZE_MAX);
+    std::vector<char> buffer(size > 0 ? static_cast<size_t>(size) : 4096);
+    for (;;) {
+        struct passwd entry {};
+        struct passwd* found = nullptr;
+        const int error = getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found);
+        if (error == ERANGE && buffer.size() < 1024 * 1024) {
+            buffer.resize(buffer.size() * 2);
+            continue;
+        }
+        if (error != 0 || found == nullptr || found->pw_name == nullptr) {
+            return -1;
+        }
+        name = found->pw_name;
+        return 0;
+    }
+}
+
+int ProcessUtils::GetProcessSessionId(int pid, std::string& sessionId) {
+    if (pid <= 0) {
+        return -1;
+    }
+    std::string text;
+    std::string auditId;
+    if (ReadHead(PidPath(pid, "sessionid"), text, 64) && ParseAuditSessionId(text, auditId) &&
+        HasLogindSession(kLogindSessionsDir, auditId)) {
+        sessionId = auditId;
+        return 0;
+    }
+    // Without logind the session is found in utmp by its leader, the process's session id.
+    ProcStat stat;
+    if (!ReadStat(pid, stat) || stat.session <= 0) {
+        return -1;
+    }
+    sessionId = std::to_string(stat.session);
+    return 0;
+}
+
+int ProcessUtils::GetSessionInfo(const std::string& sessionId, SessionInfo& info) {
+    if (HasLogindSession(kLogindSessionsDir, sessionId)) {
+        return ReadLogindSession(kLogindSessionsDir, sessionId, info);
+    }
+    char* end = nullptr;
+    errno = 0;
+    const long session = std::strtol(sessionId.c_str(), &end, 10);
+    if (sessionId.empty() || errno != 0 || *end != '\0') {
+        return -1;
+    }
+    return FindUtmpSession(kUtmpFile, session, info);
+}
+
+int ProcessUtils::GetProcessFileSha256(int pid, const std::string& exePath, std::string& hex, bool& fromLink,
+                                       long limit) {
+    // The link reaches the running image even when its file was replaced or deleted.
+    if (pid > 0 && FileUtils::GetFileSha256(PidPath(pid, "exe"), hex, limit) == 0) {
+        fromLink = true;
+        return 0;
+    }
+    fromLink = false;
+    if (exePath.empty()) {
+        return -1;
+    }
+    return FileUtils::GetFileSha256(exePath, hex, limit) == 0 ? 0 : -1;
+}
+
+}  // namespace SDK

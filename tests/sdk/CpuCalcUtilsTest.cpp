@@ -1,0 +1,102 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <time.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <thread>
+
+#include "ChildProcess.h"
+#include "sdk/CpuCalcUtils.h"
+#include "sdk/ProcessUtils.h"
+
+namespace {
+
+long long ClockMs(clockid_t clock) {
+    struct timespec ts {};
+    clock_gettime(clock, &ts);
+    return static_cast<long long>(ts.tv_sec) * 1000LL + ts.tv_nsec / 1000000LL;
+}
+
+// Usage of `pid` over about a second, after the first (lifetime) reading, with the
+// same figure from the kernel's CPU clock of the process (independent of /proc).
+bool UsageOverASecond(int pid, int& usage, int& expected) {
+    clockid_t cpuClock;
+    SDK::CpuCalcUtils calc;
+    if (clock_getcpuclockid(pid, &cpuClock) != 0 || !calc.Init(pid) || !calc.GetCpuUsage(usage)) {
+        return false;
+    }
+    const long long cpu0 = ClockMs(cpuClock);
+    const long long wall0 = ClockMs(CLOCK_MONOTONIC);
+    usleep(1000 * 1000);
+    const bool ok = calc.GetCpuUsage(usage);
+    expected = static_cast<int>((ClockMs(cpuClock) - cpu0) * 10000 / (ClockMs(CLOCK_MONOTONIC) - wall0));
+    return ok;
+}
+
+TEST(CpuCalcUtils, BusyAndIdleChildren) {
+    // Two spinning threads: the usage counts more than one CPU.
+    ChildProcess busy([](const std::function<void()>& notify) {
+        std::thread other([] {
+            for (volatile unsigned long i = 0;; i = i + 1) {
+            }
+        });
+        notify();
+        for (volatile unsigned long i = 0;; i = i + 1) {
+        }
+    });
+    ChildProcess idle({"/bin/sleep", "30"});
+    ASSERT_GT(busy.pid(), 0);
+    ASSERT_GT(idle.pid(), 0);
+
+    // How much CPU the busy child gets depends on the machine's load, so it is
+    // compared with the kernel's own account rather than with a fixed figure.
+    int usage = -1;
+    int expected = -1;
+    ASSERT_TRUE(UsageOverASecond(busy.pid(), usage, expected));
+    EXPECT_NEAR(usage, expected, std::max(1000, expected / 5));
+    EXPECT_GT(usage, 1000);
+    ASSERT_TRUE(UsageOverASecond(idle.pid(), usage, expected));
+    EXPECT_LT(usage, 1000);
+
+    SDK::CpuCalcUtils calc;
+    ASSERT_TRUE(calc.Init(busy.pid()));
+    busy.KillAndReap();
+    EXPECT_FALSE(calc.GetCpuUsage(usage)) << "the process is gone";
+    EXPECT_FALSE(calc.Init(busy.pid()));
+}
+
+TEST(CpuCalcUtils, LifetimeAverageAndPidReuse) {
+    char dir[] = "/tmp/sdk_cpu_XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string root = dir;
+    mkdir((root + "/20").c_str(), 0755);
+    const long hz = sysconf(_SC_CLK_TCK);
+    // Started 50 s after boot, now 100 s after boot, 25 s of CPU: half a CPU.
+    auto writeStat = [&](long startTicks) {
+        std::ofstream(root + "/20/stat") << "20 (job) R 1 20 20 0 -1 0 0 0 0 0 " << 20 * hz << " " << 5 * hz
+                                         << " 0 0 20 0 1 0 " << startTicks;
+    };
+    writeStat(50 * hz);
+    std::ofstream(root + "/uptime") << "100.00 150.00\n";
+
+    SDK::ProcessUtils::SetProcRoot(root);
+    SDK::CpuCalcUtils calc;
+    int usage = 0;
+    ASSERT_TRUE(calc.Init(20));
+    ASSERT_TRUE(calc.GetCpuUsage(usage));
+    EXPECT_EQ(usage, 5000);
+    // The pid now names a process started later.
+    writeStat(60 * hz);
+    EXPECT_FALSE(calc.GetCpuUsage(usage));
+    SDK::ProcessUtils::SetProcRoot("/proc");
+
+    std::remove((root + "/20/stat").c_str());
+    std::remove((root + "/uptime").c_str());
+    rmdir((root + "/20").c_str());
+    rmdir(dir);
+}
+
+}  // namespace

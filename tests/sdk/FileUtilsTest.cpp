@@ -1,0 +1,91 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+
+#include "sdk/FileUtils.h"
+
+namespace {
+
+using SDK::FileUtils;
+
+// The digest as the sha256sum tool gives it.
+std::string Sha256sum(const std::string& path) {
+    std::FILE* pipe = popen(("sha256sum '" + path + "'").c_str(), "r");
+    if (pipe == nullptr) {
+        return "";
+    }
+    char digest[65] = {};
+    const size_t got = std::fread(digest, 1, 64, pipe);
+    pclose(pipe);
+    return std::string(digest, got);
+}
+
+class FileUtilsTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char dir[] = "/tmp/sdk_file_XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        dir_ = dir;
+    }
+    void TearDown() override {
+        for (const std::string& path : created_) {
+            std::remove(path.c_str());
+        }
+        rmdir(dir_.c_str());
+    }
+    std::string Create(const std::string& name, const std::string& content) {
+        const std::string path = dir_ + "/" + name;
+        std::ofstream(path, std::ios::binary) << content;
+        created_.push_back(path);
+        return path;
+    }
+
+    std::string dir_;
+    std::vector<std::string> created_;
+};
+
+TEST_F(FileUtilsTest, Sha256MatchesSha256sumWithinLimit) {
+    std::string big;
+    for (int i = 0; i < 200000; ++i) {
+        big.push_back(static_cast<char>(i * 7 + (i >> 8)));  // several read chunks, all byte values
+    }
+    const std::string bigPath = Create("big", big);
+    const std::string emptyPath = Create("empty", "");
+    std::string hex;
+    ASSERT_EQ(FileUtils::GetFileSha256(bigPath, hex, 0), 0);
+    EXPECT_EQ(hex, Sha256sum(bigPath));
+    ASSERT_EQ(FileUtils::GetFileSha256(bigPath, hex, static_cast<long>(big.size())), 0);
+    EXPECT_EQ(hex, Sha256sum(bigPath));
+    ASSERT_EQ(FileUtils::GetFileSha256(emptyPath, hex, 10), 0);
+    EXPECT_EQ(hex, "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+
+    hex = "kept";
+    EXPECT_NE(FileUtils::GetFileSha256(bigPath, hex, static_cast<long>(big.size()) - 1), 0);
+    EXPECT_NE(FileUtils::GetFileSha256(dir_ + "/missing", hex, 0), 0);
+    EXPECT_NE(FileUtils::GetFileSha256(dir_, hex, 0), 0) << "a directory is no file";
+    const std::string fifo = dir_ + "/fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    created_.push_back(fifo);
+    EXPECT_NE(FileUtils::GetFileSha256(fifo, hex, 0), 0) << "must not block on a FIFO";
+    EXPECT_EQ(hex, "kept");
+}
+
+TEST_F(FileUtilsTest, ReadFileWholeOrRefused) {
+    const std::string content("line1\nline2\0binary", 18);
+    const std::string path = Create("text", content);
+    std::string out;
+    ASSERT_EQ(FileUtils::ReadFile(path, out, 18), 0);
+    EXPECT_EQ(out, content);
+    out = "kept";
+    EXPECT_NE(FileUtils::ReadFile(path, out, 17), 0);
+    EXPECT_EQ(out, "kept");
+    // /proc files report size 0 but have content.
+    ASSERT_EQ(FileUtils::ReadFile("/proc/self/stat", out, 0), 0);
+    EXPECT_EQ(out.compare(0, std::to_string(getpid()).size() + 1, std::to_string(getpid()) + " "), 0);
+    EXPECT_NE(FileUtils::ReadFile("/proc/self/status", out, 10), 0);
+}
+
+}  // namespace

@@ -1,0 +1,140 @@
+#include <Poco/Net/HTTPRequestHandler.h>
+#include <Poco/Net/HTTPRequestHandlerFactory.h>
+#include <Poco/Net/HTTPServer.h>
+#include <Poco/Net/HTTPServerParams.h>
+#include <Poco/Net/HTTPServerRequest.h>
+#include <Poco/Net/HTTPServerResponse.h>
+#include <Poco/Net/ServerSocket.h>
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <memory>
+
+#include "sdk/FileUtils.h"
+#include "sdk/HttpUtils.h"
+
+namespace {
+
+using Poco::Net::HTTPResponse;
+
+const char* const kBody = "1.2.3.4\n5.6.7.8\n";
+
+class Handler : public Poco::Net::HTTPRequestHandler {
+public:
+    void handleRequest(Poco::Net::HTTPServerRequest& request,
+                       Poco::Net::HTTPServerResponse& response) override {
+        const std::string& uri = request.getURI();
+        if (uri == "/list") {
+            response.setContentType("text/plain");
+            response.sendBuffer(kBody, std::char_traits<char>::length(kBody));
+        } else if (uri == "/moved") {
+            response.redirect("/list");
+        } else if (uri == "/loop") {
+            response.redirect("/loop");
+        } else {
+            response.setStatusAndReason(HTTPResponse::HTTP_NOT_FOUND);
+            response.send() << "not here";
+        }
+    }
+};
+
+class Factory : public Poco::Net::HTTPRequestHandlerFactory {
+public:
+    Poco::Net::HTTPRequestHandler* createRequestHandler(const Poco::Net::HTTPServerRequest&) override {
+        return new Handler;
+    }
+};
+
+class HttpUtilsTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        // Requests to 127.0.0.1 must not be sent to a proxy of the environment.
+        for (const char* name :
+             {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
+            unsetenv(name);
+        }
+        setenv("no_proxy", "127.0.0.1", 1);
+        Poco::Net::ServerSocket socket(Poco::Net::SocketAddress("127.0.0.1", 0));
+        server_ =
+            std::make_unique<Poco::Net::HTTPServer>(new Factory, socket, new Poco::Net::HTTPServerParams);
+        server_->start();
+        base_ = "http://127.0.0.1:" + std::to_string(socket.address().port());
+        char dir[] = "/tmp/sdk_http_XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        dir_ = dir;
+        target_ = dir_ + "/pupbip.dat";
+        SDK::HttpUtils::GetInstance()->SetTimeouts(2, 3);
+    }
+    void TearDown() override {
+        server_->stop();
+        std::remove(target_.c_str());
+        rmdir(dir_.c_str());
+    }
+    int Download(const std::string& path) {
+        return SDK::HttpUtils::GetInstance()->Download(base_ + path, target_, "", "", "");
+    }
+    std::string Target() {
+        std::string text;
+        SDK::FileUtils::ReadFile(target_, text, 0);
+        return text;
+    }
+    // The directory holds the target only: no temporary file was left behind.
+    int EntriesInDir() {
+        int entries = 0;
+        std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(dir_.c_str()), closedir);
+        while (const dirent* entry = readdir(dir.get())) {
+            entries += entry->d_name[0] != '.';
+        }
+        return entries;
+    }
+
+    std::unique_ptr<Poco::Net::HTTPServer> server_;
+    std::string base_;
+    std::string dir_;
+    std::string target_;
+};
+
+TEST_F(HttpUtilsTest, SuccessRedirectAndNotFound) {
+    ASSERT_EQ(Download("/list"), 200);
+    EXPECT_EQ(Target(), kBody);
+    struct stat st {};
+    ASSERT_EQ(stat(target_.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0644u);
+
+    std::remove(target_.c_str());
+    ASSERT_EQ(Download("/moved"), 200);
+    EXPECT_EQ(Target(), kBody);
+
+    // A failed download leaves the earlier file as it was.
+    std::ofstream(target_) << "earlier";
+    EXPECT_EQ(Download("/missing"), 404);
+    EXPECT_EQ(Target(), "earlier");
+    EXPECT_LT(Download("/loop"), 0) << "endless redirects";
+    EXPECT_EQ(Target(), "earlier");
+    EXPECT_EQ(EntriesInDir(), 1);
+}
+
+TEST_F(HttpUtilsTest, TransportFailuresAreNegative) {
+    // Listens but never answers: the total time-out ends the transfer.
+    Poco::Net::ServerSocket silent(Poco::Net::SocketAddress("127.0.0.1", 0));
+    const std::string silentUrl = "http://127.0.0.1:" + std::to_string(silent.address().port()) + "/list";
+    std::ofstream(target_) << "earlier";
+    EXPECT_LT(SDK::HttpUtils::GetInstance()->Download(silentUrl, target_, "", "", ""), 0);
+    EXPECT_EQ(Target(), "earlier");
+
+    EXPECT_LT(
+        SDK::HttpUtils::GetInstance()->Download(base_ + "/list", dir_ + "/no/such/dir/file", "", "", ""), 0);
+    EXPECT_LT(SDK::HttpUtils::GetInstance()->Download("file:///etc/passwd", target_, "", "", ""), 0)
+        << "only http and https";
+    // An explicit proxy wins over the environment: this one does not exist.
+    EXPECT_LT(SDK::HttpUtils::GetInstance()->Download(base_ + "/list", target_, "http://127.0.0.1:1", "", ""),
+              0);
+    EXPECT_EQ(Target(), "earlier");
+    EXPECT_EQ(EntriesInDir(), 1);
+}
+
+}  // namespace

@@ -1,0 +1,87 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "sdk/JsonUtils.h"
+
+namespace {
+
+using SDK::JsonUtils;
+
+int Parse(const std::string& text, Json::Value& out) {
+    return JsonUtils::ParseJsonStr(text.data(), text.size(), out);
+}
+
+TEST(JsonUtils, ParseAcceptsDocumentsAndRejectsBrokenText) {
+    Json::Value value;
+    ASSERT_EQ(Parse(R"({"enabled": true, "content": {"n": 3}})", value), 0);
+    EXPECT_TRUE(value["enabled"].asBool());
+
+    // Only `length` bytes count: the rest of the buffer is not part of the text.
+    const char* text = R"({"a":1}garbage)";
+    EXPECT_EQ(JsonUtils::ParseJsonStr(text, 7, value), 0);
+    EXPECT_EQ(value["a"].asInt(), 1);
+
+    value = Json::Value("kept");
+    for (const std::string& broken :
+         {std::string(R"({"a":1)"), std::string(R"({"a":1} trailing)"), std::string(""),
+          std::string("{'a':1}"), std::string(5000, '[') + std::string(5000, ']')}) {
+        EXPECT_EQ(Parse(broken, value), -1) << broken.substr(0, 20);
+    }
+    EXPECT_EQ(value.asString(), "kept") << "a failed parse leaves the output alone";
+    EXPECT_EQ(JsonUtils::ParseJsonStr(nullptr, 10, value), -1);
+}
+
+TEST(JsonUtils, GettersGiveTheDefaultForMissingOrMistypedMembers) {
+    Json::Value doc;
+    ASSERT_EQ(Parse(R"({"flag": true, "num": -42, "big": 3000000000, "real": 2.5, "whole": 7.0,
+                       "str": "text", "obj": {"k": 1}, "arr": [1, 2], "nul": null})",
+                    doc),
+              0);
+    EXPECT_TRUE(JsonUtils::GetBoolValue(doc, "flag", false));
+    EXPECT_TRUE(JsonUtils::GetBoolValue(doc, "num", true)) << "a number is not a bool";
+    EXPECT_FALSE(JsonUtils::GetBoolValue(doc, "missing", false));
+
+    EXPECT_EQ(JsonUtils::GetIntValue(doc, "num", 0), -42);
+    EXPECT_EQ(JsonUtils::GetIntValue(doc, "big", 9), 9) << "out of int range";
+    EXPECT_EQ(JsonUtils::GetIntValue(doc, "real", 9), 9);
+    EXPECT_EQ(JsonUtils::GetIntValue(doc, "whole", 9), 7);
+    EXPECT_EQ(JsonUtils::GetIntValue(doc, "str", 9), 9);
+    EXPECT_EQ(JsonUtils::GetIntValue(doc, "nul", 9), 9);
+
+    EXPECT_EQ(JsonUtils::GetStringValue(doc, "str", "d"), "text");
+    EXPECT_EQ(JsonUtils::GetStringValue(doc, "num", "d"), "d");
+    EXPECT_EQ(JsonUtils::GetStringValue(doc, "missing", nullptr), "");
+
+    Json::Value out(5);
+    EXPECT_TRUE(JsonUtils::GetSubobjectValue(doc, "obj", out));
+    EXPECT_EQ(out["k"].asInt(), 1);
+    EXPECT_FALSE(JsonUtils::GetSubobjectValue(doc, "arr", out));
+    EXPECT_TRUE(JsonUtils::GetArrayValue(doc, "arr", out));
+    EXPECT_EQ(out.size(), 2u);
+    EXPECT_FALSE(JsonUtils::GetArrayValue(doc, "obj", out));
+
+    // Lookups on arrays and scalars, where jsoncpp itself would throw.
+    for (const Json::Value& notObject : {doc["arr"], doc["str"], Json::Value()}) {
+        EXPECT_EQ(JsonUtils::GetIntValue(notObject, "k", 3), 3);
+        EXPECT_FALSE(JsonUtils::GetArrayValue(notObject, "k", out));
+    }
+    EXPECT_EQ(JsonUtils::GetIntValue(doc, nullptr, 4), 4);
+}
+
+TEST(JsonUtils, JsonToStringIsOneCompactLineThatParsesBack) {
+    Json::Value value;
+    value["name"] = "a \"quoted\"\nline";
+    value["list"].append(1);
+    value["list"].append(Json::Value(Json::objectValue));
+    value["big"] = Json::Int64(1700000000123LL);
+    const std::string text = JsonUtils::JsonToString(value);
+    EXPECT_EQ(text.find('\n'), std::string::npos);
+    EXPECT_EQ(text.find(": "), std::string::npos);
+    Json::Value back;
+    ASSERT_EQ(Parse(text, back), 0);
+    EXPECT_EQ(back, value);
+    EXPECT_EQ(JsonUtils::JsonToString(Json::Value(Json::objectValue)), "{}");
+}
+
+}  // namespace

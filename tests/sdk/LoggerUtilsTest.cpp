@@ -1,0 +1,112 @@
+#include <Poco/AutoPtr.h>
+#include <Poco/Channel.h>
+#include <Poco/Message.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <regex>
+#include <vector>
+
+#include "sdk/FileUtils.h"
+#include "sdk/LoggerUtils.h"
+
+namespace {
+
+using SDK::LoggerUtils;
+
+class CaptureChannel : public Poco::Channel {
+public:
+    void log(const Poco::Message& message) override { texts.push_back(message.getText()); }
+    std::vector<std::string> texts;
+};
+
+class LoggerUtilsTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char dir[] = "/tmp/sdk_log_XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        dir_ = dir;
+        settings_.directory = dir_;
+        settings_.level = "information";
+    }
+    void TearDown() override {
+        // Back to stderr so that no logger keeps a file of the removed directory open.
+        SDK::LogSettings console;
+        console.target = "stderr";
+        LoggerUtils::GetInstance()->Setup(console);
+        for (const char* name : {"/agent.log", "/own_module.log"}) {
+            std::remove((dir_ + name).c_str());
+        }
+        rmdir(dir_.c_str());
+    }
+    std::string Read(const std::string& name) {
+        std::string text;
+        SDK::FileUtils::ReadFile(dir_ + "/" + name, text, 0);
+        return text;
+    }
+
+    std::string dir_;
+    SDK::LogSettings settings_;
+};
+
+TEST_F(LoggerUtilsTest, ModuleLoggerIsConfiguredOnceAndAgainBySetup) {
+    LoggerUtils* utils = LoggerUtils::GetInstance();
+    if (!utils->IsSetUp()) {
+        EXPECT_EQ(utils->GetModuleLogger("proc_det_module", false), nullptr);
+        EXPECT_EQ(utils->GetAgentLogger(), nullptr);
+    }
+    utils->Setup(settings_);
+    Poco::Logger* logger = utils->GetModuleLogger("proc_det_module", false);
+    ASSERT_NE(logger, nullptr);
+    EXPECT_EQ(logger->getLevel(), Poco::Message::PRIO_INFORMATION);
+
+    // A test (or the agent) takes the logger over; asking again must not undo that.
+    Poco::AutoPtr<CaptureChannel> capture(new CaptureChannel);
+    logger->setChannel(capture);
+    logger->setLevel(Poco::Message::PRIO_DEBUG);
+    ASSERT_EQ(utils->GetModuleLogger("proc_det_module", false), logger);
+    logger->debug("kept");
+    ASSERT_EQ(capture->texts, std::vector<std::string>{"kept"});
+
+    utils->SetLevel("nonsense");
+    EXPECT_EQ(logger->getLevel(), Poco::Message::PRIO_DEBUG);
+    utils->SetLevel("error");
+    EXPECT_EQ(logger->getLevel(), Poco::Message::PRIO_ERROR);
+    EXPECT_EQ(utils->GetAgentLogger()->getLevel(), Poco::Message::PRIO_ERROR);
+
+    // Setup again reconfigures every logger it handed out.
+    settings_.level = "warning";
+    utils->Setup(settings_);
+    EXPECT_EQ(logger->getLevel(), Poco::Message::PRIO_WARNING);
+    logger->warning("to the file");
+    EXPECT_EQ(capture->texts.size(), 1u);
+    EXPECT_NE(Read("agent.log").find("to the file"), std::string::npos);
+}
+
+TEST_F(LoggerUtilsTest, FormattedLinesInSharedAndOwnFiles) {
+    LoggerUtils* utils = LoggerUtils::GetInstance();
+    utils->Setup(settings_);
+    Poco::Logger* shared = utils->GetModuleLogger("shared_module", false);
+    Poco::Logger* own = utils->GetModuleLogger("own_module", true);
+    ASSERT_NE(shared, nullptr);
+    ASSERT_NE(own, nullptr);
+    shared->log(Poco::Message("shared_module", "hello 1", Poco::Message::PRIO_INFORMATION, "Src.cpp", 12));
+    shared->debug("below the level");
+    own->error("own line");
+
+    const std::string agentLog = Read("agent.log");
+    const std::regex line(
+        R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \[Information\] shared_module: hello 1 \(Src\.cpp:12\)\n)");
+    EXPECT_TRUE(std::regex_search(agentLog, line)) << agentLog;
+    EXPECT_EQ(agentLog.find("below the level"), std::string::npos);
+    EXPECT_EQ(agentLog.find("own line"), std::string::npos);
+    EXPECT_NE(Read("own_module.log").find("[Error] own_module: own line"), std::string::npos);
+
+    // A log directory that cannot be made falls back to stderr instead of failing.
+    settings_.directory = "/proc/self/no_such_dir";
+    utils->Setup(settings_);
+    EXPECT_NE(utils->GetModuleLogger("shared_module", false), nullptr);
+}
+
+}  // namespace
