@@ -1,0 +1,111 @@
+#pragma once
+
+#include <Poco/File.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "collect/ProcsMessage.h"
+#include "sdk/ProcessUtils.h"
+
+namespace DetRootTest {
+
+using ProcInfoPtr = std::shared_ptr<Engine::ProcsMessage::procInfo>;
+
+constexpr uint64_t kAllCaps = 0x1fffeffffffULL;
+
+// A directory removed with everything in it when the object goes.
+class TempDir {
+public:
+    explicit TempDir(const std::string& tag) {
+        std::string pattern = "/tmp/detroot-" + tag + "-XXXXXX";
+        if (mkdtemp(pattern.data()) == nullptr) {
+            throw std::runtime_error("mkdtemp " + pattern);
+        }
+        path_ = pattern;
+        chmod(path_.c_str(), 0755);
+    }
+    ~TempDir() {
+        try {
+            Poco::File(path_).remove(true);
+        } catch (...) {
+        }
+    }
+    const std::string& path() const { return path_; }
+
+    // A small file at `name` with the given owner and mode; returns its path.
+    std::string MakeFile(const std::string& name, uid_t owner, gid_t group, mode_t mode,
+                         const std::string& content = "#!/bin/sh\n") const {
+        const std::string file = path_ + "/" + name;
+        std::ofstream(file) << content;
+        if (chown(file.c_str(), owner, group) != 0 || chmod(file.c_str(), mode) != 0) {
+            throw std::runtime_error("chown/chmod " + file);
+        }
+        return file;
+    }
+
+private:
+    std::string path_;
+};
+
+// A fake /proc holding only the processes a test writes, so the task's reads of
+// parent status and liveness see exactly what the test says.
+class FakeProcRoot {
+public:
+    FakeProcRoot() : dir_("proc") { SDK::ProcessUtils::SetProcRoot(dir_.path()); }
+    ~FakeProcRoot() { SDK::ProcessUtils::SetProcRoot("/proc"); }
+
+    // A live process with the given filesystem user and effective capability set.
+    void Write(int pid, unsigned int fsuid, uint64_t capEff, int ppid = 1) const {
+        const std::string dir = dir_.path() + "/" + std::to_string(pid);
+        Poco::File(dir).createDirectories();
+        std::ofstream(dir + "/status")
+            << "Name:\tproc" << pid << "\nPPid:\t" << ppid << "\nUid:\t" << fsuid << "\t" << fsuid << "\t"
+            << fsuid << "\t" << fsuid << "\nGid:\t0\t0\t0\t0\n"
+            << "CapPrm:\t" << std::hex << capEff << "\nCapEff:\t" << capEff << "\n";
+        std::ofstream(dir + "/stat") << pid << " (proc" << pid << ") S " << ppid
+                                     << " 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 100 0 0\n";
+    }
+    void Remove(int pid) const { Poco::File(dir_.path() + "/" + std::to_string(pid)).remove(true); }
+
+private:
+    TempDir dir_;
+};
+
+// A process record; identities 1000 and no capabilities unless changed.
+inline ProcInfoPtr Proc(int pid, int ppid, const std::string& exePath, int64_t startTime) {
+    auto record = std::make_shared<Engine::ProcsMessage::procInfo>();
+    record->pid = pid;
+    record->ppid = ppid;
+    record->uid = record->euid = record->suid = 1000;
+    record->gid = record->egid = record->sgid = 1000;
+    record->exePath = exePath;
+    const size_t slash = exePath.rfind('/');
+    record->name = slash == std::string::npos ? exePath : exePath.substr(slash + 1);
+    record->cmdline = exePath + " --run";
+    record->startTime = startTime;
+    record->startTimeSec = static_cast<int64_t>(time(nullptr)) - 10;
+    return record;
+}
+
+// A copy of a record, for the "now" side of a before/after comparison.
+inline ProcInfoPtr Copy(const ProcInfoPtr& record) {
+    return std::make_shared<Engine::ProcsMessage::procInfo>(*record);
+}
+
+// The record of `child` as a fork event reports it under `parent`.
+inline ProcInfoPtr ChildOf(const ProcInfoPtr& parent, int pid, const std::string& exePath,
+                           int64_t startTime) {
+    ProcInfoPtr record = Proc(pid, parent->pid, exePath, startTime);
+    record->parentExePath = parent->exePath;
+    record->parentStartTime = parent->startTime;
+    return record;
+}
+
+}  // namespace DetRootTest
