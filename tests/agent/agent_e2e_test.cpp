@@ -1,0 +1,170 @@
+// The real agent binary with a test module: policies in, alerts out, reloads, stop, bad modules.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <json/json.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/AgentRunner.h"
+
+namespace {
+
+const std::string kModules = std::string(CORVANE_BUILD_DIR) + "/tests/modules/";
+const std::string kGood = kModules + "libagent_test_module.so";
+const long kDeadlineMs = 30000;
+
+std::string Policy(const std::string& value, const std::string& sentLog, int burst = 200) {
+    return R"({"enabled": true, "value": ")" + value + R"(", "burst": )" + std::to_string(burst) +
+           R"(, "sent_log": ")" + sentLog + R"("})";
+}
+
+// "<sent> <refused>" as the test module last wrote them; false before its first run.
+bool ReadSent(const std::string& path, long& sent, long& refused) {
+    std::ifstream in(path);
+    return static_cast<bool>(in >> sent >> refused);
+}
+
+// Every "seq" must appear once, and together they must be 1..sent.
+void ExpectAllSeqsOnce(const std::vector<Json::Value>& alerts, long sent) {
+    std::set<long> seen;
+    for (const Json::Value& alert : alerts) {
+        EXPECT_TRUE(seen.insert(alert["seq"].asInt64()).second) << "duplicate " << alert["seq"];
+    }
+    ASSERT_EQ(seen.size(), static_cast<size_t>(sent));
+    EXPECT_EQ(*seen.begin(), 1);
+    EXPECT_EQ(*seen.rbegin(), sent);
+}
+
+size_t CountValue(const TestSupport::AgentRunner& agent, const std::string& value) {
+    size_t count = 0;
+    for (const Json::Value& alert : agent.ReadAlerts()) {
+        count += alert["test_value"].asString() == value ? 1 : 0;
+    }
+    return count;
+}
+
+bool WaitFor(const std::function<bool()>& done) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kDeadlineMs);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return true;
+}
+
+}  // namespace
+
+TEST(AgentEndToEnd, DeliversReloadsKeepsGoodPolicyOverBadTextAndLosesNothingOnStop) {
+    TestSupport::AgentRunner agent("agent");
+    const std::string sentLog = agent.prefix() + "/sent.txt";
+    agent.WritePolicy("90001", "agent_test_feature", Policy("first", sentLog));
+    ASSERT_TRUE(agent.Start({}, {kGood}));
+    auto first = [](const Json::Value& alert) { return alert["test_value"].asString() == "first"; };
+    ASSERT_TRUE(agent.WaitForAlert(first, kDeadlineMs)) << agent.ReadLog();
+
+    agent.WritePolicy("90001", "agent_test_feature", Policy("second", sentLog));
+    agent.Reload();
+    ASSERT_TRUE(WaitFor([&] { return CountValue(agent, "second") > 0; })) << agent.ReadLog();
+
+    const std::string policyPath = agent.PolicyDir() + "/90001/agent_test_feature.json";
+    agent.WritePolicy("90001", "agent_test_feature", "{\"enabled\": tru");
+    agent.Reload();
+    ASSERT_TRUE(agent.WaitForLog("policy file " + policyPath + " is not valid JSON", kDeadlineMs))
+        << agent.ReadLog();
+    const size_t before = CountValue(agent, "second");
+    ASSERT_TRUE(WaitFor([&] { return CountValue(agent, "second") > before; })) << "the good policy stopped";
+
+    ASSERT_EQ(agent.Stop(kDeadlineMs), 0) << agent.ReadLog();
+    long sent = 0;
+    long refused = -1;
+    ASSERT_TRUE(ReadSent(sentLog, sent, refused));
+    EXPECT_EQ(refused, 0);
+    ExpectAllSeqsOnce(agent.ReadAlerts(), sent);
+}
+
+TEST(AgentEndToEnd, StopWritesEveryAlertQueuedBehindAStalledSink) {
+    TestSupport::AgentRunner agent("agent-stall");
+    const std::string sentLog = agent.prefix() + "/sent.txt";
+    // A FIFO nobody reads yet: the report task stalls on it and the alerts pile up in its queue.
+    ASSERT_EQ(::mkfifo(agent.AlertsPath().c_str(), 0600), 0);
+    const int reader = ::open(agent.AlertsPath().c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(reader, 0);
+    agent.WritePolicy("90001", "agent_test_feature", Policy("stall", sentLog, 10000));
+    ASSERT_TRUE(agent.Start({}, {kGood}));
+    long sent = 0;
+    long refused = 0;
+    // Far more than a pipe holds: most of these are still queued when the agent is told to stop.
+    ASSERT_TRUE(WaitFor([&] { return ReadSent(sentLog, sent, refused) && sent >= 20000; }))
+        << agent.ReadLog();
+    EXPECT_EQ(refused, 0) << "senders were held up by the stalled sink";
+
+    ::fcntl(reader, F_SETFL, 0);
+    std::string text;
+    std::thread drain([&] {
+        char buffer[65536];
+        for (ssize_t got; (got = ::read(reader, buffer, sizeof(buffer))) > 0;) {
+            text.append(buffer, static_cast<size_t>(got));
+        }
+    });
+    const int status = agent.Stop(kDeadlineMs);
+    drain.join();
+    ::close(reader);
+    ASSERT_EQ(status, 0) << agent.ReadLog();
+
+    ASSERT_TRUE(ReadSent(sentLog, sent, refused));
+    std::vector<Json::Value> alerts;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        Json::Value alert;
+        ASSERT_TRUE(Json::Reader().parse(line, alert)) << line;
+        alerts.push_back(alert);
+    }
+    ExpectAllSeqsOnce(alerts, sent);
+}
+
+TEST(AgentEndToEnd, RemovedPolicyFileDisablesTheFeature) {
+    TestSupport::AgentRunner agent("agent-remove");
+    agent.WritePolicy("90001", "agent_test_feature", Policy("on", agent.prefix() + "/sent.txt"));
+    ASSERT_TRUE(agent.Start({}, {kGood}));
+    ASSERT_TRUE(WaitFor([&] { return CountValue(agent, "on") > 0; })) << agent.ReadLog();
+    agent.RemovePolicy("90001", "agent_test_feature");
+    agent.Reload();
+    ASSERT_TRUE(agent.WaitForLog("agent_test_feature.json removed", kDeadlineMs)) << agent.ReadLog();
+    // The task is unregistered once the removal is delivered: its count file is final.
+    std::string counts;
+    ASSERT_TRUE(WaitFor([&] {
+        std::ifstream in(agent.prefix() + "/sent.txt");
+        return static_cast<bool>(std::getline(in, counts));
+    }));
+    EXPECT_EQ(agent.Stop(kDeadlineMs), 0);
+    std::ifstream in(agent.prefix() + "/sent.txt");
+    std::string after;
+    std::getline(in, after);
+    EXPECT_EQ(after, counts) << "the task sent reports after its policy file was removed";
+}
+
+TEST(AgentEndToEnd, ModulesThatCannotBeLoadedStopTheAgentWithExitCode2) {
+    for (const std::string& module : {kModules + "libagent_broken_module.so", kModules + "libnowhere.so"}) {
+        TestSupport::AgentRunner agent("agent-bad");
+        ASSERT_TRUE(agent.Start({}, {module}));
+        // The agent exits by itself; Stop only collects the exit status.
+        ASSERT_TRUE(agent.WaitForLog("corvane-agent stopped", kDeadlineMs)) << agent.ReadLog();
+        EXPECT_EQ(agent.Stop(kDeadlineMs), 2) << module;
+        const std::string log = agent.ReadLog();
+        EXPECT_NE(log.find("module " + module), std::string::npos) << log;
+        if (module.find("broken") != std::string::npos) {
+            EXPECT_NE(log.find("CreateModule"), std::string::npos) << log;
+        }
+    }
+}

@@ -1,0 +1,131 @@
+// agent.json and the command line.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "AgentPaths.h"
+#include "AgentSettings.h"
+#include "AgentSettingsParser.h"
+#include "CommandLine.h"
+
+namespace {
+
+bool Mentions(const std::vector<std::string>& problems, const std::string& needle) {
+    return std::any_of(problems.begin(), problems.end(),
+                       [&](const std::string& problem) { return problem.find(needle) != std::string::npos; });
+}
+
+}  // namespace
+
+TEST(AgentSettings, ShippedConfigurationIsCleanAndHoldsTheDefaults) {
+    Agent::AgentSettings settings;
+    const std::vector<std::string> problems =
+        Agent::AgentSettings::LoadFile(std::string(CORVANE_SOURCE_DIR) + "/conf/agent.json", settings);
+    EXPECT_TRUE(problems.empty()) << problems.front();
+    EXPECT_EQ(settings.log.level, "information");
+    EXPECT_EQ(settings.log.target, "file");
+    EXPECT_EQ(settings.cpuShare, 10);
+    EXPECT_EQ(settings.alerts.filePath, "log/alerts.json");
+    EXPECT_FALSE(settings.alerts.toStdout);
+    EXPECT_EQ(settings.alerts.rotateBytes, 50u * 1024 * 1024);
+    EXPECT_EQ(settings.alerts.keepFiles, 5);
+}
+
+TEST(AgentSettingsParser, BadValuesKeepTheirDefaultsAndAreNamed) {
+    Agent::AgentSettings settings;
+    const std::vector<std::string> problems = Agent::AgentSettingsParser::Parse(R"({
+        "log": {"level": "loud", "target": "stderr", "rotate_size": "ten"},
+        "cpu_share": 101,
+        "alerts": {"stdout": "yes", "file": "/var/alerts.json", "rotate_bytes": -1, "keep_files": 2},
+        "collect": {"procs_refresh_seconds": 0, "net_refresh_seconds": 7},
+        "colect": {}
+    })",
+                                                                                settings);
+    EXPECT_EQ(problems.size(), 7u);
+    for (const char* key : {"\"log.level\"", "\"log.rotate_size\"", "\"cpu_share\"", "\"alerts.stdout\"",
+                            "\"alerts.rotate_bytes\"", "\"collect.procs_refresh_seconds\"", "\"colect\""}) {
+        EXPECT_TRUE(Mentions(problems, key)) << key;
+    }
+    const Agent::AgentSettings defaults;
+    EXPECT_EQ(settings.log.level, defaults.log.level);
+    EXPECT_EQ(settings.log.rotateSize, defaults.log.rotateSize);
+    EXPECT_EQ(settings.cpuShare, defaults.cpuShare);
+    EXPECT_EQ(settings.alerts.toStdout, defaults.alerts.toStdout);
+    EXPECT_EQ(settings.alerts.rotateBytes, defaults.alerts.rotateBytes);
+    EXPECT_EQ(settings.procsRefreshSeconds, defaults.procsRefreshSeconds);
+    // The good siblings of bad values still apply.
+    EXPECT_EQ(settings.log.target, "stderr");
+    EXPECT_EQ(settings.alerts.filePath, "/var/alerts.json");
+    EXPECT_EQ(settings.alerts.keepFiles, 2);
+    EXPECT_EQ(settings.netRefreshSeconds, 7);
+}
+
+TEST(AgentSettingsParser, UnusableFilesLeaveEverythingAtDefaults) {
+    for (const std::string text : {"{\"cpu_share\": 20", "[1, 2]", "", "{\"cpu_share\": 20} {}"}) {
+        Agent::AgentSettings settings;
+        const std::vector<std::string> problems = Agent::AgentSettingsParser::Parse(text, settings);
+        ASSERT_EQ(problems.size(), 1u) << text;
+        EXPECT_TRUE(Mentions(problems, "using the default settings")) << text;
+        EXPECT_EQ(settings.cpuShare, 10) << text;
+    }
+    Agent::AgentSettings settings;
+    const std::vector<std::string> problems =
+        Agent::AgentSettings::LoadFile("/nonexistent/agent.json", settings);
+    ASSERT_EQ(problems.size(), 1u);
+    EXPECT_TRUE(Mentions(problems, "/nonexistent/agent.json (No such file or directory)"));
+}
+
+TEST(CommandLine, ParsesEveryOptionInBothFormsAndRefusesMistakes) {
+    Agent::AgentOptions options;
+    std::string error;
+    ASSERT_TRUE(Agent::CommandLine::Parse(
+        {"--prefix", "/opt/c", "--config=/etc/a.json", "--policy-dir", "pol", "--module", "a.so",
+         "--module=b.so", "--alerts", "-", "--log-level", "debug"},
+        options, error))
+        << error;
+    EXPECT_EQ(options.prefix, "/opt/c");
+    EXPECT_EQ(options.config, "/etc/a.json");
+    EXPECT_EQ(options.policyDir, "pol");
+    EXPECT_EQ(options.modules, (std::vector<std::string>{"a.so", "b.so"}));
+    EXPECT_EQ(options.alerts, "-");
+    EXPECT_EQ(options.logLevel, "debug");
+    EXPECT_FALSE(options.help);
+
+    Agent::AgentOptions help;
+    EXPECT_TRUE(Agent::CommandLine::Parse({"-h"}, help, error));
+    EXPECT_TRUE(help.help);
+
+    const std::vector<std::vector<std::string>> wrong = {
+        {"--bogus"},  {"stray"}, {"--prefix"}, {"--log-level", "loud"}, {"--prefix", "a", "--prefix", "b"},
+        {"--config="}};
+    for (const auto& args : wrong) {
+        Agent::AgentOptions ignored;
+        error.clear();
+        EXPECT_FALSE(Agent::CommandLine::Parse(args, ignored, error)) << args.front();
+        EXPECT_FALSE(error.empty());
+    }
+}
+
+TEST(AgentPaths, PrefixComesFromTheOptionOrFromTheExecutablesBinDirectory) {
+    Agent::AgentOptions none;
+    Agent::AgentPaths built = Agent::AgentPaths::Resolve(none, "/work/build/bin/corvane-agent", "/home/u");
+    EXPECT_EQ(built.prefix, "/work/build/");
+    EXPECT_EQ(built.config, "/work/build/conf/agent.json");
+    EXPECT_EQ(built.policyDir, "/work/build/conf/policies/");
+    EXPECT_EQ(built.moduleDir, "/work/build/module/");
+
+    EXPECT_EQ(Agent::AgentPaths::Resolve(none, "/tmp/corvane-agent", "/").prefix, "/usr/local/corvane/");
+    EXPECT_EQ(Agent::AgentPaths::Resolve(none, "", "/").prefix, "/usr/local/corvane/");
+
+    Agent::AgentOptions given;
+    given.prefix = "inst";
+    given.config = "my.json";
+    given.policyDir = "/etc/pol";
+    Agent::AgentPaths paths = Agent::AgentPaths::Resolve(given, "/work/build/bin/corvane-agent", "/home/u");
+    EXPECT_EQ(paths.prefix, "/home/u/inst/");
+    EXPECT_EQ(paths.config, "/home/u/my.json");
+    EXPECT_EQ(paths.policyDir, "/etc/pol/");
+    EXPECT_EQ(paths.moduleDir, "/home/u/inst/module/");
+}

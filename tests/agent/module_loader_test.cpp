@@ -1,0 +1,49 @@
+// Loading module libraries: a real module, a library without CreateModule, a missing file.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "ModuleDirectory.h"
+#include "ModuleLoader.h"
+#include "framework/Engine.h"
+
+namespace {
+
+const std::string kModules = std::string(CORVANE_BUILD_DIR) + "/tests/modules/";
+
+}  // namespace
+
+TEST(ModuleLoader, LoadsRealModulesAndNamesTheFileOfEveryFailure) {
+    Framework::Engine engine;
+    Agent::ModuleLoader loader(engine);
+    std::string error;
+
+    const std::string good = kModules + "libagent_test_module.so";
+    Framework::Module* module = loader.Load(good, error);
+    ASSERT_NE(module, nullptr) << error;
+    EXPECT_EQ(module->GetModuleName(), "agent_test_module");
+    EXPECT_TRUE(module->HasPolicyCallback("90001"));
+    EXPECT_EQ(engine.DeliverPolicy("90001", "agent_test_feature", "{\"enabled\":false}"), 0);
+
+    const std::string broken = kModules + "libagent_broken_module.so";
+    EXPECT_EQ(loader.Load(broken, error), nullptr);
+    EXPECT_NE(error.find(broken), std::string::npos) << error;
+    EXPECT_NE(error.find("CreateModule"), std::string::npos) << error;
+
+    const std::string missing = kModules + "libnot_there.so";
+    EXPECT_EQ(loader.Load(missing, error), nullptr);
+    EXPECT_NE(error.find(missing), std::string::npos) << error;
+    EXPECT_NE(error.find("No such file"), std::string::npos) << error;
+
+    EXPECT_EQ(loader.GetCount(), 1u);
+    loader.UnloadAll();
+    EXPECT_EQ(engine.DeliverPolicy("90001", "agent_test_feature", "{\"enabled\":false}"), -2);
+}
+
+TEST(ModuleDirectory, CollectModulesLoadFirstAndOnlyLibrariesCount) {
+    EXPECT_EQ(
+        Agent::ModuleDirectory::Order({"libzeta.so", "libnet_collect_module.so", "README", "libalpha.so",
+                                       "libprocess_collect_module.so", "lib.so", "libx.so.1"}),
+        (std::vector<std::string>{"libprocess_collect_module.so", "libnet_collect_module.so", "libalpha.so",
+                                  "libzeta.so"}));
+}

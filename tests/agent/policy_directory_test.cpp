@@ -1,0 +1,90 @@
+// What a reload of the policy directory delivers.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <Poco/File.h>
+#include <Poco/TemporaryFile.h>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "PolicyDirectory.h"
+
+namespace {
+
+using Agent::PolicyDirectory;
+
+void Write(const std::string& path, const std::string& text) {
+    std::ofstream(path, std::ios::trunc) << text;
+}
+
+std::vector<std::string> Describe(const std::vector<PolicyDirectory::Change>& changes) {
+    std::vector<std::string> out;
+    for (const auto& change : changes) {
+        out.push_back(change.id + "/" + change.feature + (change.removed ? " removed " : " ") + change.text);
+    }
+    return out;
+}
+
+}  // namespace
+
+TEST(PolicyDirectory, DiffFindsAdditionsChangesAndRemovalsButNotWhatCouldNotBeRead) {
+    const std::map<PolicyDirectory::Key, std::string> delivered = {
+        {{"10001", "a"}, "A"}, {{"10001", "b"}, "B"}, {{"10001", "c"}, "C"},
+        {{"10002", "d"}, "D"}, {{"10003", "e"}, "E"}, {{"10004", "f"}, "F"}};
+    PolicyDirectory::Snapshot now;
+    now.texts = {{{"10001", "a"}, "A"}, {{"10001", "b"}, "B2"}, {{"10001", "z"}, "Z"}};
+    now.unreadable = {{"10002", "d"}};
+    now.unreadableIds = {"10003"};
+    const auto changes = PolicyDirectory::Diff(delivered, now, "/p/");
+    EXPECT_EQ(Describe(changes),
+              (std::vector<std::string>{"10001/b B2", "10001/c removed {\"enabled\":false}", "10001/z Z",
+                                        "10004/f removed {\"enabled\":false}"}));
+    EXPECT_EQ(changes.front().path, "/p/10001/b.json");
+
+    now.rootUnreadable = true;
+    now.texts.clear();
+    EXPECT_TRUE(PolicyDirectory::Diff(delivered, now, "/p/").empty());
+}
+
+TEST(PolicyDirectory, ScanReadsIdDirectoriesAndRemembersOnlyWhatWasMarkedDelivered) {
+    const std::string root = Poco::TemporaryFile::tempName();
+    Poco::File(root + "/10001").createDirectories();
+    Poco::File(root + "/90001").createDirectories();
+    Write(root + "/10001/proc_feature.json", "{\"enabled\":true}");
+    Write(root + "/10001/.proc_feature.json.swp", "junk");
+    Write(root + "/10001/notes.txt", "junk");
+    Write(root + "/stray.json", "{}");
+    Write(root + "/90001/test.json", "{\"value\":1}");
+    Write(root + "/90001/locked.json", "{}");
+    ::chmod((root + "/90001/locked.json").c_str(), 0);
+
+    PolicyDirectory directory(root);
+    const bool root_user = ::geteuid() == 0;  // root reads mode-0 files
+    auto changes = directory.FindChanges();
+    std::vector<std::string> expected = {"10001/proc_feature {\"enabled\":true}"};
+    if (root_user) {
+        expected.push_back("90001/locked {}");
+    }
+    expected.push_back("90001/test {\"value\":1}");
+    EXPECT_EQ(Describe(changes), expected);
+
+    // Only what was delivered counts as known: the refused one is offered again.
+    for (const auto& change : changes) {
+        if (change.feature != "test") {
+            directory.MarkDelivered(change);
+        }
+    }
+    Write(root + "/10001/proc_feature.json", "{\"enabled\":false}");
+    EXPECT_EQ(
+        Describe(directory.FindChanges()),
+        (std::vector<std::string>{"10001/proc_feature {\"enabled\":false}", "90001/test {\"value\":1}"}));
+
+    Poco::File(root + "/10001/proc_feature.json").remove();
+    changes = directory.FindChanges();
+    ASSERT_FALSE(changes.empty());
+    EXPECT_TRUE(changes.front().removed);
+    EXPECT_EQ(changes.front().path, root + "/10001/proc_feature.json");
+    Poco::File(root).remove(true);
+}

@@ -1,0 +1,107 @@
+// The report task: what reaches the alert file, on a stop and after an outage.
+#include <gtest/gtest.h>
+
+#include <Poco/File.h>
+#include <Poco/TemporaryFile.h>
+
+#include <chrono>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "DataReportTask.h"
+#include "ReportModule.h"
+#include "framework/DataMessage.h"
+#include "framework/Engine.h"
+#include "support/LogCapture.h"
+
+namespace {
+
+std::vector<std::string> ReadLines(const std::string& path) {
+    std::ifstream in(path);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+std::shared_ptr<Framework::Message> Report(const std::string& body) {
+    return std::make_shared<Framework::DataMessage>("2", body);
+}
+
+class TempDir {
+public:
+    TempDir() { Poco::File(path).createDirectories(); }
+    ~TempDir() { Poco::File(path).remove(true); }
+    const std::string path = Poco::TemporaryFile::tempName();
+};
+
+}  // namespace
+
+TEST(DataReportTask, UnInitWritesEveryQueuedReportOneJsonLineEach) {
+    TempDir dir;
+    TestSupport::LogCapture log("agent");
+    Agent::ReportSettings settings;
+    settings.filePath = dir.path + "/alerts.json";
+    auto* task = new Agent::DataReportTask(settings);
+    task->Init();
+    const int count = 5000;
+    for (int index = 0; index < count; ++index) {
+        std::shared_ptr<Framework::Message> message = Report("{\"seq\":" + std::to_string(index) + "}");
+        ASSERT_TRUE(task->EnqueueMsg(message));
+    }
+    std::shared_ptr<Framework::Message> pretty = Report("{\n  \"event\": \"multi\",\n  \"n\": [1, 2]\n}\n");
+    std::shared_ptr<Framework::Message> broken = Report("{\"event\": ");
+    std::shared_ptr<Framework::Message> other = std::make_shared<Framework::Message>("not_a_report");
+    task->EnqueueMsg(pretty);
+    task->EnqueueMsg(broken);
+    task->EnqueueMsg(other);
+    task->UnInit();
+
+    const std::vector<std::string> lines = ReadLines(settings.filePath);
+    ASSERT_EQ(lines.size(), static_cast<size_t>(count + 1));
+    for (int index = 0; index < count; ++index) {
+        ASSERT_EQ(lines[static_cast<size_t>(index)], "{\"seq\":" + std::to_string(index) + "}");
+    }
+    EXPECT_EQ(lines.back(), "{\"event\":\"multi\",\"n\":[1,2]}");
+    EXPECT_EQ(task->GetRefusedCount(), 1u);
+    EXPECT_EQ(log.Count("is not one JSON document"), 1u);
+    task->release();
+}
+
+TEST(DataReportTask, RunsAsSystemTaskRetriesAFailedFileAndDrainsOnStopAll) {
+    TempDir dir;
+    Agent::ReportSettings settings;
+    settings.filePath = dir.path + "/missing/alerts.json";
+    settings.retrySeconds = 1;
+    Framework::Engine engine;
+    {
+        Agent::ReportModule module(settings);
+        ASSERT_EQ(module.Init(), 0);
+        Framework::Task* report = engine.FindTask("data_comm_report_task");
+        ASSERT_NE(report, nullptr);
+        ASSERT_EQ(
+            report->SendDirectMsg("data_comm_report_task", new Framework::DataMessage("2", "{\"n\":0}")), 0);
+
+        // No further report arrives: the periodic retry alone must bring the line out.
+        Poco::File(dir.path + "/missing").createDirectories();
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (ReadLines(settings.filePath).empty() && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        ASSERT_EQ(ReadLines(settings.filePath), std::vector<std::string>{"{\"n\":0}"});
+
+        for (int index = 1; index <= 20000; ++index) {
+            report->SendDirectMsg("data_comm_report_task",
+                                  new Framework::DataMessage("2", "{\"n\":" + std::to_string(index) + "}"));
+        }
+        engine.StopAll();
+        module.UnInit();
+    }
+    const std::vector<std::string> lines = ReadLines(settings.filePath);
+    ASSERT_EQ(lines.size(), 20001u);
+    EXPECT_EQ(lines.back(), "{\"n\":20000}");
+}
