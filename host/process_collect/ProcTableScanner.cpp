@@ -156,8 +156,15 @@ bool ProcTableScanner::TakeSnapshot(ProcsFullTask::ProcsMap& out) {
         }
     }
     if (errorCount_ > 0) {
-        ProcessCollectLog::Error("process snapshot: " + std::to_string(errorCount_) +
-                                 " read errors, the first: " + firstError_);
+        // The same unreadable file every few seconds is said once; later repeats go to debug.
+        const std::string text =
+            "process snapshot: " + std::to_string(errorCount_) + " read errors, the first: " + firstError_;
+        if (firstError_ != lastLoggedError_) {
+            ProcessCollectLog::Error(text);
+            lastLoggedError_ = firstError_;
+        } else {
+            ProcessCollectLog::Debug(text);
+        }
     }
     return true;
 }

@@ -46,6 +46,7 @@ private:
     std::unique_ptr<ProcRecordParser> parser_;
     unsigned long errorCount_ = 0;
     std::string firstError_;
+    std::string lastLoggedError_;  // first error of the last snapshot that logged one
 };
 
 }  // namespace Engine

@@ -40,17 +40,18 @@ std::vector<std::pair<int, unsigned>> Flags(const std::vector<KnownProcessTable:
 
 TEST(KnownProcessTable, ReconcileReportsWhatEventsMissed) {
     KnownProcessTable table;
-    table.Reset({{1, Proc(0, 5, 0)}, {10, Proc(1, 100, 1000, 1000)}, {11, Proc(1, 110, 1000)}, {12, Proc(1, 120, 0)}});
+    table.Reset({{1, Proc(0, 5, 0)},
+                 {10, Proc(1, 100, 1000, 1000)},
+                 {11, Proc(1, 110, 1000)},
+                 {12, Proc(1, 120, 0)}});
 
     std::map<int, KnownProcess> live = {
-        {1, Proc(0, 5, 0)},
-        {10, Proc(1, 100, 1000, 1000)},
-        {11, Proc(1, 110, 1000)},
-        {12, Proc(1, 999, 0)},   // pid reused
-        {20, Proc(10, 200, 1000)},  // born while events were lost
+        {1, Proc(0, 5, 0)},        {10, Proc(1, 100, 1000, 1000)},
+        {11, Proc(1, 110, 1000)},  {12, Proc(1, 999, 0)},  // pid reused
+        {20, Proc(10, 200, 1000)},                         // born while events were lost
     };
-    live[10].euid = 0;   // gained root
-    live[11].egid = 5;   // changed group
+    live[10].euid = 0;  // gained root
+    live[11].egid = 5;  // changed group
     auto changes = table.Reconcile(live);
     EXPECT_EQ((std::vector<std::pair<int, unsigned>>{{10, Engine::PROCS_EVENT_UID},
                                                      {11, Engine::PROCS_EVENT_GID},

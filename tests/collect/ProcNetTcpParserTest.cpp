@@ -74,7 +74,8 @@ TEST(ProcNetTcpParser, OddLines) {
     Engine::NetProcsMessage::netProcInfo info;
     EXPECT_EQ(ProcNetTcpParser::LineResult::kMalformed,
               ProcNetTcpParser::ParseLine(
-                  "   0: 0100007F:0016 0A00000A:01BD 01 00000000:00000000 00:00000000 00000000 0 0 77 1 0", true, info));
+                  "   0: 0100007F:0016 0A00000A:01BD 01 00000000:00000000 00:00000000 00000000 0 0 77 1 0",
+                  true, info));
 }
 
 TEST(SockDiagDecoder, MappedSocketAndEndOfDump) {

@@ -108,7 +108,8 @@ TEST(ProcRecordParser, TruncatedOrOddTexts) {
 
     // CAP_SETUID is bit 7 and CAP_SETGID bit 6 of the effective set; other sets do not count.
     texts = sleep.Texts();
-    const std::string capStatus = "Uid:\t1\t1\t1\t1\nGid:\t2\t2\t2\t2\nCapPrm:\t00000000000000c0\nCapEff:\t0000000000000080\n";
+    const std::string capStatus =
+        "Uid:\t1\t1\t1\t1\nGid:\t2\t2\t2\t2\nCapPrm:\t00000000000000c0\nCapEff:\t0000000000000080\n";
     texts.status = capStatus;
     ASSERT_TRUE(parser.Build(texts, record));
     EXPECT_EQ(1u, record.capSetuid);
@@ -123,7 +124,8 @@ TEST(ProcRecordParser, TruncatedOrOddTexts) {
     EXPECT_EQ(' ', joined[10]);
 
     int64_t bootTime = 0;
-    EXPECT_TRUE(ProcRecordParser::ParseBootTime("cpu  1 2 3\nintr 5\nbtime 1795330744\nprocesses 9\n", bootTime));
+    EXPECT_TRUE(
+        ProcRecordParser::ParseBootTime("cpu  1 2 3\nintr 5\nbtime 1795330744\nprocesses 9\n", bootTime));
     EXPECT_EQ(kBootTime, bootTime);
     EXPECT_FALSE(ProcRecordParser::ParseBootTime("cpu  1 2 3\nxbtime 5\n", bootTime));
 }

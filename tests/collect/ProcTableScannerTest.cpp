@@ -57,8 +57,8 @@ TEST(ProcsFullTask, SnapshotOfAFakeTreeLinksParents) {
     tree.AddProcess(40, 1, 300, "/usr/bin/parent (deleted)", 1000);
     tree.AddProcess(41, 40, 450, "/usr/bin/child", 1000);
     tree.AddProcess(42, 99, 500, "/usr/bin/orphan");  // parent not in the table
-    ::mkdir((tree.root() + "/43").c_str(), 0755);       // vanished: no files left
-    ::mkdir((tree.root() + "/net").c_str(), 0755);      // not a process
+    ::mkdir((tree.root() + "/43").c_str(), 0755);     // vanished: no files left
+    ::mkdir((tree.root() + "/net").c_str(), 0755);    // not a process
     tree.Write("self", "");
 
     const std::string previousRoot = SDK::ProcessUtils::GetProcRoot();

@@ -15,7 +15,8 @@ class ReceivingTask : public Engine::MixedTask {
 public:
     explicit ReceivingTask(const std::string& name)
         : Engine::MixedTask(name, "collect_test_feature", Framework::TaskCondition::TASK_TYPE_MESSAGE, 16) {}
-    void ProcsMessageAction(int pid, unsigned int flag, std::shared_ptr<ProcsMessage::procInfo> record) override {
+    void ProcsMessageAction(int pid, unsigned int flag,
+                            std::shared_ptr<ProcsMessage::procInfo> record) override {
         received.push_back({pid, flag, std::move(record)});
     }
     struct Received {
@@ -28,7 +29,9 @@ public:
 
 class PlainTask : public Framework::Task {
 public:
-    PlainTask() : Framework::Task("plain_task", "collect_test_feature", Framework::TaskCondition::TASK_TYPE_MESSAGE, 16) {}
+    PlainTask()
+        : Framework::Task("plain_task", "collect_test_feature", Framework::TaskCondition::TASK_TYPE_MESSAGE,
+                          16) {}
 };
 
 TEST(ProcsMessages, SubscriptionsAreCountedPerFlag) {

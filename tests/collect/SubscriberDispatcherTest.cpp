@@ -19,7 +19,8 @@ using Engine::ProcsMessage;
 class SlowSubscriber : public Engine::MixedTask {
 public:
     SlowSubscriber(const std::string& name, unsigned int capacity)
-        : Engine::MixedTask(name, "collect_test_feature", Framework::TaskCondition::TASK_TYPE_RESIDENT, capacity) {}
+        : Engine::MixedTask(name, "collect_test_feature", Framework::TaskCondition::TASK_TYPE_RESIDENT,
+                            capacity) {}
     void ProcsMessageAction(int pid, unsigned int, std::shared_ptr<ProcsMessage::procInfo>) override {
         pids.push_back(pid);
     }

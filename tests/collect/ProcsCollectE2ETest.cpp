@@ -1,0 +1,271 @@
+// The process-collect module on this machine (run as root): snapshots against
+// what the test set up and what ps reports, and events for the test's own
+// fork and identity change.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <mutex>
+#include <sstream>
+#include <vector>
+
+#include "CollectHost.h"
+#include "ProcsRealTask.h"
+#include "collect/MixedTask.h"
+#include "collect/ProcsFullTask.h"
+#include "sdk/ProcessUtils.h"
+
+namespace {
+
+using Engine::ProcsMessage;
+using Record = ProcsMessage::procInfo;
+
+std::string RealPath(const char* path) {
+    char resolved[PATH_MAX];
+    return ::realpath(path, resolved) != nullptr ? resolved : "";
+}
+
+std::string ReadLink(const std::string& path) {
+    char target[PATH_MAX];
+    const ssize_t length = ::readlink(path.c_str(), target, sizeof target - 1);
+    return length > 0 ? std::string(target, static_cast<size_t>(length)) : "";
+}
+
+// A child with chosen identities that runs /bin/sleep until killed.
+pid_t StartSleeper() {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        if (::setresgid(1002, 1003, 1004) != 0 || ::setresuid(1005, 1006, 1007) != 0) {
+            ::_exit(120);
+        }
+        ::execl("/bin/sleep", "/bin/sleep", "300", "0.25", static_cast<char*>(nullptr));
+        ::_exit(121);
+    }
+    return pid;
+}
+
+void Reap(pid_t pid) {
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
+}
+
+TEST(ProcsCollectE2E, SnapshotHoldsAChildWithChosenIdentities) {
+    CollectHost host;
+    auto* task = host.Find<Engine::ProcsFullTask>(Engine::ProcsFullTask::kTaskName);
+    ASSERT_NE(nullptr, task);
+    const pid_t child = StartSleeper();
+    ASSERT_GT(child, 0);
+
+    std::shared_ptr<Record> record;
+    const bool found = WaitFor(
+        [&] {
+            Engine::ProcsFullTask::ProcsMap map;
+            task->GetProcsMap(map);
+            auto entry = map.find(child);
+            if (entry != map.end() && entry->second->name == "sleep") {
+                record = entry->second;
+            }
+            return record != nullptr;
+        },
+        10000);
+    Reap(child);
+    ASSERT_TRUE(found);
+
+    EXPECT_EQ(child, record->pid);
+    EXPECT_EQ(::getpid(), record->ppid);
+    EXPECT_EQ(1005u, record->uid);
+    EXPECT_EQ(1006u, record->euid);
+    EXPECT_EQ(1006u, record->suid);  // exec copies the effective ids into the saved ones
+    EXPECT_EQ(1002u, record->gid);
+    EXPECT_EQ(1003u, record->egid);
+    EXPECT_EQ(1003u, record->sgid);
+    EXPECT_EQ(0u, record->capSetuid);  // leaving uid 0 dropped the capabilities
+    EXPECT_EQ(0u, record->capSetgid);
+    EXPECT_EQ(RealPath("/bin/sleep"), record->exePath);
+    EXPECT_EQ("/bin/sleep 300 0.25", record->cmdline);
+    EXPECT_EQ(ReadLink("/proc/self/exe"), record->parentExePath);
+
+    long ownStart = 0;
+    ASSERT_EQ(0, SDK::ProcessUtils::GetProcessStatInfo(::getpid(), nullptr, &ownStart, nullptr));
+    EXPECT_EQ(ownStart, record->parentStartTime);
+    EXPECT_GE(record->startTime, ownStart);
+    EXPECT_LE(std::labs(record->startTimeSec - static_cast<long>(::time(nullptr))), 30);
+}
+
+struct PsRow {
+    int ppid;
+    unsigned ruid, euid, rgid, egid;
+    std::string exe;
+};
+
+std::map<int, PsRow> RunPs() {
+    std::map<int, PsRow> rows;
+    FILE* ps = ::popen("ps -eo pid=,ppid=,ruid=,euid=,rgid=,egid=,exe=", "r");
+    if (ps == nullptr) {
+        return rows;
+    }
+    char line[8192];
+    while (std::fgets(line, sizeof line, ps) != nullptr) {
+        std::istringstream fields(line);
+        int pid = 0;
+        PsRow row{};
+        if (fields >> pid >> row.ppid >> row.ruid >> row.euid >> row.rgid >> row.egid) {
+            std::getline(fields >> std::ws, row.exe);
+            if (row.exe == "-") {
+                row.exe.clear();
+            }
+            rows[pid] = row;
+        }
+    }
+    ::pclose(ps);
+    return rows;
+}
+
+class FreshSnapshotTask : public Engine::ProcsFullTask {
+public:
+    FreshSnapshotTask() : Engine::ProcsFullTask(1) {}
+};
+
+TEST(ProcsCollectE2E, SnapshotAgreesWithPs) {
+    auto* task = new FreshSnapshotTask();
+    Engine::ProcsFullTask::ProcsMap map;
+    task->GetProcsMap(map);
+    task->release();
+    const std::map<int, PsRow> ps = RunPs();
+    ASSERT_GT(ps.size(), 10u);
+
+    // ps runs a moment later: a few processes may have come or gone in between.
+    size_t common = 0;
+    for (const auto& [pid, row] : ps) {
+        const auto entry = map.find(pid);
+        if (entry == map.end()) {
+            continue;
+        }
+        ++common;
+        const Record& record = *entry->second;
+        SCOPED_TRACE("pid " + std::to_string(pid) + " " + record.name);
+        EXPECT_EQ(row.ppid, record.ppid);
+        EXPECT_EQ(row.ruid, record.uid);
+        EXPECT_EQ(row.euid, record.euid);
+        EXPECT_EQ(row.rgid, record.gid);
+        EXPECT_EQ(row.egid, record.egid);
+        EXPECT_EQ(row.exe, record.exePath);
+    }
+    EXPECT_GE(common + 10, ps.size());
+    EXPECT_GE(common + 10, map.size());
+}
+
+// Records the process events it receives (on its own thread).
+class EventSink : public Engine::MixedTask {
+public:
+    EventSink()
+        : Engine::MixedTask("collect_event_sink_task", "collect_test_feature",
+                            Framework::TaskCondition::TASK_TYPE_MESSAGE, 4096) {}
+    void ProcsMessageAction(int pid, unsigned int flag, std::shared_ptr<Record> record) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        events_.push_back({pid, flag, std::move(record)});
+    }
+    // The first event of `flag` for `pid`, if any.
+    std::shared_ptr<Record> Find(int pid, unsigned int flag) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const auto& event : events_) {
+            if (event.pid == pid && event.flag == flag) {
+                return event.record ? event.record : std::make_shared<Record>();
+            }
+        }
+        return nullptr;
+    }
+    bool Saw(int pid) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const auto& event : events_) {
+            if (event.pid == pid) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+private:
+    struct Event {
+        int pid;
+        unsigned int flag;
+        std::shared_ptr<Record> record;
+    };
+    std::mutex mutex_;
+    std::vector<Event> events_;
+};
+
+TEST(ProcsCollectE2E, ForkAndIdentityChangeReachASubscriber) {
+    CollectHost host;
+    auto* real = host.Find<Engine::ProcsRealTask>(Engine::ProcsRealTask::kTaskName);
+    ASSERT_NE(nullptr, real);
+    auto* sink = new EventSink();
+    sink->SetTaskEnabled(true);
+    ASSERT_EQ(0, host.engine().RegisterTask(nullptr, sink, false));
+    sink->SendDirectMsg(Engine::ProcsRealTask::kTaskName,
+                        new Engine::ProcsRegistMessage(Engine::PROCS_EVENT_FORK, sink));
+    sink->SendDirectMsg(Engine::ProcsRealTask::kTaskName,
+                        new Engine::ProcsRegistMessage(Engine::PROCS_EVENT_UID, sink));
+    ASSERT_TRUE(WaitFor(
+        [&] {
+            return real->IsReady() && real->GetSubscriptionCount(Engine::PROCS_EVENT_FORK) == 1 &&
+                   real->GetSubscriptionCount(Engine::PROCS_EVENT_UID) == 1;
+        },
+        10000));
+    ASSERT_FALSE(real->GetCounters().polling) << "the process connector is not usable here";
+
+    // A thread is no process: its creation must not come as a fork.
+    pid_t threadId = 0;
+    std::thread([&threadId] { threadId = static_cast<pid_t>(::syscall(SYS_gettid)); }).join();
+
+    int gate[2];
+    ASSERT_EQ(0, ::pipe(gate));
+    const pid_t child = ::fork();
+    if (child == 0) {
+        char go;
+        ::close(gate[1]);
+        if (::read(gate[0], &go, 1) != 1 || ::setresuid(1000, 1001, 1001) != 0) {
+            ::_exit(1);
+        }
+        ::pause();
+        ::_exit(0);
+    }
+    ::close(gate[0]);
+    std::shared_ptr<Record> forked;
+    EXPECT_TRUE(
+        WaitFor([&] { return (forked = sink->Find(child, Engine::PROCS_EVENT_FORK)) != nullptr; }, 10000));
+    // Let the child change its ids only after the fork event was delivered.
+    EXPECT_EQ(1, ::write(gate[1], "x", 1));
+    ::close(gate[1]);
+    std::shared_ptr<Record> changed;
+    EXPECT_TRUE(
+        WaitFor([&] { return (changed = sink->Find(child, Engine::PROCS_EVENT_UID)) != nullptr; }, 10000));
+    Reap(child);
+
+    ASSERT_NE(nullptr, forked);
+    EXPECT_EQ(child, forked->pid);
+    EXPECT_EQ(::getpid(), forked->ppid);
+    EXPECT_EQ(0u, forked->uid);
+    EXPECT_EQ(0u, forked->euid);
+    EXPECT_EQ(ReadLink("/proc/self/exe"), forked->exePath);
+    EXPECT_EQ(ReadLink("/proc/self/exe"), forked->parentExePath);
+    EXPECT_GT(forked->startTime, 0);
+    ASSERT_NE(nullptr, changed);
+    EXPECT_EQ(child, changed->pid);
+    EXPECT_EQ(1000u, changed->uid);
+    EXPECT_EQ(1001u, changed->euid);
+    EXPECT_EQ(1001u, changed->suid);
+    EXPECT_EQ(forked->startTime, changed->startTime);
+    EXPECT_FALSE(sink->Saw(threadId));
+
+    host.engine().UnRegisterTask(sink->GetTaskName());
+    sink->release();
+}
+
+}  // namespace
