@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "SdkLog.h"
+
 extern char** environ;
 
 namespace SDK {
@@ -126,14 +128,16 @@ int ExecuteCmdUtils::ExecuteCmd(const std::string& command, std::string& output,
     close(fds[1]);
     if (pid < 0) {
         close(fds[0]);
+        LogSdkWarning("cannot run \"" + command + "\" through /bin/sh");
         return -1;
     }
-    const long long deadlineMs =
-        MonotonicMs() + static_cast<long long>(timeoutSeconds > 0 ? timeoutSeconds : 1) * 1000;
+    const int seconds = timeoutSeconds > 0 ? timeoutSeconds : 1;
+    const long long deadlineMs = MonotonicMs() + static_cast<long long>(seconds) * 1000;
     const bool finishedOutput = CollectOutput(fds[0], output, maxOutput, deadlineMs);
     close(fds[0]);
     int status = 0;
     if (!finishedOutput || !WaitUntil(pid, deadlineMs, status)) {
+        LogSdkWarning("\"" + command + "\" still running after " + std::to_string(seconds) + " s, killed");
         kill(-pid, SIGKILL);
         while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
         }

@@ -7,9 +7,12 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <vector>
+
+#include "SdkLog.h"
 
 namespace SDK {
 
@@ -81,6 +84,7 @@ int HttpUtils::Download(const std::string& url, const std::string& targetPath, c
     static CURLcode globalInitResult = CURLE_FAILED_INIT;
     std::call_once(globalInit, [] { globalInitResult = curl_global_init(CURL_GLOBAL_DEFAULT); });
     if (globalInitResult != CURLE_OK) {
+        LogSdkWarning(std::string("download: libcurl init failed: ") + curl_easy_strerror(globalInitResult));
         return -static_cast<int>(globalInitResult);
     }
 
@@ -88,24 +92,31 @@ int HttpUtils::Download(const std::string& url, const std::string& targetPath, c
     struct stat st {};
     if (url.empty() || targetPath.empty() || targetPath.back() == '/' || stat(directory.c_str(), &st) != 0 ||
         !S_ISDIR(st.st_mode)) {
+        LogSdkWarning("download of " + url + ": no target directory for \"" + targetPath + "\"");
         return kLocalError;
     }
     // Beside the target, so that the final rename stays within one file system.
     TempFile temp;
-    std::string pattern = targetPath + ".XXXXXX";
-    std::vector<char> name(pattern.begin(), pattern.end());
+    std::vector<char> name(targetPath.begin(), targetPath.end());
+    const std::string suffix = ".XXXXXX";
+    name.insert(name.end(), suffix.begin(), suffix.end());
     name.push_back('\0');
     temp.fd = mkostemp(name.data(), O_CLOEXEC);
     if (temp.fd < 0) {
+        LogSdkWarning("download of " + url + ": cannot create a file in " + directory + ": " +
+                      strerror(errno));
         return kLocalError;
     }
     temp.path = name.data();
 
     std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> curl(curl_easy_init(), &curl_easy_cleanup);
     if (!curl) {
+        LogSdkWarning("download of " + url + ": no libcurl handle");
         return -static_cast<int>(CURLE_FAILED_INIT);
     }
     CURL* h = curl.get();
+    char errorText[CURL_ERROR_SIZE] = "";
+    curl_easy_setopt(h, CURLOPT_ERRORBUFFER, errorText);
     curl_easy_setopt(h, CURLOPT_URL, url.c_str());
     curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, &WriteToFd);
     curl_easy_setopt(h, CURLOPT_WRITEDATA, &temp.fd);
@@ -130,19 +141,26 @@ int HttpUtils::Download(const std::string& url, const std::string& targetPath, c
 
     const CURLcode result = curl_easy_perform(h);
     if (result != CURLE_OK) {
+        LogSdkWarning("download of " + url +
+                      " failed: " + (errorText[0] != '\0' ? errorText : curl_easy_strerror(result)));
         return -static_cast<int>(result);
     }
     long status = 0;
     curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &status);
     if (status != 200) {
+        LogSdkWarning("download of " + url + ": HTTP status " + std::to_string(status) + ", " + targetPath +
+                      " left as it was");
         return static_cast<int>(status);
     }
-    if (fchmod(temp.fd, 0644) != 0 || fsync(temp.fd) != 0) {
+    bool finished = fchmod(temp.fd, 0644) == 0 && fsync(temp.fd) == 0;
+    finished = close(temp.fd) == 0 && finished;
+    temp.fd = -1;
+    if (!finished) {
+        LogSdkWarning("download of " + url + ": cannot finish " + temp.path + ": " + strerror(errno));
         return kLocalError;
     }
-    close(temp.fd);
-    temp.fd = -1;
     if (rename(temp.path.c_str(), targetPath.c_str()) != 0) {
+        LogSdkWarning("download of " + url + ": cannot rename to " + targetPath + ": " + strerror(errno));
         return kLocalError;
     }
     temp.keep = true;

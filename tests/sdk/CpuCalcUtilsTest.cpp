@@ -1,14 +1,12 @@
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <time.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <fstream>
 #include <thread>
 
 #include "ChildProcess.h"
+#include "TempDir.h"
 #include "sdk/CpuCalcUtils.h"
 #include "sdk/ProcessUtils.h"
 
@@ -69,20 +67,17 @@ TEST(CpuCalcUtils, BusyAndIdleChildren) {
 }
 
 TEST(CpuCalcUtils, LifetimeAverageAndPidReuse) {
-    char dir[] = "/tmp/sdk_cpu_XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    const std::string root = dir;
-    mkdir((root + "/20").c_str(), 0755);
+    TempDir root;
     const long hz = sysconf(_SC_CLK_TCK);
     // Started 50 s after boot, now 100 s after boot, 25 s of CPU: half a CPU.
     auto writeStat = [&](long startTicks) {
-        std::ofstream(root + "/20/stat") << "20 (job) R 1 20 20 0 -1 0 0 0 0 0 " << 20 * hz << " " << 5 * hz
-                                         << " 0 0 20 0 1 0 " << startTicks;
+        root.Write("20/stat", "20 (job) R 1 20 20 0 -1 0 0 0 0 0 " + std::to_string(20 * hz) + " " +
+                                  std::to_string(5 * hz) + " 0 0 20 0 1 0 " + std::to_string(startTicks));
     };
     writeStat(50 * hz);
-    std::ofstream(root + "/uptime") << "100.00 150.00\n";
+    root.Write("uptime", "100.00 150.00\n");
 
-    SDK::ProcessUtils::SetProcRoot(root);
+    SDK::ProcessUtils::SetProcRoot(root.path());
     SDK::CpuCalcUtils calc;
     int usage = 0;
     ASSERT_TRUE(calc.Init(20));
@@ -92,11 +87,6 @@ TEST(CpuCalcUtils, LifetimeAverageAndPidReuse) {
     writeStat(60 * hz);
     EXPECT_FALSE(calc.GetCpuUsage(usage));
     SDK::ProcessUtils::SetProcRoot("/proc");
-
-    std::remove((root + "/20/stat").c_str());
-    std::remove((root + "/uptime").c_str());
-    rmdir((root + "/20").c_str());
-    rmdir(dir);
 }
 
 }  // namespace

@@ -3,8 +3,8 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
 
+#include "TempDir.h"
 #include "sdk/FileUtils.h"
 
 namespace {
@@ -25,26 +25,7 @@ std::string Sha256sum(const std::string& path) {
 
 class FileUtilsTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char dir[] = "/tmp/sdk_file_XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        dir_ = dir;
-    }
-    void TearDown() override {
-        for (const std::string& path : created_) {
-            std::remove(path.c_str());
-        }
-        rmdir(dir_.c_str());
-    }
-    std::string Create(const std::string& name, const std::string& content) {
-        const std::string path = dir_ + "/" + name;
-        std::ofstream(path, std::ios::binary) << content;
-        created_.push_back(path);
-        return path;
-    }
-
-    std::string dir_;
-    std::vector<std::string> created_;
+    TempDir dir_;
 };
 
 TEST_F(FileUtilsTest, Sha256MatchesSha256sumWithinLimit) {
@@ -52,8 +33,8 @@ TEST_F(FileUtilsTest, Sha256MatchesSha256sumWithinLimit) {
     for (int i = 0; i < 200000; ++i) {
         big.push_back(static_cast<char>(i * 7 + (i >> 8)));  // several read chunks, all byte values
     }
-    const std::string bigPath = Create("big", big);
-    const std::string emptyPath = Create("empty", "");
+    const std::string bigPath = dir_.Write("big", big);
+    const std::string emptyPath = dir_.Write("empty", "");
     std::string hex;
     ASSERT_EQ(FileUtils::GetFileSha256(bigPath, hex, 0), 0);
     EXPECT_EQ(hex, Sha256sum(bigPath));
@@ -64,18 +45,17 @@ TEST_F(FileUtilsTest, Sha256MatchesSha256sumWithinLimit) {
 
     hex = "kept";
     EXPECT_NE(FileUtils::GetFileSha256(bigPath, hex, static_cast<long>(big.size()) - 1), 0);
-    EXPECT_NE(FileUtils::GetFileSha256(dir_ + "/missing", hex, 0), 0);
-    EXPECT_NE(FileUtils::GetFileSha256(dir_, hex, 0), 0) << "a directory is no file";
-    const std::string fifo = dir_ + "/fifo";
+    EXPECT_NE(FileUtils::GetFileSha256(dir_.path() + "/missing", hex, 0), 0);
+    EXPECT_NE(FileUtils::GetFileSha256(dir_.path(), hex, 0), 0) << "a directory is no file";
+    const std::string fifo = dir_.path() + "/fifo";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    created_.push_back(fifo);
     EXPECT_NE(FileUtils::GetFileSha256(fifo, hex, 0), 0) << "must not block on a FIFO";
     EXPECT_EQ(hex, "kept");
 }
 
 TEST_F(FileUtilsTest, ReadFileWholeOrRefused) {
     const std::string content("line1\nline2\0binary", 18);
-    const std::string path = Create("text", content);
+    const std::string path = dir_.Write("text", content);
     std::string out;
     ASSERT_EQ(FileUtils::ReadFile(path, out, 18), 0);
     EXPECT_EQ(out, content);

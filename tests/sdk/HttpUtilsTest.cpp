@@ -14,6 +14,7 @@
 #include <fstream>
 #include <memory>
 
+#include "TempDir.h"
 #include "sdk/FileUtils.h"
 #include "sdk/HttpUtils.h"
 
@@ -63,17 +64,10 @@ protected:
             std::make_unique<Poco::Net::HTTPServer>(new Factory, socket, new Poco::Net::HTTPServerParams);
         server_->start();
         base_ = "http://127.0.0.1:" + std::to_string(socket.address().port());
-        char dir[] = "/tmp/sdk_http_XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        dir_ = dir;
-        target_ = dir_ + "/pupbip.dat";
+        target_ = dir_.path() + "/pupbip.dat";
         SDK::HttpUtils::GetInstance()->SetTimeouts(2, 3);
     }
-    void TearDown() override {
-        server_->stop();
-        std::remove(target_.c_str());
-        rmdir(dir_.c_str());
-    }
+    void TearDown() override { server_->stop(); }
     int Download(const std::string& path) {
         return SDK::HttpUtils::GetInstance()->Download(base_ + path, target_, "", "", "");
     }
@@ -85,7 +79,7 @@ protected:
     // The directory holds the target only: no temporary file was left behind.
     int EntriesInDir() {
         int entries = 0;
-        std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(dir_.c_str()), closedir);
+        std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(dir_.path().c_str()), closedir);
         while (const dirent* entry = readdir(dir.get())) {
             entries += entry->d_name[0] != '.';
         }
@@ -94,7 +88,7 @@ protected:
 
     std::unique_ptr<Poco::Net::HTTPServer> server_;
     std::string base_;
-    std::string dir_;
+    TempDir dir_;
     std::string target_;
 };
 
@@ -126,8 +120,9 @@ TEST_F(HttpUtilsTest, TransportFailuresAreNegative) {
     EXPECT_LT(SDK::HttpUtils::GetInstance()->Download(silentUrl, target_, "", "", ""), 0);
     EXPECT_EQ(Target(), "earlier");
 
-    EXPECT_LT(
-        SDK::HttpUtils::GetInstance()->Download(base_ + "/list", dir_ + "/no/such/dir/file", "", "", ""), 0);
+    EXPECT_LT(SDK::HttpUtils::GetInstance()->Download(base_ + "/list", dir_.path() + "/no/such/dir/file", "",
+                                                      "", ""),
+              0);
     EXPECT_LT(SDK::HttpUtils::GetInstance()->Download("file:///etc/passwd", target_, "", "", ""), 0)
         << "only http and https";
     // An explicit proxy wins over the environment: this one does not exist.

@@ -16,6 +16,7 @@ TEST(JsonUtils, ParseAcceptsDocumentsAndRejectsBrokenText) {
     Json::Value value;
     ASSERT_EQ(Parse(R"({"enabled": true, "content": {"n": 3}})", value), 0);
     EXPECT_TRUE(value["enabled"].asBool());
+    EXPECT_EQ(Parse("{\"a\": 1}\n", value), 0) << "a policy file ends in a newline";
 
     // Only `length` bytes count: the rest of the buffer is not part of the text.
     const char* text = R"({"a":1}garbage)";

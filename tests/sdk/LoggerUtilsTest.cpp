@@ -2,12 +2,11 @@
 #include <Poco/Channel.h>
 #include <Poco/Message.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <regex>
 #include <vector>
 
+#include "TempDir.h"
 #include "sdk/FileUtils.h"
 #include "sdk/LoggerUtils.h"
 
@@ -24,10 +23,7 @@ public:
 class LoggerUtilsTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char dir[] = "/tmp/sdk_log_XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        dir_ = dir;
-        settings_.directory = dir_;
+        settings_.directory = dir_.path();
         settings_.level = "information";
     }
     void TearDown() override {
@@ -35,18 +31,14 @@ protected:
         SDK::LogSettings console;
         console.target = "stderr";
         LoggerUtils::GetInstance()->Setup(console);
-        for (const char* name : {"/agent.log", "/own_module.log"}) {
-            std::remove((dir_ + name).c_str());
-        }
-        rmdir(dir_.c_str());
     }
     std::string Read(const std::string& name) {
         std::string text;
-        SDK::FileUtils::ReadFile(dir_ + "/" + name, text, 0);
+        SDK::FileUtils::ReadFile(dir_.path() + "/" + name, text, 0);
         return text;
     }
 
-    std::string dir_;
+    TempDir dir_;
     SDK::LogSettings settings_;
 };
 

@@ -5,10 +5,10 @@
 
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 
 #include "ChildProcess.h"
 #include "SessionLookup.h"
+#include "TempDir.h"
 #include "sdk/ProcessUtils.h"
 
 namespace {
@@ -111,20 +111,13 @@ TEST(ProcessUtils, SocketInodesOfThisProcess) {
 }
 
 TEST(ProcessUtils, FakeProcTreeWithBrokenFiles) {
-    char dir[] = "/tmp/sdk_proc_XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    const std::string root = dir;
-    auto write = [&root](const std::string& relative, const std::string& text) {
-        std::ofstream(root + "/" + relative, std::ios::binary) << text;
-    };
-    mkdir((root + "/10").c_str(), 0755);
-    mkdir((root + "/11").c_str(), 0755);
-    write("10/stat", "10 (worker) S 1 10 10 0 -1 0 0 0 0 0 5 5 0 0 20 0 1 0 500");
-    write("10/cmdline", std::string("worker\0--flag\0", 14));
-    write("10/status", "Name:\tworker\nUid:\t0\t0\t0\t0\n");  // Gid line lost
-    write("11/stat", "11 (zomb) Z 1 11 11 0 -1 0 0 0 0 0 5 5 0 0 20 0 1 0 500");
+    TempDir root;
+    root.Write("10/stat", "10 (worker) S 1 10 10 0 -1 0 0 0 0 0 5 5 0 0 20 0 1 0 500");
+    root.Write("10/cmdline", std::string("worker\0--flag\0", 14));
+    root.Write("10/status", "Name:\tworker\nUid:\t0\t0\t0\t0\n");  // Gid line lost
+    root.Write("11/stat", "11 (zomb) Z 1 11 11 0 -1 0 0 0 0 0 5 5 0 0 20 0 1 0 500");
 
-    ProcessUtils::SetProcRoot(root);
+    ProcessUtils::SetProcRoot(root.path());
     EXPECT_TRUE(ProcessUtils::IsProcessAlive(10));
     EXPECT_FALSE(ProcessUtils::IsProcessAlive(11));
     EXPECT_FALSE(ProcessUtils::IsProcessAlive(12));
@@ -138,22 +131,12 @@ TEST(ProcessUtils, FakeProcTreeWithBrokenFiles) {
     EXPECT_EQ(ProcessUtils::GetProcessSessionId(10, session), 0) << "no audit session: the stat session";
     EXPECT_EQ(session, "10");
     ProcessUtils::SetProcRoot("/proc");
-
-    std::remove((root + "/10/stat").c_str());
-    std::remove((root + "/10/cmdline").c_str());
-    std::remove((root + "/10/status").c_str());
-    std::remove((root + "/11/stat").c_str());
-    rmdir((root + "/10").c_str());
-    rmdir((root + "/11").c_str());
-    rmdir(dir);
 }
 
 TEST(ProcessUtils, SessionRecordsFromLogindAndUtmp) {
-    char dir[] = "/tmp/sdk_session_XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    const std::string sessions = dir;
-    std::ofstream(sessions + "/7")
-        << "USER=bob\nREMOTE_HOST=192.0.2.9\nTTY=pts/1\nREALTIME=1600000000000000\n";
+    TempDir dir;
+    const std::string& sessions = dir.path();
+    dir.Write("7", "USER=bob\nREMOTE_HOST=192.0.2.9\nTTY=pts/1\nREALTIME=1600000000000000\n");
     ProcessUtils::SessionInfo info;
     EXPECT_TRUE(SDK::HasLogindSession(sessions, "7"));
     ASSERT_EQ(SDK::ReadLogindSession(sessions, "7", info), 0);
@@ -193,10 +176,6 @@ TEST(ProcessUtils, SessionRecordsFromLogindAndUtmp) {
     EXPECT_EQ(info.user, "dave");
     EXPECT_NE(SDK::FindUtmpSession(utmp, 1234, info), 0);
     EXPECT_NE(SDK::FindUtmpSession(sessions + "/missing", 4321, info), 0);
-
-    std::remove(utmp.c_str());
-    std::remove((sessions + "/7").c_str());
-    rmdir(dir);
 }
 
 }  // namespace
