@@ -139,11 +139,11 @@ TEST_F(AlertTest, NothingIsSentBelowTheScoreOrForDeadProcesses) {
 }
 
 TEST_F(AlertTest, ScoresDescriptionsAndAddresses) {
-    // CMDLINE never scores, a set bit without a weight adds nothing, negatives subtract.
+    // CMDLINE never scores, negatives subtract.
     EXPECT_EQ(task->CalcScore(0), 0u);
     EXPECT_EQ(task->CalcScore(Engine::CMDLINE), 0u);
-    EXPECT_EQ(task->CalcScore(Engine::CONNECT_BIP), 0u);
-    EXPECT_EQ(task->CalcScore(0x1FF), 1u + 2u + 3u - 1u);
+    EXPECT_EQ(task->CalcScore(Engine::CONNECT_BIP), 3u);  // default weight of a key left out
+    EXPECT_EQ(task->CalcScore(0x1FF), 1u - 1u + 3u + 3u + 3u + 2u + 3u + 0u);
 
     std::string desc = "old";
     Engine::ProcDetManager::MakeDesc(0, desc);

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <ctime>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <thread>
@@ -15,6 +16,17 @@
 extern char** environ;
 
 namespace DetactionTest {
+
+inline bool WaitFor(const std::function<bool()>& done, long timeoutMs = 60000) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
 
 // A child process the test starts; killed and reaped when the object goes.
 class Child {
@@ -27,7 +39,17 @@ public:
         args.push_back(nullptr);
         if (posix_spawn(&pid_, args[0], nullptr, nullptr, args.data(), environ) != 0) {
             pid_ = -1;
+            return;
         }
+        // posix_spawn returns while exec may still be setting up the new program,
+        // when /proc shows no command line yet.
+        const std::string cmdline = "/proc/" + std::to_string(pid_) + "/cmdline";
+        WaitFor(
+            [&] {
+                std::ifstream in(cmdline);
+                return in.get() != std::char_traits<char>::eof();
+            },
+            10000);
     }
     ~Child() { Kill(); }
     Child(const Child&) = delete;
@@ -48,9 +70,12 @@ private:
 
 // The pid of a process that has exited and been reaped.
 inline int DeadPid() {
-    Child child({"/bin/true"});
-    const int pid = child.pid();
-    child.Kill();
+    char path[] = "/bin/true";
+    char* args[] = {path, nullptr};
+    pid_t pid = -1;
+    if (posix_spawn(&pid, path, nullptr, nullptr, args, environ) == 0) {
+        waitpid(pid, nullptr, 0);
+    }
     return pid;
 }
 
@@ -61,17 +86,6 @@ inline void WaitNextSecond() {
     while (time(nullptr) == start) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-}
-
-inline bool WaitFor(const std::function<bool()>& done, long timeoutMs = 60000) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
 }
 
 }  // namespace DetactionTest

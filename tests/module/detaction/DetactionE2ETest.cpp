@@ -131,7 +131,9 @@ TEST(DetactionE2ETest, TmpAndDeletedProgramsAreReportedOnceAndIgnoredPathsNever)
               std::string::npos);
     const std::string log = agent.ReadLog();
     const std::string firstResult = "DetectNEW RESULT " + std::to_string(child.pid()) + " ";
-    EXPECT_EQ(log.find(firstResult, log.find(firstResult) + 1), std::string::npos);
+    const size_t firstAt = log.find(firstResult);
+    ASSERT_NE(firstAt, std::string::npos);
+    EXPECT_EQ(log.find(firstResult, firstAt + 1), std::string::npos);
     EXPECT_LT(EntriesFor(agent, child.pid()).size(), sentBefore + 4);
     EXPECT_TRUE(EntriesFor(agent, ignoredChild.pid()).empty());
     agent.Stop();

@@ -59,7 +59,7 @@ TEST(DetectorsTest, CommandLineNamesAnotherProgram) {
     EXPECT_FALSE(ProcDetCmdline::IsDisguised("/usr/sbin/sshd", ""));
     EXPECT_FALSE(ProcDetCmdline::IsDisguised("/usr/bin/python3.11", "python3 script.py"));
     EXPECT_TRUE(ProcDetCmdline::IsDisguised("/usr/sbin/sshd", "[kworker/0:1]"));
-    EXPECT_TRUE(ProcDetCmdline::IsDisguised("/usr/bin/a", "b x"));
+    EXPECT_TRUE(ProcDetCmdline::IsDisguised("/usr/bin/a", "zz x"));
     // An absolute argv0 is resolved and compared with the executable.
     EXPECT_TRUE(ProcDetCmdline::IsDisguised("/usr/sbin/sshd", "/no/such/file x"));
     const std::string link = "/tmp/detaction-cmdline-" + std::to_string(getpid());
