@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <Poco/Exception.h>
 #include <Poco/File.h>
 
 #include <chrono>
