@@ -2,6 +2,7 @@
 
 #include <Poco/Util/Application.h>
 
+#include <condition_variable>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -62,10 +63,20 @@ protected:
 
 private:
     struct Entry;
-    void StartTask(Entry& entry);
+    bool StartTask(Entry& entry);
     void StopTask(Entry& entry);
+    void StartPendingTasks();
+    // Points the task at the stored policies meant for it (mutex_ held).
+    void AttachStoredPolicies(Task& task);
+    // Makes every registered task forget the policies of `root` before it is deleted.
+    void DetachFromTasks(const Policy& root);
 
     mutable std::recursive_mutex mutex_;
+    // Signalled whenever a stopped task leaves the registry.
+    std::condition_variable_any stopped_;
+    // Deliveries run one at a time, outside mutex_ (callbacks may stop tasks).
+    std::recursive_mutex deliveryMutex_;
+    std::map<std::pair<std::string, std::string>, const Module*> policyOwners_;
     std::map<std::string, std::unique_ptr<Entry>> tasks_;
     std::vector<Module*> modules_;
     std::map<std::pair<std::string, std::string>, std::unique_ptr<Policy>> policies_;

@@ -61,7 +61,8 @@ public:
 private:
     std::string name_;
     mutable std::mutex mutex_;
-    std::map<std::string, std::unique_ptr<AbstractPolicyCallback>> callbacks_;
+    // Shared so that a delivery in progress keeps its callback alive across an unregistration.
+    std::map<std::string, std::shared_ptr<AbstractPolicyCallback>> callbacks_;
 };
 
 }  // namespace Framework

@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 
 #include "framework/Message.h"
@@ -18,6 +19,8 @@ namespace Framework {
 
 class TaskPolicy;
 class FeaturePolicy;
+class Policy;
+class Engine;
 
 // A unit of work that the engine runs on a thread of its own.
 //
@@ -124,6 +127,10 @@ protected:
     void runTask() override;
 
 private:
+    friend class Engine;
+    // Engine use: forgets attached policies that are about to be deleted.
+    void DetachPolicies(const std::set<const Policy*>& doomed);
+
     void RunPeriodic();
     void RunMessageLoop();
 
@@ -147,7 +154,7 @@ private:
     std::atomic<unsigned long> dropped_{0};
 
     struct Subscription {
-        Task* consumer;   // holds a reference (duplicate) while subscribed
+        Task* consumer;  // holds a reference (duplicate) while subscribed
         int count;
     };
     mutable std::mutex consumerMutex_;

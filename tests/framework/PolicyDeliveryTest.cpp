@@ -1,0 +1,167 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "RecordingTask.h"
+#include "framework/CompositePolicy.h"
+#include "framework/Engine.h"
+#include "framework/FeaturePolicy.h"
+#include "framework/Module.h"
+#include "framework/PolicyCallback.h"
+#include "framework/TaskPolicy.h"
+#include "sdk/JsonUtils.h"
+
+using namespace FrameworkTest;
+using Framework::TaskCondition;
+
+namespace {
+
+// Builds a feature policy with one task policy and (re)registers its task from
+// inside the callback, the way plug-in modules do.
+class PolicyModule : public Framework::Module {
+public:
+    explicit PolicyModule(RecordingTask* task) : Framework::Module("policy_module"), task_(task, true) {}
+
+    int Init() override {
+        RegisterPolicyCallback("10001",
+                               new Framework::PolicyCallback<PolicyModule>(this, &PolicyModule::Refresh));
+        return Framework::Module::Init();
+    }
+
+    Framework::Policy* Refresh(const std::string& feature, const std::string& content,
+                               Framework::Policy*& current) {
+        currents.push_back(current);
+        UnRegisterTask(task_->GetTaskName());
+        Json::Value root;
+        SDK::JsonUtils::ParseJsonStr(content.c_str(), content.size(), root);
+        if (!SDK::JsonUtils::GetBoolValue(root, "enabled", false)) {
+            return nullptr;
+        }
+        auto* policy = new Framework::FeaturePolicy(feature);
+        auto* child = new Framework::TaskPolicy(task_->GetTaskName());
+        Json::Value condition;
+        SDK::JsonUtils::GetSubobjectValue(root, "task_condition", condition);
+        child->ParseCondition(SDK::JsonUtils::JsonToString(condition));
+        policy->Add(child);
+        RegisterTask(task_.get(), false);
+        return policy;
+    }
+
+    std::vector<Framework::Policy*> currents;
+
+private:
+    TaskRef task_;
+};
+
+void RecordPolicies(RecordingTask& task) {
+    Framework::TaskPolicy* policy = task.GetTaskPolicy();
+    Framework::FeaturePolicy* feature = task.GetFeaturePolicy();
+    task.Record(policy == nullptr
+                    ? "no policy"
+                    : "every " + std::to_string(policy->GetCondition().GetTaskCondition().repeatInterval));
+    task.Record("feature " + (feature == nullptr ? std::string("none") : feature->GetName()));
+    task.Record("scheduled " + std::to_string(task.GetTaskCondition().GetTaskCondition().repeatInterval));
+}
+
+TEST(TaskConditionTest, ParseAcceptsScheduleFormsAndKeepsRecordOnFailure) {
+    Framework::TaskPolicy policy("some_task");
+    EXPECT_FALSE(policy.HasCondition());
+    ASSERT_TRUE(policy.ParseCondition(R"({"start_time": 4102444800, "repeat_interval": 60})"));
+    EXPECT_EQ(4102444800LL, policy.GetCondition().GetTaskCondition().startTime);
+    EXPECT_EQ(60, policy.GetCondition().GetTaskCondition().repeatInterval);
+    ASSERT_TRUE(policy.ParseCondition(R"({"repeat_interval": 5})"));
+
+    for (const char* bad : {R"({"start_time": 0})", R"({"repeat_interval": 0})", R"({"repeat_interval": -5})",
+                            R"({"repeat_interval": "60"})", R"({"start_time": "now", "repeat_interval": 60})",
+                            R"({"start_time": -1, "repeat_interval": 60})", "[60]", "not json", ""}) {
+        EXPECT_FALSE(policy.ParseCondition(bad)) << bad;
+        EXPECT_EQ(0, policy.GetCondition().GetTaskCondition().startTime) << bad;
+        EXPECT_EQ(5, policy.GetCondition().GetTaskCondition().repeatInterval) << bad;
+    }
+    EXPECT_TRUE(policy.HasCondition());
+}
+
+TEST(PolicyTreeTest, CompositeOwnsAndFindsItsChildren) {
+    static int destroyed;
+    destroyed = 0;
+    struct Leaf : Framework::Policy {
+        using Framework::Policy::Policy;
+        ~Leaf() override { ++destroyed; }
+    };
+    {
+        Framework::CompositePolicy root("root");
+        EXPECT_EQ(Framework::Policy::kDefaultKind, root.GetKind());
+        EXPECT_FALSE(root.IsMarked());
+        root.Add(new Leaf("a"));
+        root.Add(nullptr);
+        root.Add(new Leaf("b"));
+        EXPECT_EQ(2u, root.GetChildCount());
+        EXPECT_EQ("b", root.FindChild("b")->GetName());
+        EXPECT_EQ(nullptr, root.FindChild("c"));
+        EXPECT_EQ(nullptr, root.GetChild(2));
+    }
+    EXPECT_EQ(2, destroyed);
+}
+
+class PolicyDeliveryTest : public ::testing::Test {
+protected:
+    Framework::Engine engine_;
+};
+
+TEST_F(PolicyDeliveryTest, TaskSeesItsPolicyInInitAndBadTextsChangeNothing) {
+    TaskRef task(new RecordingTask("policy_task", TaskCondition::TASK_TYPE_RESIDENT, 0, "policy_feature"));
+    task->onInit = RecordPolicies;
+    task->onRun = WaitForCancel;
+    // Same feature, no task policy of its own: gets the feature policy only.
+    TaskRef sibling(
+        new RecordingTask("sibling_task", TaskCondition::TASK_TYPE_RESIDENT, 0, "policy_feature"));
+    sibling->onRun = WaitForCancel;
+    PolicyModule module(task.get());
+    module.Init();
+    engine_.AddModule(&module);
+    ASSERT_EQ(0, module.RegisterTask(sibling.get(), true));
+
+    EXPECT_EQ(-2, engine_.DeliverPolicy("99999", "policy_feature", "{}"));
+    const std::string first = R"({"enabled": true, "task_condition": {"repeat_interval": 7}})";
+    ASSERT_EQ(0, engine_.DeliverPolicy("10001", "policy_feature", first));
+    ASSERT_TRUE(task->WaitFor("Run"));
+    EXPECT_EQ((std::vector<std::string>{"Init", "every 7", "feature policy_feature", "scheduled 7", "Run"}),
+              task->Events());
+    ASSERT_NE(nullptr, sibling->GetFeaturePolicy());
+    EXPECT_EQ("policy_feature", sibling->GetFeaturePolicy()->GetName());
+    EXPECT_EQ(nullptr, sibling->GetTaskPolicy());
+
+    EXPECT_EQ(-1, engine_.DeliverPolicy("10001", "policy_feature", "{\"enabled\": tru"));
+    EXPECT_EQ(first, engine_.GetPolicyText("10001", "policy_feature"));
+    EXPECT_EQ(1u, module.currents.size());
+    EXPECT_EQ(1, task->Count("Init"));
+
+    ASSERT_EQ(0, engine_.DeliverPolicy("10001", "policy_feature",
+                                       R"({"enabled": true, "task_condition": {"repeat_interval": 9}})"));
+    ASSERT_TRUE(task->WaitFor("Run", 2));
+    EXPECT_EQ(1, task->Count("every 9"));
+    ASSERT_EQ(2u, module.currents.size());
+    EXPECT_EQ(nullptr, module.currents[0]);
+    ASSERT_NE(nullptr, module.currents[1]);
+
+    // A callback that returns nothing leaves the stored policy in place.
+    ASSERT_EQ(0, engine_.DeliverPolicy("10001", "policy_feature", R"({"enabled": false})"));
+    EXPECT_EQ(nullptr, engine_.FindTask("policy_task"));
+    EXPECT_EQ(2, task->Count("UnInit"));
+    ASSERT_EQ(0, engine_.DeliverPolicy("10001", "policy_feature",
+                                       R"({"enabled": true, "task_condition": {"repeat_interval": 11}})"));
+    ASSERT_EQ(4u, module.currents.size());
+    EXPECT_NE(module.currents[1], module.currents[2]);
+    EXPECT_EQ(module.currents[2], module.currents[3]);
+    ASSERT_TRUE(task->WaitFor("Run", 3));
+    EXPECT_EQ(1, task->Count("every 11"));
+
+    // Removing the module deletes its policies; no task may keep pointing at them.
+    engine_.RemoveModule(&module);
+    EXPECT_EQ(nullptr, sibling->GetFeaturePolicy());
+    EXPECT_EQ(nullptr, task->GetTaskPolicy());
+    module.UnRegisterTask("sibling_task");
+}
+
+}  // namespace
