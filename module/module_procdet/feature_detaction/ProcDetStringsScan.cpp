@@ -1,4 +1,9 @@
+#include <algorithm>
 #include <cstring>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "ProcDetLog.h"
 #include "feature_detaction/ProcDetStrings.h"
@@ -13,6 +18,51 @@ constexpr int kTestsPerPace = 11;
 
 inline bool IsGraphic(unsigned char byte) {
     return byte >= 0x21 && byte <= 0x7E;
+}
+
+// Bit i set when byte i of the 64 at `p` is graphic.
+inline uint64_t GraphicMask(const char* p) {
+#if defined(__SSE2__)
+    // As signed bytes, "greater than 0x20" leaves 0x21..0x7F (0x80 and up are negative).
+    const __m128i space = _mm_set1_epi8(0x20);
+    const __m128i del = _mm_set1_epi8(0x7F);
+    uint64_t mask = 0;
+    for (int part = 0; part < 4; ++part) {
+        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16 * part));
+        const __m128i graphic = _mm_andnot_si128(_mm_cmpeq_epi8(bytes, del), _mm_cmpgt_epi8(bytes, space));
+        mask |= static_cast<uint64_t>(static_cast<uint16_t>(_mm_movemask_epi8(graphic))) << (16 * part);
+    }
+    return mask;
+#else
+    uint64_t mask = 0;
+    for (unsigned i = 0; i < 64; ++i) {
+        mask |= static_cast<uint64_t>(IsGraphic(static_cast<unsigned char>(p[i]))) << i;
+    }
+    return mask;
+#endif
+}
+
+// The same for the first n (< 64) bytes; the other bits are 0.
+inline uint64_t GraphicMaskTail(const char* p, size_t n) {
+    char block[64] = {0};
+    memcpy(block, p, n);
+    return GraphicMask(block) & ((uint64_t{1} << n) - 1);
+}
+
+// Bit i set when byte i - 1 ends a run of at least `window` (1 to 64) graphic
+// bytes; `g` is the block's graphic mask and `before` the previous 64 bytes'.
+inline uint64_t RunEnds(uint64_t g, uint64_t before, unsigned window) {
+    using Bits = unsigned __int128;
+    Bits runs = (static_cast<Bits>(g) << 64) | before;
+    unsigned width = 1;
+    while (width * 2 <= window) {
+        runs &= runs << width;
+        width *= 2;
+    }
+    if (window > width) {
+        runs &= runs << (window - width);
+    }
+    return static_cast<uint64_t>(runs >> 63);
 }
 
 }  // namespace
@@ -86,21 +136,56 @@ bool ProcDetStrings::CheckStr(char* data, size_t length, int& counter, std::set<
     if (length == 0) {
         return true;
     }
-    for (char* p = data; p != data + length; ++p) {
-        const bool graphic = IsGraphic(static_cast<unsigned char>(*p));
-        if (*openString != nullptr && !graphic) {
-            const char saved = *p;
-            *p = '\0';
-            if (!MatchKeywords(*openString, static_cast<size_t>(p - *openString), remaining, matched,
-                               counter)) {
+    char* open = *openString;
+    // An open string of no bytes yet (carried over a cut with no overlap) closes on
+    // a leading non-graphic byte like any other.
+    if (open == data && !IsGraphic(static_cast<unsigned char>(data[0]))) {
+        if (!MatchKeywords(open, 0, remaining, matched, counter)) {
+            return false;
+        }
+        open = nullptr;
+    }
+
+    // Only strings of at least `shortest` bytes are worth a MatchKeywords call:
+    // shorter ones are never tested, except that with nothing left to find the first
+    // closed string ends the scan.
+    const uint64_t shortest = remaining.empty() ? 1 : std::max<uint64_t>(minKeywordLen, 1);
+    const unsigned window = static_cast<unsigned>(std::min<uint64_t>(shortest, 64));
+
+    // Graphic bits of the 64 bytes before the block; bit 63 is the byte just before.
+    uint64_t before = 0;
+    if (open != nullptr) {
+        const size_t had = static_cast<size_t>(data - open);
+        before = had >= 64 ? ~uint64_t{0} : (had == 0 ? 0 : ~uint64_t{0} << (64 - had));
+    }
+    for (size_t offset = 0; offset < length; offset += 64) {
+        const size_t n = std::min<size_t>(64, length - offset);
+        char* const block = data + offset;
+        const uint64_t g = n == 64 ? GraphicMask(block) : GraphicMaskTail(block, n);
+        const uint64_t valid = n == 64 ? ~uint64_t{0} : (uint64_t{1} << n) - 1;
+        const uint64_t starts = g & ~((g << 1) | (before >> 63));
+        // Closes: non-graphic bytes whose predecessor ends a run of `window` or more.
+        const uint64_t closes = ~g & valid & RunEnds(g, before, window);
+        for (uint64_t pending = closes; pending != 0; pending &= pending - 1) {
+            const unsigned at = static_cast<unsigned>(__builtin_ctzll(pending));
+            const uint64_t earlier = starts & ((uint64_t{1} << at) - 1);
+            char* const begin = earlier != 0 ? block + (63 - __builtin_clzll(earlier)) : open;
+            const size_t size = static_cast<size_t>(block + at - begin);
+            if (size >= shortest && !MatchKeywords(begin, size, remaining, matched, counter)) {
+                *openString = begin;
                 return false;
             }
-            *p = saved;
-            *openString = nullptr;
-        } else if (*openString == nullptr && graphic) {
-            *openString = p;
         }
+        if ((g >> (n - 1)) & 1) {
+            if (starts != 0) {
+                open = block + (63 - __builtin_clzll(starts));
+            }
+        } else {
+            open = nullptr;
+        }
+        before = g;
     }
+    *openString = open;
     return true;
 }
 
@@ -109,22 +194,16 @@ bool ProcDetStrings::MatchKeywords(const char* text, size_t length, std::set<std
     if (length < minKeywordLen) {
         return !remaining.empty();
     }
-    for (auto it = remaining.begin(); it != remaining.end();) {
-        if (it->size() > length) {
-            ++it;
-            continue;
-        }
-        const bool found = strstr(text, it->c_str()) != nullptr;
-        auto next = std::next(it);
-        if (found) {
-            matched.insert(*it);
-            remaining.erase(it);
-        }
-        it = next;
-        if (++counter >= kTestsPerPace) {
-            counter = 0;
-            PROCDET_PACE_CPU(kTaskName);
-        }
+    // One search pass stands for the per-keyword tests; the governor is still paced
+    // by the number of tests, once every kTestsPerPace across the file.
+    const size_t tests = CountTests(remaining, length);
+    if (tests != 0) {
+        matcher.Match(text, length, remaining, matched);
+    }
+    const size_t total = static_cast<size_t>(counter) + tests;
+    counter = static_cast<int>(total % kTestsPerPace);
+    for (size_t paces = total / kTestsPerPace; paces != 0; --paces) {
+        PROCDET_PACE_CPU(kTaskName);
     }
     return !remaining.empty();
 }

@@ -31,11 +31,11 @@ inline Poco::Logger* ModuleLogger() {
     return &Poco::Logger::get("proc_det_module");
 }
 
-// A directory under /tmp, removed with its content.
+// A directory under `base`, removed with its content.
 class TempDir {
 public:
-    TempDir() {
-        std::string pattern = "/tmp/corvane-strings-XXXXXX";
+    explicit TempDir(const std::string& base = "/tmp") {
+        std::string pattern = base + "/corvane-strings-XXXXXX";
         if (mkdtemp(pattern.data()) == nullptr) {
             throw std::runtime_error("mkdtemp " + pattern);
         }
