@@ -26,11 +26,12 @@ using TestSupport::AgentRunner;
 constexpr long kDeadlineMs = 60000;
 constexpr const char* kBlackIp = "127.0.0.2";
 
+// Only the blacklist finding scores, and alone it reaches the report score.
 std::string DetactionPolicy(const std::string& illegalIps, const std::string& url, const std::string& hash) {
     return R"({"enabled": true, "content": {"detaction_full_task": {
         "task_condition": {"start_time": 0, "repeat_interval": 1},
         "report_score": 3,
-        "score": {"tmp": 1, "hidden": 1, "deleted": 1, "loginothers": 3, "bip": 3, "cpu": 1, "strings": 3},
+        "score": {"tmp": 0, "hidden": 0, "deleted": 0, "loginothers": 0, "bip": 3, "cpu": 0, "strings": 0},
         "illegal_ip_list": [)" +
            illegalIps + R"(],
         "biplib_url": ")" +
