@@ -12,7 +12,6 @@
 #include <sstream>
 #include <string>
 
-#include "NetstatTestPeer.h"
 #include "TestFileServer.h"
 #include "feature_detaction/ProcDetNetstat.h"
 #include "sdk/HttpUtils.h"
@@ -24,7 +23,6 @@ namespace {
 
 using Engine::ProcDetNetstat;
 using NetstatTest::Sha256Hex;
-using Peer = Engine::ProcDetNetstatTestPeer;
 
 long Ip(const char* dotted) {
     return static_cast<long>(static_cast<uint32_t>(inet_addr(dotted)));
@@ -70,8 +68,6 @@ protected:
 
 TEST_F(NetstatBlacklistTest, AddressFileLinesAndLimits) {
     ProcDetNetstat detector;
-    EXPECT_EQ(Peer::LibPath(detector), libPath);
-
     const std::string file = prefix + "/list.dat";
     const std::string content = " 10.0.0.1 \n\nbad\n10.0.0.2\r\n255.255.255.255\n\t10.0.0.3\t\n";
     WriteFile(file, content);

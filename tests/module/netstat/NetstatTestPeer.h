@@ -16,7 +16,6 @@ public:
     static std::map<long, unsigned int>& BlackInodes(ProcDetNetstat& d) { return d.blackInodes; }
     static ProcDetNetstat::PeerMap& CurPeers(ProcDetNetstat& d) { return d.curPeers; }
     static ProcDetNetstat::PeerMap& PrevPeers(ProcDetNetstat& d) { return d.prevPeers; }
-    static const std::string& LibPath(ProcDetNetstat& d) { return d.libPath; }
     static void NoteProcNetTcpLine(ProcDetNetstat& d, const std::string& line) { d.NoteProcNetTcpLine(line); }
 };
 
