@@ -25,13 +25,13 @@ void ProcDetManager::MakeDesc(unsigned int flags, std::string& out) {
 
 void ProcDetManager::RecordCheckResult(ProcRecord proc, long now, int flags, const NumDetails& numDetails,
                                        const StrDetails& strDetails, bool& changed) {
-    std::string desc;
-    MakeDesc(static_cast<unsigned int>(flags), desc);
     ProcCheckInfo& info = results_[proc->pid];
     if (info.flags != static_cast<unsigned int>(flags)) {
         // Only a different set of findings counts as new; details of an unchanged set
         // stay as first recorded so that a steady finding is not reported again.
         changed = true;
+        std::string desc;
+        MakeDesc(static_cast<unsigned int>(flags), desc);
         info.filePath = proc->exePath;
         info.flags = static_cast<unsigned int>(flags);
         info.numDetails = numDetails;
