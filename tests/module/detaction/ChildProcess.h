@@ -1,11 +1,15 @@
 #pragma once
 
+#include <limits.h>
 #include <signal.h>
 #include <spawn.h>
+#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <fstream>
 #include <functional>
@@ -77,6 +81,25 @@ inline int DeadPid() {
         waitpid(pid, nullptr, 0);
     }
     return pid;
+}
+
+// The resolved path ("" when it cannot be resolved).
+inline std::string RealPath(const std::string& path) {
+    char buffer[PATH_MAX] = {0};
+    return realpath(path.c_str(), buffer) != nullptr ? buffer : "";
+}
+
+// The digest as sha256sum prints it, computed apart from the agent's own code.
+inline std::string Sha256Sum(const std::string& path) {
+    std::string out;
+    if (FILE* pipe = popen(("sha256sum '" + path + "'").c_str(), "r")) {
+        char buffer[128] = {0};
+        if (fgets(buffer, sizeof(buffer), pipe) != nullptr) {
+            out.assign(buffer, strnlen(buffer, 64));
+        }
+        pclose(pipe);
+    }
+    return out;
 }
 
 // Results are stamped per second; waits until the next second begins so two

@@ -1,10 +1,7 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
-#include <limits.h>
-#include <stdlib.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <regex>
 
@@ -21,26 +18,6 @@ constexpr long kTimeoutMs = 60000;
 constexpr int kProcTmp = 0x001;
 constexpr int kProcDeleted = 0x004;
 constexpr int kHighCpu = 0x020;
-
-std::string Sha256Sum(const std::string& path) {
-    std::string out;
-    FILE* pipe = popen(("sha256sum '" + path + "'").c_str(), "r");
-    if (pipe != nullptr) {
-        char buffer[128] = {0};
-        if (fgets(buffer, sizeof(buffer), pipe) != nullptr) {
-            out.assign(buffer, strnlen(buffer, 64));
-        }
-        pclose(pipe);
-    }
-    return out;
-}
-
-// The executable of a process ("self": this one).
-std::string SelfExe(int pid = 0) {
-    char buffer[PATH_MAX] = {0};
-    const std::string link = pid == 0 ? "/proc/self/exe" : "/proc/" + std::to_string(pid) + "/exe";
-    return realpath(link.c_str(), buffer) != nullptr ? buffer : "";
-}
 
 std::string Policy(const std::string& score, int cpuWarn, const std::string& ignored) {
     return R"({"enabled": true, "content": {"detaction_full_task": {
@@ -67,17 +44,11 @@ std::vector<Json::Value> EntriesFor(const AgentRunner& agent, int pid) {
         [pid](const Json::Value& item) { return item["process_pid"].asInt() == pid; });
 }
 
-bool WaitForEntry(const AgentRunner& agent, int pid, Json::Value& entry) {
-    return WaitFor(
-        [&] {
-            const auto entries = EntriesFor(agent, pid);
-            if (entries.empty()) {
-                return false;
-            }
-            entry = entries.front();
-            return true;
-        },
-        kTimeoutMs);
+// The first alert entry naming `pid`; null when none came in time.
+Json::Value WaitForEntry(const AgentRunner& agent, int pid) {
+    std::vector<Json::Value> entries;
+    WaitFor([&] { return !(entries = EntriesFor(agent, pid)).empty(); }, kTimeoutMs);
+    return entries.empty() ? Json::Value() : entries.front();
 }
 
 size_t CountCycles(const AgentRunner& agent) {
@@ -102,22 +73,24 @@ TEST(DetactionE2ETest, TmpAndDeletedProgramsAreReportedOnceAndIgnoredPathsNever)
     Child deletedChild({deleted.path, "300"});
     // Deleted before the agent starts, so no cycle sees the file still in place.
     const std::string deletedHash = Sha256Sum(deleted.path);
-    ASSERT_TRUE(WaitFor([&] { return SelfExe(deletedChild.pid()) == deleted.path; }));
+    ASSERT_TRUE(WaitFor(
+        [&] { return RealPath("/proc/" + std::to_string(deletedChild.pid()) + "/exe") == deleted.path; }));
     std::filesystem::remove(deleted.path);
     ASSERT_TRUE(agent.Start());
 
-    Json::Value entry;
-    ASSERT_TRUE(WaitForEntry(agent, child.pid(), entry)) << agent.ReadLog();
+    Json::Value entry = WaitForEntry(agent, child.pid());
+    ASSERT_FALSE(entry.isNull()) << agent.ReadLog();
     EXPECT_EQ(entry["process_path"].asString(), program.path);
     EXPECT_EQ(entry["process_hash"].asString(), Sha256Sum(program.path));
     EXPECT_EQ(entry["mode"].asUInt(), 0755u);
     EXPECT_EQ(entry["process_cmdline"].asString(), program.path + " 300");
     EXPECT_EQ(entry["parent_process_pid"].asInt(), getpid());
-    EXPECT_EQ(entry["parent_process_path"].asString(), SelfExe());
+    EXPECT_EQ(entry["parent_process_path"].asString(), RealPath("/proc/self/exe"));
     EXPECT_EQ(entry["rule"].asInt(), kProcTmp);
     EXPECT_EQ(entry["score"].asInt(), 3);
 
-    ASSERT_TRUE(WaitForEntry(agent, deletedChild.pid(), entry));
+    entry = WaitForEntry(agent, deletedChild.pid());
+    ASSERT_FALSE(entry.isNull());
     EXPECT_EQ(entry["process_path"].asString(), "/proc/" + std::to_string(deletedChild.pid()) + "/exe");
     EXPECT_EQ(entry["process_hash"].asString(), deletedHash);
     EXPECT_EQ(entry["rule"].asInt(), kProcTmp | kProcDeleted);
@@ -157,8 +130,8 @@ TEST(DetactionE2ETest, BusyProcessIsFlaggedHighCpu) {
     } reaper{busy};
     ASSERT_TRUE(agent.Start());
 
-    Json::Value entry;
-    ASSERT_TRUE(WaitForEntry(agent, busy, entry)) << agent.ReadLog();
+    const Json::Value entry = WaitForEntry(agent, busy);
+    ASSERT_FALSE(entry.isNull()) << agent.ReadLog();
     EXPECT_EQ(entry["rule"].asInt() & kHighCpu, kHighCpu);
     // The usage travels as dotted text, its low byte first.
     std::smatch parts;

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <limits.h>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <climits>
@@ -17,11 +15,6 @@ using namespace DetactionTest;
 using TestSupport::MakeProc;
 
 namespace {
-
-std::string RealPath(const std::string& path) {
-    char buffer[PATH_MAX] = {0};
-    return realpath(path.c_str(), buffer) != nullptr ? buffer : "";
-}
 
 unsigned int Check(Engine::ProcDetBase& detector, const Engine::ProcRecord& proc,
                    Engine::NumDetails* details = nullptr) {
@@ -55,11 +48,8 @@ TEST(DetectorsTest, CommandLineNamesAnotherProgram) {
     using Engine::ProcDetCmdline;
     EXPECT_FALSE(ProcDetCmdline::IsDisguised("/usr/bin/tool3", "tool3 x.conf"));
     EXPECT_FALSE(ProcDetCmdline::IsDisguised("/usr/bin/tool3", "/usr/bin/tool3.6 x.conf"));
-    EXPECT_FALSE(ProcDetCmdline::IsDisguised("", "anything"));
     EXPECT_FALSE(ProcDetCmdline::IsDisguised("/usr/sbin/sshd", ""));
-    EXPECT_FALSE(ProcDetCmdline::IsDisguised("/usr/bin/python3.11", "python3 script.py"));
     EXPECT_TRUE(ProcDetCmdline::IsDisguised("/usr/sbin/sshd", "[kworker/0:1]"));
-    EXPECT_TRUE(ProcDetCmdline::IsDisguised("/usr/bin/a", "zz x"));
     // An absolute argv0 is resolved and compared with the executable.
     EXPECT_TRUE(ProcDetCmdline::IsDisguised("/usr/sbin/sshd", "/no/such/file x"));
     const std::string link = "/tmp/detaction-cmdline-" + std::to_string(getpid());

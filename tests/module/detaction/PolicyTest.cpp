@@ -85,13 +85,6 @@ TEST(PolicyTest, FeaturePolicyBuildsTheTaskChild) {
     ASSERT_NE(child, nullptr);
     EXPECT_EQ(child->GetKind(), 180);
     EXPECT_EQ(child->GetReportScore(), 3);
-
-    ProcDetActionPolicy full("proc_detaction_feature");
-    EXPECT_TRUE(full.Parse(std::string(R"({"enabled": true, "content": {"detaction_full_task": )") +
-                           kFullSection + "}}"));
-    child = dynamic_cast<ProcDetActionFullTaskPolicy*>(full.FindChild("detaction_full_task"));
-    ASSERT_NE(child, nullptr);
-    EXPECT_EQ(child->GetReportScore(), 5);
 }
 
 }  // namespace
