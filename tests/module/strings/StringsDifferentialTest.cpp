@@ -1,6 +1,7 @@
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
@@ -23,8 +24,10 @@ namespace {
 using StringsTest::TempDir;
 
 constexpr size_t kChunk = 4096;
-// Thousands of rewrites of one file: kept in memory, off the disk.
-const char* const kScratch = "/dev/shm";
+// Thousands of rewrites of one file: kept in memory, off the disk, where there is a tmpfs.
+std::string Scratch() {
+    return access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+}
 
 bool Graphic(unsigned char byte) {
     return byte > 0x20 && byte < 0x7F;
@@ -173,7 +176,7 @@ private:
 };
 
 TEST_F(StringsDifferentialTest, SyntheticFilesMatchTheReferenceScan) {
-    TempDir dir(kScratch);
+    TempDir dir(Scratch());
     Generator generate(20240611);
     for (int round = 0; round < 3000; ++round) {
         std::string data = generate.Content(generate.OneIn(4) ? generate.Below(40000) : generate.Below(9000));
@@ -218,7 +221,7 @@ std::vector<std::string> ElfBinaries() {
 TEST_F(StringsDifferentialTest, RealBinariesWithPlantedKeywordsMatchTheReferenceScan) {
     const std::vector<std::string> binaries = ElfBinaries();
     ASSERT_FALSE(binaries.empty());
-    TempDir dir(kScratch);
+    TempDir dir(Scratch());
     Generator generate(7);
     for (int round = 0; round < 400; ++round) {
         std::ifstream in(binaries[generate.Below(binaries.size())], std::ios::binary);
