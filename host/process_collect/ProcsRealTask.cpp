@@ -20,6 +20,10 @@ long long SteadyNowMs() {
 constexpr long long kPollIntervalMs = 1000;
 constexpr long long kLogIntervalMs = 10000;  // repeated trouble is summed up at most this often
 constexpr size_t kEventsPerBatch = 1024;
+constexpr size_t kParentCacheLimit = 4096;
+// Messages are handed over a few at a time: each hand-over may wake the
+// subscriber, and on a busy machine every wake-up costs the producer its CPU.
+constexpr size_t kOutboxLimit = 16;
 
 unsigned int FlagOf(ProcEvent::Kind kind) {
     switch (kind) {
@@ -130,6 +134,7 @@ bool ProcsRealTask::RunConnector(ProcConnectorReader& reader) {
             }
             HandleEvent(event);
         }
+        FlushOutbox();
         if (result == ProcConnectorReader::ReadResult::kOverrun) {
             ++counters_.overruns;
             const long long now = SteadyNowMs();
@@ -185,6 +190,9 @@ void ProcsRealTask::HandleEvent(const ProcEvent& event) {
     }
     ++counters_.events;
     const int pid = event.tgid;
+    if (flag == PROCS_EVENT_EXEC || flag == PROCS_EVENT_EXIT) {
+        parents_.erase(pid);
+    }
     if (flag == PROCS_EVENT_EXIT) {
         if (dispatcher_.Wants(flag)) {
             const KnownProcess* state = known_.Find(pid);
@@ -239,6 +247,7 @@ std::map<int, KnownProcess> ProcsRealTask::ScanIdentities() {
 
 void ProcsRealTask::Rescan() {
     ++counters_.rescans;
+    parents_.clear();  // exec and exit events may have been lost
     std::map<int, KnownProcess> live = ScanIdentities();
     for (const auto& change : known_.Reconcile(live)) {
         if (!dispatcher_.Wants(change.flag)) {
@@ -255,6 +264,7 @@ void ProcsRealTask::Rescan() {
         }
         Publish(change.pid, change.flag, std::move(record));
     }
+    FlushOutbox();
     if (scanner_->GetErrorCount() > 0) {
         ProcessCollectLog::Error("process rescan: " + std::to_string(scanner_->GetErrorCount()) +
                                  " read errors, the first: " + scanner_->GetFirstError());
@@ -263,10 +273,18 @@ void ProcsRealTask::Rescan() {
 }
 
 void ProcsRealTask::Publish(int pid, unsigned int flag, std::shared_ptr<ProcsMessage::procInfo> record) {
-    const std::shared_ptr<Framework::Message> message =
-        std::make_shared<ProcsMessage>(pid, flag, std::move(record));
-    dispatcher_.Publish(flag, message);
+    outbox_.emplace_back(flag, std::make_shared<ProcsMessage>(pid, flag, std::move(record)));
     ++counters_.published;
+    if (outbox_.size() >= kOutboxLimit) {
+        FlushOutbox();
+    }
+}
+
+void ProcsRealTask::FlushOutbox() {
+    for (const auto& [flag, message] : outbox_) {
+        dispatcher_.Publish(flag, message);
+    }
+    outbox_.clear();
 }
 
 std::shared_ptr<ProcsMessage::procInfo> ProcsRealTask::ReadRecord(int pid) {
@@ -274,7 +292,7 @@ std::shared_ptr<ProcsMessage::procInfo> ProcsRealTask::ReadRecord(int pid) {
     if (!scanner_->ReadRecord(pid, ProcFsReader::kAll, *record)) {
         return nullptr;
     }
-    scanner_->ReadParentFields(*record);
+    FillParentFields(*record);
     return record;
 }
 
@@ -294,7 +312,7 @@ std::shared_ptr<ProcsMessage::procInfo> ProcsRealTask::RecordFromEvent(const Pro
         record->gid = event.realId;
         record->egid = event.effectiveId;
     }
-    scanner_->ReadParentFields(*record);
+    FillParentFields(*record);
     return record;
 }
 
@@ -310,6 +328,22 @@ std::shared_ptr<ProcsMessage::procInfo> ProcsRealTask::RecordFromKnown(int pid, 
     record->egid = state.egid;
     record->sgid = state.sgid;
     return record;
+}
+
+void ProcsRealTask::FillParentFields(ProcsMessage::procInfo& record) {
+    const auto cached = parents_.find(record.ppid);
+    if (cached != parents_.end()) {
+        record.parentStartTime = cached->second.startTime;
+        record.parentExePath = cached->second.exePath;
+        return;
+    }
+    scanner_->ReadParentFields(record);
+    if (record.parentStartTime > 0) {
+        if (parents_.size() >= kParentCacheLimit) {
+            parents_.clear();
+        }
+        parents_.emplace(record.ppid, ParentFacts{record.parentStartTime, record.parentExePath});
+    }
 }
 
 void ProcsRealTask::UpdateCounters() {

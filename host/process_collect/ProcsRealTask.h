@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "KnownProcessTable.h"
@@ -76,12 +77,22 @@ private:
     void HandleEvent(const ProcEvent& event);
     void Rescan();
     std::map<int, KnownProcess> ScanIdentities();
+    // Queues one message in the outbox; FlushOutbox hands the outbox to the dispatcher.
     void Publish(int pid, unsigned int flag, std::shared_ptr<ProcsMessage::procInfo> record);
+    void FlushOutbox();
     std::shared_ptr<ProcsMessage::procInfo> ReadRecord(int pid);
     std::shared_ptr<ProcsMessage::procInfo> RecordFromEvent(const ProcEvent& event, unsigned int flag);
     std::shared_ptr<ProcsMessage::procInfo> RecordFromKnown(int pid, const KnownProcess& state);
+    // The parent's path and start time, from the cache when the parent has neither
+    // executed nor exited since they were read (a storm of forks has one parent).
+    void FillParentFields(ProcsMessage::procInfo& record);
     void EnsureScanner();
     void UpdateCounters();
+
+    struct ParentFacts {
+        int64_t startTime;
+        std::string exePath;
+    };
 
     std::mutex pendingMutex_;
     std::vector<std::shared_ptr<Framework::Message>> pending_;  // subscription messages
@@ -91,6 +102,8 @@ private:
     KnownProcessTable known_;
     std::unique_ptr<ProcTableScanner> scanner_;
     std::vector<ProcEvent> events_;
+    std::unordered_map<int, ParentFacts> parents_;
+    std::vector<std::pair<unsigned int, std::shared_ptr<Framework::Message>>> outbox_;
     Counters counters_;
 
     mutable std::mutex countersMutex_;
