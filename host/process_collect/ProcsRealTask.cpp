@@ -104,6 +104,7 @@ int ProcsRealTask::Run() {
     }
     // The baseline is taken once the socket listens, so no process falls in between.
     known_.Reset(ScanIdentities());
+    counters_.polling = opened != ProcConnectorReader::OpenResult::kOk;
     UpdateCounters();
     ready_.store(true);
     if (opened != ProcConnectorReader::OpenResult::kOk || !RunConnector(reader)) {

@@ -2,6 +2,7 @@
 // what the test set up and what ps reports, and events for the test's own
 // fork and identity change.
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -266,6 +267,68 @@ TEST(ProcsCollectE2E, ForkAndIdentityChangeReachASubscriber) {
 
     host.engine().UnRegisterTask(sink->GetTaskName());
     sink->release();
+}
+
+// The process connector lives in the initial network namespace only. A thread
+// moved into a namespace of its own (threads it starts inherit it) cannot
+// subscribe, as in many containers: the event task must fall back to rescanning /proc.
+bool LeaveInitialNetworkNamespace() {
+    return ::unshare(CLONE_NEWNET) == 0;
+}
+
+TEST(ProcsCollectE2E, WithoutTheConnectorRescansDeliverForkAndIdentityChange) {
+    std::thread([] {
+        ASSERT_TRUE(LeaveInitialNetworkNamespace());
+        CollectHost host;
+        auto* real = host.Find<Engine::ProcsRealTask>(Engine::ProcsRealTask::kTaskName);
+        ASSERT_NE(nullptr, real);
+        auto* sink = new EventSink();
+        sink->SetTaskEnabled(true);
+        ASSERT_EQ(0, host.engine().RegisterTask(nullptr, sink, false));
+        sink->SendDirectMsg(Engine::ProcsRealTask::kTaskName,
+                            new Engine::ProcsRegistMessage(Engine::PROCS_EVENT_FORK, sink));
+        sink->SendDirectMsg(Engine::ProcsRealTask::kTaskName,
+                            new Engine::ProcsRegistMessage(Engine::PROCS_EVENT_UID, sink));
+        ASSERT_TRUE(WaitFor(
+            [&] {
+                return real->IsReady() && real->GetSubscriptionCount(Engine::PROCS_EVENT_FORK) == 1 &&
+                       real->GetSubscriptionCount(Engine::PROCS_EVENT_UID) == 1;
+            },
+            10000));
+        EXPECT_TRUE(real->GetCounters().polling);
+
+        int gate[2];
+        ASSERT_EQ(0, ::pipe(gate));
+        const pid_t child = ::fork();
+        if (child == 0) {
+            char go;
+            ::close(gate[1]);
+            if (::read(gate[0], &go, 1) != 1 || ::setresuid(2000, 2000, 2000) != 0) {
+                ::_exit(1);
+            }
+            ::pause();
+            ::_exit(0);
+        }
+        ::close(gate[0]);
+        std::shared_ptr<Record> forked;
+        EXPECT_TRUE(WaitFor([&] { return (forked = sink->Find(child, Engine::PROCS_EVENT_FORK)) != nullptr; },
+                            10000));
+        EXPECT_EQ(1, ::write(gate[1], "x", 1));
+        ::close(gate[1]);
+        std::shared_ptr<Record> changed;
+        EXPECT_TRUE(WaitFor([&] { return (changed = sink->Find(child, Engine::PROCS_EVENT_UID)) != nullptr; },
+                            10000));
+        Reap(child);
+        host.engine().UnRegisterTask(sink->GetTaskName());
+        sink->release();
+
+        ASSERT_NE(nullptr, forked);
+        EXPECT_EQ(::getpid(), forked->ppid);
+        EXPECT_EQ(0u, forked->euid);
+        ASSERT_NE(nullptr, changed);
+        EXPECT_EQ(2000u, changed->uid);
+        EXPECT_EQ(2000u, changed->euid);
+    }).join();
 }
 
 }  // namespace
