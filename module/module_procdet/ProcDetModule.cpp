@@ -7,6 +7,8 @@
 #include "ProcDetLog.h"
 #include "feature_detaction/ProcDetActionFullTask.h"
 #include "feature_detaction/ProcDetActionPolicy.h"
+#include "feature_detroot/ProcDetRootFullTask.h"
+#include "feature_detroot/ProcDetRootPolicy.h"
 #include "framework/PolicyCallback.h"
 #include "sdk/JsonUtils.h"
 
@@ -25,6 +27,7 @@ ProcDetModule::ProcDetModule() : Framework::Module(kModuleName) {}
 ProcDetModule::~ProcDetModule() {
     // The engine dropped its own reference when the task was unregistered; this
     // drops the module's, which destroys the task.
+    ReleaseTask(detRootTask_);
     ReleaseTask(detActionTask_);
 }
 
@@ -67,14 +70,9 @@ Framework::Policy* ProcDetModule::RefreshFeaturePolicy(const std::string& featur
     return result;
 }
 
-Framework::Policy* ProcDetModule::RefreshFeaturePolicyDetRoot(const std::string& /*featureName*/,
+Framework::Policy* ProcDetModule::RefreshFeaturePolicyDetRoot(const std::string& featureName,
                                                               const std::string& content) {
-    bool enabled = false;
-    if (!ReadEnabled(content, enabled)) {
-        return nullptr;
-    }
-    UnRegisterTask(kDetRootTaskName);
-    return nullptr;
+    return RefreshFeature<ProcDetRootPolicy>(featureName, content, kDetRootTaskName, detRootTask_);
 }
 
 Framework::Policy* ProcDetModule::RefreshFeaturePolicyDetaction(const std::string& featureName,

@@ -6,6 +6,8 @@
 #include "ProcDetLog.h"
 #include "feature_detaction/DetectorProc.h"
 #include "feature_detaction/ProcDetCpu.h"
+#include "feature_detaction/ProcDetNetstat.h"
+#include "feature_detaction/ProcDetStrings.h"
 
 namespace Engine {
 
@@ -64,6 +66,12 @@ int ProcDetActionFullTask::AddDeters(int interval) {
     }
     manager_.AddDetector(detectorProc_, interval);
 
+    detectorNetstat_ = new (std::nothrow) ProcDetNetstat();
+    if (detectorNetstat_ == nullptr) {
+        return false;
+    }
+    manager_.AddDetector(detectorNetstat_, interval);
+
     detectorCpu_ = new (std::nothrow) ProcDetCpu();
     if (detectorCpu_ == nullptr) {
         return false;
@@ -71,14 +79,28 @@ int ProcDetActionFullTask::AddDeters(int interval) {
     detectorCpu_->SetHighCpuThreshold(cpuUsageWarn_);
     manager_.AddDetector(detectorCpu_, interval);
 
+    detectorStrings_ = new (std::nothrow) ProcDetStrings();
+    if (detectorStrings_ == nullptr) {
+        return false;
+    }
+    manager_.AddDetector(detectorStrings_, interval);
+
     UpdateDetectorInfo();
     return true;
 }
 
 void ProcDetActionFullTask::UpdateDetectorInfo() {
     manager_.SetIgnoreFilepathSet(ignoreFilepaths_);
+    if (detectorNetstat_ != nullptr) {
+        detectorNetstat_->SetBlackip(illegalIps_);
+        detectorNetstat_->SetBlackipLib(biplibUrl_, biplibHash_);
+    }
     if (detectorCpu_ != nullptr) {
         detectorCpu_->SetHighCpuThreshold(cpuUsageWarn_);
+    }
+    if (detectorStrings_ != nullptr) {
+        // Only processes the CPU detector flagged in the same cycle are searched.
+        detectorStrings_->Init(strings_, static_cast<long>(checkStrMaxSizeM_) << 20, HIGHCPU, logger_);
     }
 }
 
