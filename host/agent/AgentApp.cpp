@@ -16,6 +16,7 @@
 #include "PolicyPublisher.h"
 #include "ReportModule.h"
 #include "sdk/InnerCpuCtrlUtils.h"
+#include "sdk/JsonUtils.h"
 #include "sdk/LoggerUtils.h"
 #include "sdk/PathUtils.h"
 
@@ -141,7 +142,24 @@ bool AgentApp::LoadModules(const std::vector<std::string>& explicitModules) {
     return true;
 }
 
+void AgentApp::DeliverCollectSettings() {
+    Json::Value settings;
+    settings["procs_refresh_seconds"] = settings_.procsRefreshSeconds;
+    settings["net_refresh_seconds"] = settings_.netRefreshSeconds;
+    const std::string text = SDK::JsonUtils::JsonToString(settings);
+    if (!loader_->AnyTakesPolicy(kHostPolicyId)) {
+        AgentLog::Information(std::string("no loaded module takes the collector settings (policy id \"") +
+                              kHostPolicyId + "\"); the collectors keep their own refresh intervals");
+        return;
+    }
+    const int result = DeliverPolicy(kHostPolicyId, kCollectFeature, text);
+    if (result != 0) {
+        AgentLog::Error("the collector settings " + text + " were refused (" + std::to_string(result) + ")");
+    }
+}
+
 void AgentApp::Serve() {
+    DeliverCollectSettings();
     PolicyDirectory policies(paths_.policyDir);
     PolicyPublisher publisher(*this, policies);
     publisher.PublishChanges();

@@ -19,6 +19,10 @@ class ReportModule;
 class AgentApp : public Framework::Engine {
 public:
     static constexpr int kExitUsage = 2;
+    // The agent's collector settings go to the modules as the policy text of
+    // this id and feature: {"procs_refresh_seconds": N, "net_refresh_seconds": N}.
+    static constexpr const char* kHostPolicyId = "host";
+    static constexpr const char* kCollectFeature = "collect_feature";
 
     AgentApp();
     ~AgentApp() override;
@@ -32,6 +36,7 @@ private:
     void Configure(const AgentOptions& options);
     void SetUpLogging();
     bool LoadModules(const std::vector<std::string>& explicitModules);
+    void DeliverCollectSettings();
     void Serve();
     void Shutdown();
 

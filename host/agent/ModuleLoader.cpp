@@ -88,6 +88,15 @@ Framework::Module* ModuleLoader::Load(const std::string& path, std::string& erro
     return &module;
 }
 
+bool ModuleLoader::AnyTakesPolicy(const std::string& id) const {
+    for (const Loaded& entry : loaded_) {
+        if (entry.module->HasPolicyCallback(id)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 void ModuleLoader::UnloadAll() {
     while (!loaded_.empty()) {
         Loaded& entry = loaded_.back();

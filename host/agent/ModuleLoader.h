@@ -31,6 +31,8 @@ public:
     void UnloadAll();
 
     size_t GetCount() const { return loaded_.size(); }
+    // Whether a loaded module registered a policy callback for `id`.
+    bool AnyTakesPolicy(const std::string& id) const;
 
 private:
     struct Loaded {

@@ -22,7 +22,8 @@ TEST(ModuleLoader, LoadsRealModulesAndNamesTheFileOfEveryFailure) {
     Framework::Module* module = loader.Load(good, error);
     ASSERT_NE(module, nullptr) << error;
     EXPECT_EQ(module->GetModuleName(), "agent_test_module");
-    EXPECT_TRUE(module->HasPolicyCallback("90001"));
+    EXPECT_TRUE(loader.AnyTakesPolicy("90001"));
+    EXPECT_FALSE(loader.AnyTakesPolicy("host"));
     EXPECT_EQ(engine.DeliverPolicy("90001", "agent_test_feature", "{\"enabled\":false}"), 0);
 
     const std::string broken = kModules + "libagent_broken_module.so";
