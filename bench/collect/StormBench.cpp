@@ -1,6 +1,7 @@
 // A storm of forks against the event task and a subscriber, with and without a
 // one-second stall of the subscriber's handler; and the bare connector for comparison.
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -63,6 +64,27 @@ class BenchModule : public Framework::Module {
 public:
     BenchModule() : Framework::Module("collect_bench_module") {}
 };
+
+double CpuSeconds(int who) {
+    rusage usage{};
+    ::getrusage(who, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+// CPU time of the whole process and of the forking thread, to tell the
+// receivers' share apart (wall times are at the mercy of the machine's load).
+struct CpuMark {
+    double process = CpuSeconds(RUSAGE_SELF);
+    double forker = CpuSeconds(RUSAGE_THREAD);
+};
+
+void ReportCpu(const CpuMark& before, const CpuMark& forkerAfter, size_t forks) {
+    const double receivers =
+        (CpuSeconds(RUSAGE_SELF) - before.process) - (forkerAfter.forker - before.forker);
+    std::printf("  CPU of everything but the forking thread: %.3f s, %.1f us per fork\n", receivers,
+                receivers * 1e6 / static_cast<double>(forks));
+}
 
 // Forks `count` children that exit at once; returns (pid, time just before fork()).
 std::vector<Arrival> Storm(int count) {
@@ -127,7 +149,9 @@ void RunStormBench(int forks, bool stall) {
     while (!real->IsReady() || real->GetSubscriptionCount(Engine::PROCS_EVENT_FORK) == 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
+    const CpuMark before;
     const std::vector<Arrival> made = Storm(forks);
+    const CpuMark forkerDone;
     // Wait until the subscriber has caught up (or nothing moved for 3 seconds).
     long last = -1;
     for (int idle = 0; idle < 30;) {
@@ -141,6 +165,7 @@ void RunStormBench(int forks, bool stall) {
     }
     const auto counters = real->GetCounters();
     Report(stall ? "event task, handler stalls 1 s" : "event task", made, sink->Take());
+    ReportCpu(before, forkerDone, made.size());
     std::printf(
         "  producer: %lu events, %lu published, %lu partial records, %lu overruns, %lu rescans, %lu "
         "dropped\n",
@@ -179,10 +204,13 @@ void RunBareConnectorBench(int forks) {
             }
         }
     });
+    const CpuMark before;
     const std::vector<Arrival> made = Storm(forks);
+    const CpuMark forkerDone;
     std::this_thread::sleep_for(std::chrono::seconds(1));
     stop.store(true);
     receiver.join();
     Report("bare connector", made, arrivals);
+    ReportCpu(before, forkerDone, made.size());
     std::printf("  receive buffer %d bytes, %lu overruns\n", reader.GetReceiveBufferBytes(), overruns);
 }

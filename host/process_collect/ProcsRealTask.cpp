@@ -21,9 +21,10 @@ constexpr long long kPollIntervalMs = 1000;
 constexpr long long kLogIntervalMs = 10000;  // repeated trouble is summed up at most this often
 constexpr size_t kEventsPerBatch = 1024;
 constexpr size_t kParentCacheLimit = 4096;
-// Messages are handed over a few at a time: each hand-over may wake the
-// subscriber, and on a busy machine every wake-up costs the producer its CPU.
-constexpr size_t kOutboxLimit = 16;
+// Messages are handed to the subscribers once the socket is drained (or this many
+// are waiting): waking a subscriber mid-batch tends to cost the producer its CPU
+// for milliseconds on a busy machine, while the kernel's events pile up.
+constexpr size_t kOutboxLimit = 64;
 
 unsigned int FlagOf(ProcEvent::Kind kind) {
     switch (kind) {
@@ -135,7 +136,6 @@ bool ProcsRealTask::RunConnector(ProcConnectorReader& reader) {
             }
             HandleEvent(event);
         }
-        FlushOutbox();
         if (result == ProcConnectorReader::ReadResult::kOverrun) {
             ++counters_.overruns;
             const long long now = SteadyNowMs();
@@ -151,6 +151,7 @@ bool ProcsRealTask::RunConnector(ProcConnectorReader& reader) {
             ProcessCollectLog::Error(detail + ": rescanning /proc every second instead");
             return false;
         }
+        FlushOutbox();
         dispatcher_.Offer();
         UpdateCounters();
         const long long now = SteadyNowMs();
@@ -175,6 +176,7 @@ void ProcsRealTask::RunPolling() {
             Rescan();
             nextScan = now + kPollIntervalMs;
         }
+        FlushOutbox();
         dispatcher_.Offer();
         UpdateCounters();
         if (sleep(dispatcher_.GetBacklogSize() > 0 ? 5 : 50)) {
@@ -265,7 +267,6 @@ void ProcsRealTask::Rescan() {
         }
         Publish(change.pid, change.flag, std::move(record));
     }
-    FlushOutbox();
     if (scanner_->GetErrorCount() > 0) {
         ProcessCollectLog::Error("process rescan: " + std::to_string(scanner_->GetErrorCount()) +
                                  " read errors, the first: " + scanner_->GetFirstError());

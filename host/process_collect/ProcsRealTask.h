@@ -77,7 +77,7 @@ private:
     void HandleEvent(const ProcEvent& event);
     void Rescan();
     std::map<int, KnownProcess> ScanIdentities();
-    // Queues one message in the outbox; FlushOutbox hands the outbox to the dispatcher.
+    // Queues a message for the subscribers; FlushOutbox hands the queued ones over.
     void Publish(int pid, unsigned int flag, std::shared_ptr<ProcsMessage::procInfo> record);
     void FlushOutbox();
     std::shared_ptr<ProcsMessage::procInfo> ReadRecord(int pid);
