@@ -15,6 +15,7 @@
 #include "PolicyDirectory.h"
 #include "PolicyPublisher.h"
 #include "ReportModule.h"
+#include "collect/CollectSettings.h"
 #include "sdk/InnerCpuCtrlUtils.h"
 #include "sdk/JsonUtils.h"
 #include "sdk/LoggerUtils.h"
@@ -143,18 +144,27 @@ bool AgentApp::LoadModules(const std::vector<std::string>& explicitModules) {
 }
 
 void AgentApp::DeliverCollectSettings() {
-    Json::Value settings;
-    settings["procs_refresh_seconds"] = settings_.procsRefreshSeconds;
-    settings["net_refresh_seconds"] = settings_.netRefreshSeconds;
-    const std::string text = SDK::JsonUtils::JsonToString(settings);
-    if (!loader_->AnyTakesPolicy(kHostPolicyId)) {
-        AgentLog::Information(std::string("no loaded module takes the collector settings (policy id \"") +
-                              kHostPolicyId + "\"); the collectors keep their own refresh intervals");
-        return;
-    }
-    const int result = DeliverPolicy(kHostPolicyId, kCollectFeature, text);
-    if (result != 0) {
-        AgentLog::Error("the collector settings " + text + " were refused (" + std::to_string(result) + ")");
+    const struct {
+        const char* id;
+        const char* feature;
+        int refreshSeconds;
+    } collectors[] = {
+        {::Engine::kProcsCollectSettingsId, ::Engine::kProcsCollectFeature, settings_.procsRefreshSeconds},
+        {::Engine::kNetCollectSettingsId, ::Engine::kNetCollectFeature, settings_.netRefreshSeconds},
+    };
+    for (const auto& collector : collectors) {
+        if (!loader_->AnyTakesPolicy(collector.id)) {
+            AgentLog::Information(std::string("no loaded module takes the collector settings \"") +
+                                  collector.id + "\"; that collector keeps its own refresh interval");
+            continue;
+        }
+        Json::Value settings;
+        settings[::Engine::kRefreshSecondsKey] = collector.refreshSeconds;
+        const std::string text = SDK::JsonUtils::JsonToString(settings);
+        if (DeliverPolicy(collector.id, collector.feature, text) != 0) {
+            AgentLog::Error(std::string("the collector settings ") + text + " for \"" + collector.id +
+                            "\" were refused");
+        }
     }
 }
 

@@ -19,10 +19,6 @@ class ReportModule;
 class AgentApp : public Framework::Engine {
 public:
     static constexpr int kExitUsage = 2;
-    // The agent's collector settings go to the modules as the policy text of
-    // this id and feature: {"procs_refresh_seconds": N, "net_refresh_seconds": N}.
-    static constexpr const char* kHostPolicyId = "host";
-    static constexpr const char* kCollectFeature = "collect_feature";
 
     AgentApp();
     ~AgentApp() override;

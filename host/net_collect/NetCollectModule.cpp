@@ -3,7 +3,10 @@
 #include <new>
 
 #include "NetCollectLog.h"
+#include "collect/CollectSettings.h"
 #include "collect/NetProcsFullTask.h"
+#include "framework/PolicyCallback.h"
+#include "sdk/JsonUtils.h"
 
 namespace Engine {
 
@@ -27,8 +30,20 @@ int NetCollectModule::Init() {
         task_->SetTaskEnabled(true);
         result = RegisterTask(task_, true);
     }
+    RegisterPolicyCallback(kNetCollectSettingsId, new Framework::PolicyCallback<NetCollectModule>(
+                                                      this, &NetCollectModule::RefreshSettings));
     const int base = Framework::Module::Init();
     return result != 0 ? result : base;
+}
+
+Framework::Policy* NetCollectModule::RefreshSettings(const std::string& /*featureName*/,
+                                                     const std::string& content,
+                                                     Framework::Policy*& /*current*/) {
+    Json::Value root;
+    if (task_ != nullptr && SDK::JsonUtils::ParseJsonStr(content.c_str(), content.size(), root) == 0) {
+        task_->SetRefreshSeconds(SDK::JsonUtils::GetIntValue(root, kRefreshSecondsKey, 3));
+    }
+    return nullptr;
 }
 
 }  // namespace Engine

@@ -41,6 +41,10 @@ int NetProcsFullTask::GetNetCacheMap(NetMap& out) {
     return static_cast<int>(out.size());
 }
 
+void NetProcsFullTask::SetRefreshSeconds(int seconds) {
+    refreshSeconds_.store(std::max(1, seconds));
+}
+
 int NetProcsFullTask::Run() {
     // Refreshed on demand only: nobody may ask for weeks.
     while (!sleep(1000)) {
@@ -52,7 +56,7 @@ void NetProcsFullTask::RefreshIfStale() {
     std::lock_guard<std::mutex> refreshLock(refreshMutex_);
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (snapshot_ && SteadyNowMs() - takenAtMs_ < refreshSeconds_ * 1000LL) {
+        if (snapshot_ && SteadyNowMs() - takenAtMs_ < refreshSeconds_.load() * 1000LL) {
             return;
         }
     }

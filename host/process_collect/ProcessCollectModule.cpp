@@ -4,7 +4,10 @@
 
 #include "ProcessCollectLog.h"
 #include "ProcsRealTask.h"
+#include "collect/CollectSettings.h"
 #include "collect/ProcsFullTask.h"
+#include "framework/PolicyCallback.h"
+#include "sdk/JsonUtils.h"
 
 namespace Engine {
 
@@ -39,8 +42,20 @@ int ProcessCollectModule::Init() {
             result = -1;
         }
     }
+    RegisterPolicyCallback(kProcsCollectSettingsId, new Framework::PolicyCallback<ProcessCollectModule>(
+                                                        this, &ProcessCollectModule::RefreshSettings));
     const int base = Framework::Module::Init();
     return result != 0 ? result : base;
+}
+
+Framework::Policy* ProcessCollectModule::RefreshSettings(const std::string& /*featureName*/,
+                                                         const std::string& content,
+                                                         Framework::Policy*& /*current*/) {
+    Json::Value root;
+    if (fullTask_ != nullptr && SDK::JsonUtils::ParseJsonStr(content.c_str(), content.size(), root) == 0) {
+        fullTask_->SetRefreshSeconds(SDK::JsonUtils::GetIntValue(root, kRefreshSecondsKey, 3));
+    }
+    return nullptr;
 }
 
 }  // namespace Engine

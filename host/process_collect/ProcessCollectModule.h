@@ -1,6 +1,9 @@
 #pragma once
 
+#include <string>
+
 #include "framework/Module.h"
+#include "framework/Policy.h"
 
 namespace Engine {
 
@@ -15,6 +18,11 @@ public:
     ~ProcessCollectModule() override;
 
     int Init() override;
+
+    // The agent's collector settings, {"refresh_seconds": N}, delivered under
+    // this module's settings id; they change the task's refresh interval.
+    Framework::Policy* RefreshSettings(const std::string& featureName, const std::string& content,
+                                       Framework::Policy*& current);
 
 private:
     ProcsFullTask* fullTask_ = nullptr;  // our references; the engine holds its own while registered

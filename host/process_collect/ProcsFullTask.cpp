@@ -41,11 +41,15 @@ int ProcsFullTask::GetProcsMap(ProcsMap& out) {
     return static_cast<int>(out.size());
 }
 
+void ProcsFullTask::SetRefreshSeconds(int seconds) {
+    refreshSeconds_.store(std::max(1, seconds));
+}
+
 int ProcsFullTask::Run() {
-    const long pauseMs = 500;
-    do {
-        RefreshIfStale();
-    } while (!sleep(pauseMs));
+    // Snapshots are taken on demand only: a background refresh would cost CPU
+    // on a host where nobody asks for hours.
+    while (!sleep(1000)) {
+    }
     return 0;
 }
 
@@ -53,7 +57,7 @@ void ProcsFullTask::RefreshIfStale() {
     std::lock_guard<std::mutex> refreshLock(refreshMutex_);
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (snapshot_ && SteadyNowMs() - takenAtMs_ < refreshSeconds_ * 1000LL) {
+        if (snapshot_ && SteadyNowMs() - takenAtMs_ < refreshSeconds_.load() * 1000LL) {
             return;
         }
     }

@@ -23,7 +23,8 @@ public:
     virtual int FileNotifyMessageAction(FileNotifyMessage*) { return 0; }
     virtual void ProcsMessageAction(int /*pid*/, unsigned int /*flag*/,
                                     std::shared_ptr<ProcsMessage::procInfo> /*record*/) {}
-    virtual void AssetMessageAction(unsigned int, const std::map<int, std::shared_ptr<AssetMessage::assetInfo>>&) {}
+    virtual void AssetMessageAction(unsigned int,
+                                    const std::map<int, std::shared_ptr<AssetMessage::assetInfo>>&) {}
     virtual void FtraceMessageAction(const FtraceMessage*) {}
     virtual ~AbstractMessageReceiver() = default;
 };

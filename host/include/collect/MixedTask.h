@@ -14,8 +14,8 @@ namespace Engine {
 // many subscriptions are live; a producer reads events of a flag only while it is wanted.
 class MixedTask : public Framework::Task, public AbstractMessageReceiver {
 public:
-    MixedTask(const std::string& taskName, const std::string& featureName, Framework::TaskCondition::TaskType type,
-              unsigned int count);
+    MixedTask(const std::string& taskName, const std::string& featureName,
+              Framework::TaskCondition::TaskType type, unsigned int count);
 
     int Run() override { return 0; }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -16,14 +17,14 @@ class NetProcsMessage : public Framework::Message {
 public:
     // One TCP connection of the host.
     struct netProcInfo {
-        unsigned int localAddr = 0;   // IPv4 as inet_addr gives it (network byte order)
+        unsigned int localAddr = 0;  // IPv4 as inet_addr gives it (network byte order)
         unsigned int localPort = 0;
         unsigned int remoteAddr = 0;  // same form as /proc/net/tcp prints it
         unsigned int remotePort = 0;
-        long inode = 0;               // socket inode
-        int state = 0;                // kernel TCP state: 1 established, 2 SYN sent, 10 listen, ...
+        long inode = 0;  // socket inode
+        int state = 0;   // kernel TCP state: 1 established, 2 SYN sent, 10 listen, ...
         unsigned int uid = 0;
-        std::string text;             // printable "local -> remote state"
+        std::string text;  // printable "local -> remote state"
     };
 
     NetProcsMessage() : Framework::Message("netprocs_message") {}
@@ -43,6 +44,9 @@ public:
     // Safe from any thread. Returns the number of connections.
     virtual int GetNetCacheMap(NetMap& out);
 
+    // Changes the refresh interval (at least 1 s); safe from any thread.
+    void SetRefreshSeconds(int seconds);
+
     int Run() override;
 
 protected:
@@ -51,11 +55,11 @@ protected:
 private:
     void RefreshIfStale();
 
-    const int refreshSeconds_;
+    std::atomic<int> refreshSeconds_;
     std::mutex mutex_;  // guards snapshot_ and takenAtMs_
     std::shared_ptr<const NetMap> snapshot_;
     long long takenAtMs_ = -1;
-    std::mutex refreshMutex_;  // one refresh at a time; guards the sources
+    std::mutex refreshMutex_;                     // one refresh at a time; guards the sources
     std::unique_ptr<ConnectionSource> source_;    // the faster way
     std::unique_ptr<ConnectionSource> fallback_;  // used once source_ fails
 };

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -11,8 +12,8 @@ namespace Engine {
 
 class ProcTableScanner;
 
-// "procs_full_task": keeps a snapshot of every live process, refreshed in its
-// own thread every few seconds (and on demand when older than that).
+// "procs_full_task": a snapshot of every live process, taken on demand when the
+// last one is older than the refresh interval, so an idle host costs nothing.
 class ProcsFullTask : public Framework::Task {
 public:
     using ProcsMap = std::map<int, std::shared_ptr<ProcsMessage::procInfo>>;
@@ -25,6 +26,9 @@ public:
     // old, keyed by pid. Safe from any thread. Returns the number of processes.
     virtual int GetProcsMap(ProcsMap& out);
 
+    // Changes the refresh interval (at least 1 s); safe from any thread.
+    void SetRefreshSeconds(int seconds);
+
     int Run() override;
 
 protected:
@@ -33,7 +37,7 @@ protected:
 private:
     void RefreshIfStale();
 
-    const int refreshSeconds_;
+    std::atomic<int> refreshSeconds_;
     std::mutex mutex_;  // guards snapshot_ and takenAtMs_
     std::shared_ptr<const ProcsMap> snapshot_;
     long long takenAtMs_ = -1;

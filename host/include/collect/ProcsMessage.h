@@ -26,7 +26,8 @@ enum ProcsEventFlag : unsigned int {
     PROCS_EVENT_FORK = 2,  // a new process (not a thread) was created
     PROCS_EVENT_UID = 4,   // a process changed its user identities
     PROCS_EVENT_GID = 8,   // a process changed its group identities
-    PROCS_EVENT_EXIT = 16, // a process exited (the record is the last one known: ids, ppid, start time, no paths)
+    PROCS_EVENT_EXIT =
+        16,  // a process exited (the record is the last one known: ids, ppid, start time, no paths)
 };
 
 // One process event: the pid, its event flag and the process's record, read
