@@ -5,12 +5,15 @@
 #include <algorithm>
 #include <thread>
 
-#include "ChildProcess.h"
-#include "TempDir.h"
 #include "sdk/CpuCalcUtils.h"
 #include "sdk/ProcessUtils.h"
+#include "support/ChildProcess.h"
+#include "support/TempDir.h"
 
 namespace {
+
+using TestSupport::ChildProcess;
+using TestSupport::TempDir;
 
 long long ClockMs(clockid_t clock) {
     struct timespec ts {};
@@ -61,7 +64,7 @@ TEST(CpuCalcUtils, BusyAndIdleChildren) {
 
     SDK::CpuCalcUtils calc;
     ASSERT_TRUE(calc.Init(busy.pid()));
-    busy.KillAndReap();
+    busy.Kill();
     EXPECT_FALSE(calc.GetCpuUsage(usage)) << "the process is gone";
     EXPECT_FALSE(calc.Init(busy.pid()));
 }

@@ -4,10 +4,12 @@
 
 #include <cstdio>
 
-#include "TempDir.h"
 #include "sdk/FileUtils.h"
+#include "support/TempDir.h"
 
 namespace {
+
+using TestSupport::TempDir;
 
 using SDK::FileUtils;
 

@@ -1,75 +1,32 @@
-#include <Poco/Net/HTTPRequestHandler.h>
-#include <Poco/Net/HTTPRequestHandlerFactory.h>
-#include <Poco/Net/HTTPServer.h>
-#include <Poco/Net/HTTPServerParams.h>
-#include <Poco/Net/HTTPServerRequest.h>
-#include <Poco/Net/HTTPServerResponse.h>
 #include <Poco/Net/ServerSocket.h>
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
 #include <memory>
 
-#include "TempDir.h"
 #include "sdk/FileUtils.h"
 #include "sdk/HttpUtils.h"
+#include "support/HttpTestServer.h"
+#include "support/TempDir.h"
 
 namespace {
 
-using Poco::Net::HTTPResponse;
-
 const char* const kBody = "1.2.3.4\n5.6.7.8\n";
-
-class Handler : public Poco::Net::HTTPRequestHandler {
-public:
-    void handleRequest(Poco::Net::HTTPServerRequest& request,
-                       Poco::Net::HTTPServerResponse& response) override {
-        const std::string& uri = request.getURI();
-        if (uri == "/list") {
-            response.setContentType("text/plain");
-            response.sendBuffer(kBody, std::char_traits<char>::length(kBody));
-        } else if (uri == "/moved") {
-            response.redirect("/list");
-        } else if (uri == "/loop") {
-            response.redirect("/loop");
-        } else {
-            response.setStatusAndReason(HTTPResponse::HTTP_NOT_FOUND);
-            response.send() << "not here";
-        }
-    }
-};
-
-class Factory : public Poco::Net::HTTPRequestHandlerFactory {
-public:
-    Poco::Net::HTTPRequestHandler* createRequestHandler(const Poco::Net::HTTPServerRequest&) override {
-        return new Handler;
-    }
-};
 
 class HttpUtilsTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        // Requests to 127.0.0.1 must not be sent to a proxy of the environment.
-        for (const char* name :
-             {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
-            unsetenv(name);
-        }
-        setenv("no_proxy", "127.0.0.1", 1);
-        Poco::Net::ServerSocket socket(Poco::Net::SocketAddress("127.0.0.1", 0));
-        server_ =
-            std::make_unique<Poco::Net::HTTPServer>(new Factory, socket, new Poco::Net::HTTPServerParams);
-        server_->start();
-        base_ = "http://127.0.0.1:" + std::to_string(socket.address().port());
+        server_.Serve("/list", kBody);
+        server_.Redirect("/moved", "/list");
+        server_.Redirect("/loop", "/loop");
         target_ = dir_.path() + "/pupbip.dat";
         SDK::HttpUtils::GetInstance()->SetTimeouts(2, 3);
     }
-    void TearDown() override { server_->stop(); }
     int Download(const std::string& path) {
-        return SDK::HttpUtils::GetInstance()->Download(base_ + path, target_, "", "", "");
+        return SDK::HttpUtils::GetInstance()->Download(server_.Url(path), target_, "", "", "");
     }
     std::string Target() {
         std::string text;
@@ -86,9 +43,8 @@ protected:
         return entries;
     }
 
-    std::unique_ptr<Poco::Net::HTTPServer> server_;
-    std::string base_;
-    TempDir dir_;
+    TestSupport::HttpTestServer server_;
+    TestSupport::TempDir dir_;
     std::string target_;
 };
 
@@ -120,14 +76,15 @@ TEST_F(HttpUtilsTest, TransportFailuresAreNegative) {
     EXPECT_LT(SDK::HttpUtils::GetInstance()->Download(silentUrl, target_, "", "", ""), 0);
     EXPECT_EQ(Target(), "earlier");
 
-    EXPECT_LT(SDK::HttpUtils::GetInstance()->Download(base_ + "/list", dir_.path() + "/no/such/dir/file", "",
-                                                      "", ""),
+    EXPECT_LT(SDK::HttpUtils::GetInstance()->Download(server_.Url("/list"), dir_.path() + "/no/such/dir/file",
+                                                      "", "", ""),
               0);
     EXPECT_LT(SDK::HttpUtils::GetInstance()->Download("file:///etc/passwd", target_, "", "", ""), 0)
         << "only http and https";
     // An explicit proxy wins over the environment: this one does not exist.
-    EXPECT_LT(SDK::HttpUtils::GetInstance()->Download(base_ + "/list", target_, "http://127.0.0.1:1", "", ""),
-              0);
+    EXPECT_LT(
+        SDK::HttpUtils::GetInstance()->Download(server_.Url("/list"), target_, "http://127.0.0.1:1", "", ""),
+        0);
     EXPECT_EQ(Target(), "earlier");
     EXPECT_EQ(EntriesInDir(), 1);
 }

@@ -6,11 +6,13 @@
 #include <regex>
 #include <vector>
 
-#include "TempDir.h"
 #include "sdk/FileUtils.h"
 #include "sdk/LoggerUtils.h"
+#include "support/TempDir.h"
 
 namespace {
+
+using TestSupport::TempDir;
 
 using SDK::LoggerUtils;
 

@@ -6,12 +6,15 @@
 #include <cstdio>
 #include <cstring>
 
-#include "ChildProcess.h"
 #include "SessionLookup.h"
-#include "TempDir.h"
 #include "sdk/ProcessUtils.h"
+#include "support/ChildProcess.h"
+#include "support/TempDir.h"
 
 namespace {
+
+using TestSupport::ChildProcess;
+using TestSupport::TempDir;
 
 using SDK::ProcessUtils;
 
@@ -61,7 +64,7 @@ TEST(ProcessUtils, FactsOfAnExecutedChild) {
         usleep(10 * 1000);
     }
     EXPECT_FALSE(ProcessUtils::IsProcessAlive(pid));
-    child.KillAndReap();
+    child.Kill();
     EXPECT_NE(ProcessUtils::GetProcessCmdline(pid, text, 4096), 0);
     EXPECT_NE(ProcessUtils::GetProcessExePath(pid, text), 0);
     EXPECT_NE(ProcessUtils::GetProcessStatInfo(pid, &ppid, nullptr, nullptr), 0);

@@ -4,16 +4,20 @@
 
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 #include <string>
 
-// A fresh directory under /tmp, removed with its contents when the object goes.
+namespace TestSupport {
+
+// A fresh directory under `base`, removed with its contents when the object goes.
 class TempDir {
 public:
-    TempDir() {
-        char path[] = "/tmp/sdk_test_XXXXXX";
-        if (mkdtemp(path) != nullptr) {
-            path_ = path;
+    explicit TempDir(const std::string& tag = "test", const std::string& base = "/tmp") {
+        std::string pattern = base + "/corvane_" + tag + "_XXXXXX";
+        if (mkdtemp(pattern.data()) == nullptr) {
+            throw std::runtime_error("mkdtemp " + pattern);
         }
+        path_ = pattern;
     }
     ~TempDir() {
         std::error_code ignored;
@@ -35,3 +39,5 @@ public:
 private:
     std::string path_;
 };
+
+}  // namespace TestSupport
