@@ -1,10 +1,7 @@
 #pragma once
 
-#include <chrono>
-#include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 
 #include "NetCollectModule.h"
 #include "ProcessCollectModule.h"
@@ -35,15 +32,3 @@ private:
     Engine::ProcessCollectModule processModule_;
     Engine::NetCollectModule netModule_;
 };
-
-// Polls `condition` every 20 ms for up to `timeoutMs`.
-inline bool WaitFor(const std::function<bool()>& condition, long timeoutMs) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
-}

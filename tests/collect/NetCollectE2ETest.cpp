@@ -10,8 +10,11 @@
 #include "ProcNetTcpSource.h"
 #include "SockDiagSource.h"
 #include "collect/NetProcsFullTask.h"
+#include "support/WaitFor.h"
 
 namespace {
+
+using TestSupport::WaitFor;
 
 class Fd {
 public:

@@ -3,14 +3,12 @@
 // fork and identity change.
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <signal.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <map>
 #include <mutex>
 #include <sstream>
@@ -21,46 +19,30 @@
 #include "collect/MixedTask.h"
 #include "collect/ProcsFullTask.h"
 #include "sdk/ProcessUtils.h"
+#include "support/ChildProcess.h"
+#include "support/WaitFor.h"
 
 namespace {
 
 using Engine::ProcsMessage;
 using Record = ProcsMessage::procInfo;
+using TestSupport::ChildProcess;
+using TestSupport::WaitFor;
 
-std::string RealPath(const char* path) {
-    char resolved[PATH_MAX];
-    return ::realpath(path, resolved) != nullptr ? resolved : "";
-}
-
-std::string ReadLink(const std::string& path) {
-    char target[PATH_MAX];
-    const ssize_t length = ::readlink(path.c_str(), target, sizeof target - 1);
-    return length > 0 ? std::string(target, static_cast<size_t>(length)) : "";
-}
-
-// A child with chosen identities that runs /bin/sleep until killed.
-pid_t StartSleeper() {
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        if (::setresgid(1002, 1003, 1004) != 0 || ::setresuid(1005, 1006, 1007) != 0) {
-            ::_exit(120);
-        }
-        ::execl("/bin/sleep", "/bin/sleep", "300", "0.25", static_cast<char*>(nullptr));
-        ::_exit(121);
-    }
-    return pid;
-}
-
-void Reap(pid_t pid) {
-    ::kill(pid, SIGKILL);
-    ::waitpid(pid, nullptr, 0);
-}
+const std::string kSelfExe = std::filesystem::read_symlink("/proc/self/exe");
 
 TEST(ProcsCollectE2E, SnapshotHoldsAChildWithChosenIdentities) {
     CollectHost host;
     auto* task = host.Find<Engine::ProcsFullTask>(Engine::ProcsFullTask::kTaskName);
     ASSERT_NE(nullptr, task);
-    const pid_t child = StartSleeper();
+    // Runs /bin/sleep with chosen identities until killed.
+    ChildProcess sleeper([](const std::function<void()>&) {
+        if (::setresgid(1002, 1003, 1004) == 0 && ::setresuid(1005, 1006, 1007) == 0) {
+            ::execl("/bin/sleep", "/bin/sleep", "300", "0.25", static_cast<char*>(nullptr));
+        }
+        ::_exit(121);
+    });
+    const pid_t child = sleeper.pid();
     ASSERT_GT(child, 0);
 
     std::shared_ptr<Record> record;
@@ -75,7 +57,7 @@ TEST(ProcsCollectE2E, SnapshotHoldsAChildWithChosenIdentities) {
             return record != nullptr;
         },
         10000);
-    Reap(child);
+    sleeper.Kill();
     ASSERT_TRUE(found);
 
     EXPECT_EQ(child, record->pid);
@@ -88,9 +70,9 @@ TEST(ProcsCollectE2E, SnapshotHoldsAChildWithChosenIdentities) {
     EXPECT_EQ(1003u, record->sgid);
     EXPECT_EQ(0u, record->capSetuid);  // leaving uid 0 dropped the capabilities
     EXPECT_EQ(0u, record->capSetgid);
-    EXPECT_EQ(RealPath("/bin/sleep"), record->exePath);
+    EXPECT_EQ(std::filesystem::canonical("/bin/sleep"), record->exePath);
     EXPECT_EQ("/bin/sleep 300 0.25", record->cmdline);
-    EXPECT_EQ(ReadLink("/proc/self/exe"), record->parentExePath);
+    EXPECT_EQ(kSelfExe, record->parentExePath);
 
     long ownStart = 0;
     ASSERT_EQ(0, SDK::ProcessUtils::GetProcessStatInfo(::getpid(), nullptr, &ownStart, nullptr));
@@ -202,24 +184,32 @@ private:
     std::vector<Event> events_;
 };
 
-TEST(ProcsCollectE2E, ForkAndIdentityChangeReachASubscriber) {
+struct Observed {
+    pid_t child = -1;
+    std::shared_ptr<Record> forked, changed;
+    bool polling = false;
+    bool threadSeen = false;
+};
+
+// Subscribes to fork and identity events, forks a child that changes its ids to
+// (uid, euid, euid) once its fork event was delivered, and collects what came.
+void ObserveForkAndIdentityChange(uid_t uid, uid_t euid, Observed& seen) {
     CollectHost host;
     auto* real = host.Find<Engine::ProcsRealTask>(Engine::ProcsRealTask::kTaskName);
     ASSERT_NE(nullptr, real);
     auto* sink = new EventSink();
     sink->SetTaskEnabled(true);
     ASSERT_EQ(0, host.engine().RegisterTask(nullptr, sink, false));
-    sink->SendDirectMsg(Engine::ProcsRealTask::kTaskName,
-                        new Engine::ProcsRegistMessage(Engine::PROCS_EVENT_FORK, sink));
-    sink->SendDirectMsg(Engine::ProcsRealTask::kTaskName,
-                        new Engine::ProcsRegistMessage(Engine::PROCS_EVENT_UID, sink));
+    for (unsigned int flag : {Engine::PROCS_EVENT_FORK, Engine::PROCS_EVENT_UID}) {
+        sink->SendDirectMsg(Engine::ProcsRealTask::kTaskName, new Engine::ProcsRegistMessage(flag, sink));
+    }
     ASSERT_TRUE(WaitFor(
         [&] {
             return real->IsReady() && real->GetSubscriptionCount(Engine::PROCS_EVENT_FORK) == 1 &&
                    real->GetSubscriptionCount(Engine::PROCS_EVENT_UID) == 1;
         },
         10000));
-    ASSERT_FALSE(real->GetCounters().polling) << "the process connector is not usable here";
+    seen.polling = real->GetCounters().polling;
 
     // A thread is no process: its creation must not come as a fork.
     pid_t threadId = 0;
@@ -227,108 +217,65 @@ TEST(ProcsCollectE2E, ForkAndIdentityChangeReachASubscriber) {
 
     int gate[2];
     ASSERT_EQ(0, ::pipe(gate));
-    const pid_t child = ::fork();
-    if (child == 0) {
+    ChildProcess child([&](const std::function<void()>& notify) {
         char go;
         ::close(gate[1]);
-        if (::read(gate[0], &go, 1) != 1 || ::setresuid(1000, 1001, 1001) != 0) {
-            ::_exit(1);
+        notify();
+        if (::read(gate[0], &go, 1) == 1 && ::setresuid(uid, euid, euid) == 0) {
+            ::pause();
         }
-        ::pause();
-        ::_exit(0);
-    }
+    });
     ::close(gate[0]);
-    std::shared_ptr<Record> forked;
-    EXPECT_TRUE(
-        WaitFor([&] { return (forked = sink->Find(child, Engine::PROCS_EVENT_FORK)) != nullptr; }, 10000));
-    // Let the child change its ids only after the fork event was delivered.
+    seen.child = child.pid();
+    EXPECT_TRUE(WaitFor(
+        [&] { return (seen.forked = sink->Find(seen.child, Engine::PROCS_EVENT_FORK)) != nullptr; }, 10000));
     EXPECT_EQ(1, ::write(gate[1], "x", 1));
     ::close(gate[1]);
-    std::shared_ptr<Record> changed;
-    EXPECT_TRUE(
-        WaitFor([&] { return (changed = sink->Find(child, Engine::PROCS_EVENT_UID)) != nullptr; }, 10000));
-    Reap(child);
-
-    ASSERT_NE(nullptr, forked);
-    EXPECT_EQ(child, forked->pid);
-    EXPECT_EQ(::getpid(), forked->ppid);
-    EXPECT_EQ(0u, forked->uid);
-    EXPECT_EQ(0u, forked->euid);
-    EXPECT_EQ(ReadLink("/proc/self/exe"), forked->exePath);
-    EXPECT_EQ(ReadLink("/proc/self/exe"), forked->parentExePath);
-    EXPECT_GT(forked->startTime, 0);
-    ASSERT_NE(nullptr, changed);
-    EXPECT_EQ(child, changed->pid);
-    EXPECT_EQ(1000u, changed->uid);
-    EXPECT_EQ(1001u, changed->euid);
-    EXPECT_EQ(1001u, changed->suid);
-    EXPECT_EQ(forked->startTime, changed->startTime);
-    EXPECT_FALSE(sink->Saw(threadId));
-
+    EXPECT_TRUE(WaitFor(
+        [&] { return (seen.changed = sink->Find(seen.child, Engine::PROCS_EVENT_UID)) != nullptr; }, 10000));
+    child.Kill();
+    seen.threadSeen = sink->Saw(threadId);
     host.engine().UnRegisterTask(sink->GetTaskName());
     sink->release();
+}
+
+TEST(ProcsCollectE2E, ForkAndIdentityChangeReachASubscriber) {
+    Observed seen;
+    ASSERT_NO_FATAL_FAILURE(ObserveForkAndIdentityChange(1000, 1001, seen));
+    ASSERT_FALSE(seen.polling) << "the process connector is not usable here";
+    ASSERT_NE(nullptr, seen.forked);
+    EXPECT_EQ(seen.child, seen.forked->pid);
+    EXPECT_EQ(::getpid(), seen.forked->ppid);
+    EXPECT_EQ(0u, seen.forked->uid);
+    EXPECT_EQ(0u, seen.forked->euid);
+    EXPECT_EQ(kSelfExe, seen.forked->exePath);
+    EXPECT_EQ(kSelfExe, seen.forked->parentExePath);
+    EXPECT_GT(seen.forked->startTime, 0);
+    ASSERT_NE(nullptr, seen.changed);
+    EXPECT_EQ(seen.child, seen.changed->pid);
+    EXPECT_EQ(1000u, seen.changed->uid);
+    EXPECT_EQ(1001u, seen.changed->euid);
+    EXPECT_EQ(1001u, seen.changed->suid);
+    EXPECT_EQ(seen.forked->startTime, seen.changed->startTime);
+    EXPECT_FALSE(seen.threadSeen);
 }
 
 // The process connector lives in the initial network namespace only. A thread
 // moved into a namespace of its own (threads it starts inherit it) cannot
 // subscribe, as in many containers: the event task must fall back to rescanning /proc.
-bool LeaveInitialNetworkNamespace() {
-    return ::unshare(CLONE_NEWNET) == 0;
-}
-
 TEST(ProcsCollectE2E, WithoutTheConnectorRescansDeliverForkAndIdentityChange) {
-    std::thread([] {
-        ASSERT_TRUE(LeaveInitialNetworkNamespace());
-        CollectHost host;
-        auto* real = host.Find<Engine::ProcsRealTask>(Engine::ProcsRealTask::kTaskName);
-        ASSERT_NE(nullptr, real);
-        auto* sink = new EventSink();
-        sink->SetTaskEnabled(true);
-        ASSERT_EQ(0, host.engine().RegisterTask(nullptr, sink, false));
-        sink->SendDirectMsg(Engine::ProcsRealTask::kTaskName,
-                            new Engine::ProcsRegistMessage(Engine::PROCS_EVENT_FORK, sink));
-        sink->SendDirectMsg(Engine::ProcsRealTask::kTaskName,
-                            new Engine::ProcsRegistMessage(Engine::PROCS_EVENT_UID, sink));
-        ASSERT_TRUE(WaitFor(
-            [&] {
-                return real->IsReady() && real->GetSubscriptionCount(Engine::PROCS_EVENT_FORK) == 1 &&
-                       real->GetSubscriptionCount(Engine::PROCS_EVENT_UID) == 1;
-            },
-            10000));
-        EXPECT_TRUE(real->GetCounters().polling);
-
-        int gate[2];
-        ASSERT_EQ(0, ::pipe(gate));
-        const pid_t child = ::fork();
-        if (child == 0) {
-            char go;
-            ::close(gate[1]);
-            if (::read(gate[0], &go, 1) != 1 || ::setresuid(2000, 2000, 2000) != 0) {
-                ::_exit(1);
-            }
-            ::pause();
-            ::_exit(0);
-        }
-        ::close(gate[0]);
-        std::shared_ptr<Record> forked;
-        EXPECT_TRUE(WaitFor([&] { return (forked = sink->Find(child, Engine::PROCS_EVENT_FORK)) != nullptr; },
-                            10000));
-        EXPECT_EQ(1, ::write(gate[1], "x", 1));
-        ::close(gate[1]);
-        std::shared_ptr<Record> changed;
-        EXPECT_TRUE(WaitFor([&] { return (changed = sink->Find(child, Engine::PROCS_EVENT_UID)) != nullptr; },
-                            10000));
-        Reap(child);
-        host.engine().UnRegisterTask(sink->GetTaskName());
-        sink->release();
-
-        ASSERT_NE(nullptr, forked);
-        EXPECT_EQ(::getpid(), forked->ppid);
-        EXPECT_EQ(0u, forked->euid);
-        ASSERT_NE(nullptr, changed);
-        EXPECT_EQ(2000u, changed->uid);
-        EXPECT_EQ(2000u, changed->euid);
+    Observed seen;
+    std::thread([&seen] {
+        ASSERT_EQ(0, ::unshare(CLONE_NEWNET));
+        ObserveForkAndIdentityChange(2000, 2000, seen);
     }).join();
+    EXPECT_TRUE(seen.polling);
+    ASSERT_NE(nullptr, seen.forked);
+    EXPECT_EQ(::getpid(), seen.forked->ppid);
+    EXPECT_EQ(0u, seen.forked->euid);
+    ASSERT_NE(nullptr, seen.changed);
+    EXPECT_EQ(2000u, seen.changed->uid);
+    EXPECT_EQ(2000u, seen.changed->euid);
 }
 
 }  // namespace

@@ -65,16 +65,6 @@ TEST(ProcsMessages, EventReachesTheReceiverOnly) {
     auto record = std::make_shared<ProcsMessage::procInfo>();
     record->pid = 77;
     ProcsMessage message(77, Engine::PROCS_EVENT_UID, record);
-    EXPECT_EQ(77, message.GetProcPid());
-    EXPECT_EQ(Engine::PROCS_EVENT_UID, message.GetProcFlag());
-    std::shared_ptr<ProcsMessage::procInfo> shared;
-    message.GetProcInfo(shared);
-    EXPECT_EQ(record.get(), shared.get());
-
-    ProcsMessage empty(5, Engine::PROCS_EVENT_FORK, nullptr);
-    empty.GetProcInfo(shared);
-    EXPECT_EQ(nullptr, shared);
-
     auto* receiver = new ReceivingTask("receiver_task");
     auto* plain = new PlainTask();
     EXPECT_EQ(0, message.MessageHandle(static_cast<Framework::Task*>(receiver)));
