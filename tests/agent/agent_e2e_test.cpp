@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <fstream>
 #include <functional>
 #include <set>
@@ -15,6 +14,7 @@
 #include <vector>
 
 #include "support/AgentRunner.h"
+#include "support/WaitFor.h"
 
 namespace {
 
@@ -53,14 +53,7 @@ size_t CountValue(const TestSupport::AgentRunner& agent, const std::string& valu
 }
 
 bool WaitFor(const std::function<bool()>& done) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kDeadlineMs);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    return true;
+    return TestSupport::WaitFor(done, kDeadlineMs);
 }
 
 }  // namespace

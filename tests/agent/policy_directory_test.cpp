@@ -3,21 +3,16 @@
 #include <sys/stat.h>
 
 #include <Poco/File.h>
-#include <Poco/TemporaryFile.h>
 
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include "PolicyDirectory.h"
+#include "support/TempDir.h"
 
 namespace {
 
 using Agent::PolicyDirectory;
-
-void Write(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::trunc) << text;
-}
 
 std::vector<std::string> Describe(const std::vector<PolicyDirectory::Change>& changes) {
     std::vector<std::string> out;
@@ -49,15 +44,14 @@ TEST(PolicyDirectory, DiffFindsAdditionsChangesAndRemovalsButNotWhatCouldNotBeRe
 }
 
 TEST(PolicyDirectory, ScanReadsIdDirectoriesAndRemembersOnlyWhatWasMarkedDelivered) {
-    const std::string root = Poco::TemporaryFile::tempName();
-    Poco::File(root + "/10001").createDirectories();
-    Poco::File(root + "/90001").createDirectories();
-    Write(root + "/10001/proc_feature.json", "{\"enabled\":true}");
-    Write(root + "/10001/.proc_feature.json.swp", "junk");
-    Write(root + "/10001/notes.txt", "junk");
-    Write(root + "/stray.json", "{}");
-    Write(root + "/90001/test.json", "{\"value\":1}");
-    Write(root + "/90001/locked.json", "{}");
+    TestSupport::TempDir dir;
+    const std::string& root = dir.path();
+    dir.Write("10001/proc_feature.json", "{\"enabled\":true}");
+    dir.Write("10001/.proc_feature.json.swp", "junk");
+    dir.Write("10001/notes.txt", "junk");
+    dir.Write("stray.json", "{}");
+    dir.Write("90001/test.json", "{\"value\":1}");
+    dir.Write("90001/locked.json", "{}");
     ::chmod((root + "/90001/locked.json").c_str(), 0);
 
     PolicyDirectory directory(root);
@@ -76,7 +70,7 @@ TEST(PolicyDirectory, ScanReadsIdDirectoriesAndRemembersOnlyWhatWasMarkedDeliver
             directory.MarkDelivered(change);
         }
     }
-    Write(root + "/10001/proc_feature.json", "{\"enabled\":false}");
+    dir.Write("10001/proc_feature.json", "{\"enabled\":false}");
     EXPECT_EQ(
         Describe(directory.FindChanges()),
         (std::vector<std::string>{"10001/proc_feature {\"enabled\":false}", "90001/test {\"value\":1}"}));
@@ -86,5 +80,4 @@ TEST(PolicyDirectory, ScanReadsIdDirectoriesAndRemembersOnlyWhatWasMarkedDeliver
     ASSERT_FALSE(changes.empty());
     EXPECT_TRUE(changes.front().removed);
     EXPECT_EQ(changes.front().path, root + "/10001/proc_feature.json");
-    Poco::File(root).remove(true);
 }

@@ -11,6 +11,7 @@
 
 #include "ProcNetTcpParser.h"
 #include "SockDiagDecoder.h"
+#include "support/FileText.h"
 
 namespace {
 
@@ -18,10 +19,7 @@ using Engine::ProcNetTcpParser;
 using NetMap = Engine::NetProcsFullTask::NetMap;
 
 std::string ReadSample(const std::string& file) {
-    std::ifstream in(std::string(CORVANE_TEST_DATA_DIR) + "/collect/" + file, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return TestSupport::ReadText(std::string(CORVANE_TEST_DATA_DIR) + "/collect/" + file);
 }
 
 TEST(ProcNetTcpParser, CapturedTablesIncludingMappedIpv6) {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "ProcRecordParser.h"
+#include "support/FileText.h"
 
 namespace {
 
@@ -15,10 +16,7 @@ using Record = Engine::ProcsMessage::procInfo;
 constexpr int64_t kBootTime = 1795330744;
 
 std::string ReadSample(const std::string& name, const std::string& file) {
-    std::ifstream in(std::string(CORVANE_TEST_DATA_DIR) + "/collect/" + name + "/" + file, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return TestSupport::ReadText(std::string(CORVANE_TEST_DATA_DIR) + "/collect/" + name + "/" + file);
 }
 
 struct Sample {

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <Poco/File.h>
-#include <Poco/TemporaryFile.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -18,18 +17,13 @@
 #include "AlertFileSink.h"
 #include "AlertSinkWriter.h"
 #include "AlertStreamSink.h"
+#include "support/FileText.h"
 #include "support/LogCapture.h"
+#include "support/TempDir.h"
 
 namespace {
 
-std::vector<std::string> ReadLines(const std::string& path) {
-    std::ifstream in(path);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
+using TestSupport::ReadLines;
 
 // Fixed width, so that sizes in bytes count lines.
 std::string Line(int index) {
@@ -38,18 +32,11 @@ std::string Line(int index) {
     return text;
 }
 
-class TempDir {
-public:
-    TempDir() { Poco::File(path).createDirectories(); }
-    ~TempDir() { Poco::File(path).remove(true); }
-    const std::string path = Poco::TemporaryFile::tempName();
-};
-
 }  // namespace
 
 TEST(AlertFileSink, AppendsPrivateLinesAndRotatesKeepingTheNewest) {
-    TempDir dir;
-    const std::string path = dir.path + "/alerts.json";
+    TestSupport::TempDir dir;
+    const std::string path = dir.path() + "/alerts.json";
     ::umask(022);
     const size_t lineSize = Line(10).size();
     Agent::AlertSinkWriter writer(std::make_unique<Agent::AlertFileSink>(path, lineSize * 3, 2), 1 << 20);
@@ -78,8 +65,8 @@ TEST(AlertFileSink, AppendsPrivateLinesAndRotatesKeepingTheNewest) {
 }
 
 TEST(AlertSinkWriter, HoldsLinesWhileTheFileCannotBeOpenedAndWritesThemInOrderLater) {
-    TempDir dir;
-    const std::string path = dir.path + "/later/alerts.json";
+    TestSupport::TempDir dir;
+    const std::string path = dir.path() + "/later/alerts.json";
     Agent::AlertSinkWriter writer(std::make_unique<Agent::AlertFileSink>(path, 0, 0), 1 << 20);
     for (int index = 0; index < 5; ++index) {
         writer.Add(Line(index));
@@ -87,7 +74,7 @@ TEST(AlertSinkWriter, HoldsLinesWhileTheFileCannotBeOpenedAndWritesThemInOrderLa
     EXPECT_EQ(writer.GetBacklogCount(), 5u);
     EXPECT_FALSE(writer.Flush());
 
-    Poco::File(dir.path + "/later").createDirectories();
+    Poco::File(dir.path() + "/later").createDirectories();
     writer.Add(Line(5));
     EXPECT_FALSE(writer.HasBacklog());
     const std::vector<std::string> lines = ReadLines(path);

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <Poco/File.h>
-#include <Poco/TemporaryFile.h>
 
 #include <chrono>
 #include <fstream>
@@ -15,37 +14,26 @@
 #include "ReportModule.h"
 #include "framework/DataMessage.h"
 #include "framework/Engine.h"
+#include "support/FileText.h"
 #include "support/LogCapture.h"
+#include "support/TempDir.h"
+#include "support/WaitFor.h"
 
 namespace {
 
-std::vector<std::string> ReadLines(const std::string& path) {
-    std::ifstream in(path);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
+using TestSupport::ReadLines;
 
 std::shared_ptr<Framework::Message> Report(const std::string& body) {
     return std::make_shared<Framework::DataMessage>("2", body);
 }
 
-class TempDir {
-public:
-    TempDir() { Poco::File(path).createDirectories(); }
-    ~TempDir() { Poco::File(path).remove(true); }
-    const std::string path = Poco::TemporaryFile::tempName();
-};
-
 }  // namespace
 
 TEST(DataReportTask, UnInitWritesEveryQueuedReportOneJsonLineEach) {
-    TempDir dir;
+    TestSupport::TempDir dir;
     TestSupport::LogCapture log("agent");
     Agent::ReportSettings settings;
-    settings.filePath = dir.path + "/alerts.json";
+    settings.filePath = dir.path() + "/alerts.json";
     auto* task = new Agent::DataReportTask(settings);
     task->Init();
     const int count = 5000;
@@ -73,9 +61,9 @@ TEST(DataReportTask, UnInitWritesEveryQueuedReportOneJsonLineEach) {
 }
 
 TEST(DataReportTask, RunsAsSystemTaskRetriesAFailedFileAndDrainsOnStopAll) {
-    TempDir dir;
+    TestSupport::TempDir dir;
     Agent::ReportSettings settings;
-    settings.filePath = dir.path + "/missing/alerts.json";
+    settings.filePath = dir.path() + "/missing/alerts.json";
     settings.retrySeconds = 1;
     Framework::Engine engine;
     {
@@ -87,11 +75,8 @@ TEST(DataReportTask, RunsAsSystemTaskRetriesAFailedFileAndDrainsOnStopAll) {
             report->SendDirectMsg("data_comm_report_task", new Framework::DataMessage("2", "{\"n\":0}")), 0);
 
         // No further report arrives: the periodic retry alone must bring the line out.
-        Poco::File(dir.path + "/missing").createDirectories();
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (ReadLines(settings.filePath).empty() && std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
+        Poco::File(dir.path() + "/missing").createDirectories();
+        TestSupport::WaitFor([&] { return !ReadLines(settings.filePath).empty(); });
         ASSERT_EQ(ReadLines(settings.filePath), std::vector<std::string>{"{\"n\":0}"});
 
         for (int index = 1; index <= 20000; ++index) {

@@ -4,14 +4,12 @@
 #include <sstream>
 
 #include "ProcParsers.h"
+#include "support/FileText.h"
 
 namespace {
 
 std::string Sample(const std::string& name) {
-    std::ifstream in(std::string(CORVANE_TEST_DATA_DIR) + "/proc/" + name, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return TestSupport::ReadText(std::string(CORVANE_TEST_DATA_DIR) + "/proc/" + name);
 }
 
 TEST(ProcParsers, StatOfCapturedProcesses) {

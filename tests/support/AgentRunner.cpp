@@ -10,12 +10,13 @@
 #include <Poco/Exception.h>
 #include <Poco/File.h>
 
-#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
+
+#include "support/FileText.h"
+#include "support/WaitFor.h"
 
 namespace TestSupport {
 
@@ -23,26 +24,6 @@ namespace {
 
 void MakeDir(const std::string& path) {
     Poco::File(path).createDirectories();
-}
-
-std::string ReadText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-bool PollUntil(const std::function<bool()>& done, long timeoutMs) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    for (;;) {
-        if (done()) {
-            return true;
-        }
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
 }
 
 }  // namespace
@@ -165,7 +146,7 @@ int AgentRunner::Stop(long timeoutMs) {
     }
     kill(pid_, SIGTERM);
     int status = 0;
-    const bool exited = PollUntil([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, timeoutMs);
+    const bool exited = WaitFor([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, timeoutMs);
     if (!exited) {
         kill(pid_, SIGKILL);
         waitpid(pid_, &status, 0);
@@ -194,7 +175,7 @@ std::vector<Json::Value> AgentRunner::ReadAlerts() const {
 
 bool AgentRunner::WaitForAlert(const std::function<bool(const Json::Value&)>& match, long timeoutMs,
                                Json::Value* found) const {
-    return PollUntil(
+    return WaitFor(
         [&] {
             for (const Json::Value& alert : ReadAlerts()) {
                 if (match(alert)) {
@@ -214,7 +195,7 @@ std::string AgentRunner::ReadLog() const {
 }
 
 bool AgentRunner::WaitForLog(const std::string& needle, long timeoutMs) const {
-    return PollUntil([&] { return ReadLog().find(needle) != std::string::npos; }, timeoutMs);
+    return WaitFor([&] { return ReadLog().find(needle) != std::string::npos; }, timeoutMs);
 }
 
 std::vector<Json::Value> FindProcessEntries(const std::vector<Json::Value>& alerts,
