@@ -8,7 +8,6 @@
 
 #include <cstdio>
 
-#include "AgentLog.h"
 #include "AgentSignals.h"
 #include "ModuleDirectory.h"
 #include "ModuleLoader.h"
@@ -16,6 +15,7 @@
 #include "PolicyPublisher.h"
 #include "ReportModule.h"
 #include "collect/CollectSettings.h"
+#include "sdk/HostLog.h"
 #include "sdk/InnerCpuCtrlUtils.h"
 #include "sdk/JsonUtils.h"
 #include "sdk/LoggerUtils.h"
@@ -35,7 +35,7 @@ void MakeDirectory(const std::string& dir) {
     try {
         Poco::File(dir).createDirectories();
     } catch (const Poco::Exception& failure) {
-        AgentLog::Error("cannot create directory " + dir + ": " + failure.displayText());
+        HOST_CONSOLE_LOG_ERROR("cannot create directory " + dir + ": " + failure.displayText());
     }
 }
 
@@ -64,7 +64,8 @@ int AgentApp::main(const std::vector<std::string>& args) {
 
     report_ = std::make_unique<ReportModule>(settings_.alerts);
     if (report_->Init() != 0) {
-        AgentLog::Error("the report task \"data_comm_report_task\" could not be started; alerts are lost");
+        HOST_CONSOLE_LOG_ERROR(
+            "the report task \"data_comm_report_task\" could not be started; alerts are lost");
     }
     loader_ = std::make_unique<ModuleLoader>(*this);
     if (!LoadModules(options.modules)) {
@@ -96,10 +97,10 @@ void AgentApp::Configure(const AgentOptions& options) {
     }
     SetUpLogging();
     for (const std::string& problem : problems) {
-        AgentLog::Error(problem);
+        HOST_CONSOLE_LOG_ERROR(problem);
     }
     SDK::InnerCpuCtrlUtils::SetCpuShare(settings_.cpuShare);
-    AgentLog::Information("corvane-agent " + std::to_string(::getpid()) + " starting: prefix " +
+    HOST_CONSOLE_LOG_INFO("corvane-agent " + std::to_string(::getpid()) + " starting: prefix " +
                           paths_.prefix + ", settings " + paths_.config + ", policies " + paths_.policyDir +
                           ", CPU share " + std::to_string(settings_.cpuShare) + "%, alerts to " +
                           (settings_.alerts.filePath.empty() ? std::string("-") : settings_.alerts.filePath) +
@@ -112,7 +113,7 @@ void AgentApp::SetUpLogging() {
         MakeDirectory(settings_.log.directory);
     }
     SDK::LoggerUtils::GetInstance()->Setup(settings_.log);
-    AgentLog::SetEchoErrors(settings_.log.target == "file");
+    SDK::HostLog::SetConsoleErrorEcho(settings_.log.target == "file");
 }
 
 bool AgentApp::LoadModules(const std::vector<std::string>& explicitModules) {
@@ -120,7 +121,7 @@ bool AgentApp::LoadModules(const std::vector<std::string>& explicitModules) {
     if (!explicitModules.empty()) {
         for (const std::string& path : explicitModules) {
             if (loader_->Load(path, error) == nullptr) {
-                AgentLog::Error(error + "; stopping");
+                HOST_CONSOLE_LOG_ERROR(error + "; stopping");
                 return false;
             }
         }
@@ -128,17 +129,17 @@ bool AgentApp::LoadModules(const std::vector<std::string>& explicitModules) {
     }
     std::vector<std::string> discovered;
     if (!ModuleDirectory::List(paths_.moduleDir, discovered, error)) {
-        AgentLog::Error("cannot read the module directory " + paths_.moduleDir + ": " + error +
-                        "; running without modules");
+        HOST_CONSOLE_LOG_ERROR("cannot read the module directory " + paths_.moduleDir + ": " + error +
+                               "; running without modules");
         return true;
     }
     for (const std::string& path : discovered) {
         if (loader_->Load(path, error) == nullptr) {
-            AgentLog::Error(error + "; skipped");
+            HOST_CONSOLE_LOG_ERROR(error + "; skipped");
         }
     }
     if (loader_->GetCount() == 0) {
-        AgentLog::Warning("no module loaded from " + paths_.moduleDir);
+        HOST_CONSOLE_LOG_WARNING("no module loaded from " + paths_.moduleDir);
     }
     return true;
 }
@@ -154,7 +155,7 @@ void AgentApp::DeliverCollectSettings() {
     };
     for (const auto& collector : collectors) {
         if (!loader_->AnyTakesPolicy(collector.id)) {
-            AgentLog::Information(std::string("no loaded module takes the collector settings \"") +
+            HOST_CONSOLE_LOG_INFO(std::string("no loaded module takes the collector settings \"") +
                                   collector.id + "\"; that collector keeps its own refresh interval");
             continue;
         }
@@ -162,8 +163,8 @@ void AgentApp::DeliverCollectSettings() {
         settings[::Engine::kRefreshSecondsKey] = collector.refreshSeconds;
         const std::string text = SDK::JsonUtils::JsonToString(settings);
         if (DeliverPolicy(collector.id, collector.feature, text) != 0) {
-            AgentLog::Error(std::string("the collector settings ") + text + " for \"" + collector.id +
-                            "\" were refused");
+            HOST_CONSOLE_LOG_ERROR(std::string("the collector settings ") + text + " for \"" + collector.id +
+                                   "\" were refused");
         }
     }
 }
@@ -173,17 +174,17 @@ void AgentApp::Serve() {
     PolicyDirectory policies(paths_.policyDir);
     PolicyPublisher publisher(*this, policies);
     publisher.PublishChanges();
-    AgentLog::Information("corvane-agent running with " + std::to_string(loader_->GetCount()) + " modules");
+    HOST_CONSOLE_LOG_INFO("corvane-agent running with " + std::to_string(loader_->GetCount()) + " modules");
     for (;;) {
         const int signal = AgentSignals::Wait();
         if (signal != SIGHUP) {
-            AgentLog::Information(std::string("corvane-agent stopping on ") +
+            HOST_CONSOLE_LOG_INFO(std::string("corvane-agent stopping on ") +
                                   (signal == SIGINT ? "SIGINT" : "SIGTERM"));
             return;
         }
-        AgentLog::Information("SIGHUP: re-reading the policies in " + paths_.policyDir);
+        HOST_CONSOLE_LOG_INFO("SIGHUP: re-reading the policies in " + paths_.policyDir);
         const int delivered = publisher.PublishChanges();
-        AgentLog::Information("SIGHUP: " + std::to_string(delivered) + " changed policies delivered");
+        HOST_CONSOLE_LOG_INFO("SIGHUP: " + std::to_string(delivered) + " changed policies delivered");
     }
 }
 
@@ -196,7 +197,7 @@ void AgentApp::Shutdown() {
     if (report_) {
         report_->UnInit();
     }
-    AgentLog::Information("corvane-agent stopped");
+    HOST_CONSOLE_LOG_INFO("corvane-agent stopped");
 }
 
 }  // namespace Agent

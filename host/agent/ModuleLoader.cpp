@@ -4,8 +4,8 @@
 
 #include <exception>
 
-#include "AgentLog.h"
 #include "framework/Engine.h"
+#include "sdk/HostLog.h"
 
 namespace Agent {
 
@@ -36,11 +36,11 @@ void UnInitModule(Framework::Module& module, const std::string& path) {
     try {
         module.UnInit();
     } catch (const Poco::Exception& failure) {
-        AgentLog::Error("module \"" + module.GetModuleName() + "\" from " + path + ": UnInit threw " +
-                        failure.displayText());
+        HOST_CONSOLE_LOG_ERROR("module \"" + module.GetModuleName() + "\" from " + path + ": UnInit threw " +
+                               failure.displayText());
     } catch (const std::exception& failure) {
-        AgentLog::Error("module \"" + module.GetModuleName() + "\" from " + path + ": UnInit threw " +
-                        failure.what());
+        HOST_CONSOLE_LOG_ERROR("module \"" + module.GetModuleName() + "\" from " + path + ": UnInit threw " +
+                               failure.what());
     }
 }
 
@@ -83,7 +83,7 @@ Framework::Module* ModuleLoader::Load(const std::string& path, std::string& erro
         engine_.RemoveModule(&module);
         return nullptr;
     }
-    AgentLog::Information("loaded module \"" + module.GetModuleName() + "\" from " + path);
+    HOST_CONSOLE_LOG_INFO("loaded module \"" + module.GetModuleName() + "\" from " + path);
     loaded_.push_back(std::move(entry));
     return &module;
 }
@@ -102,7 +102,7 @@ void ModuleLoader::UnloadAll() {
         Loaded& entry = loaded_.back();
         UnInitModule(*entry.module, entry.path);
         engine_.RemoveModule(entry.module.get());
-        AgentLog::Information("unloaded module \"" + entry.module->GetModuleName() + "\" from " + entry.path);
+        HOST_CONSOLE_LOG_INFO("unloaded module \"" + entry.module->GetModuleName() + "\" from " + entry.path);
         loaded_.pop_back();
     }
 }

@@ -7,8 +7,8 @@
 #include <cstring>
 #include <memory>
 
-#include "AgentLog.h"
 #include "TextFile.h"
+#include "sdk/HostLog.h"
 
 namespace Agent {
 
@@ -64,8 +64,8 @@ PolicyDirectory::Snapshot PolicyDirectory::Scan() const {
     Snapshot snapshot;
     std::vector<std::string> ids;
     if (!ListNames(root_, ids)) {
-        AgentLog::Error("cannot read the policy directory " + root_ + ": " + std::strerror(errno) +
-                        "; the policies in force stay as they are");
+        HOST_CONSOLE_LOG_ERROR("cannot read the policy directory " + root_ + ": " + std::strerror(errno) +
+                               "; the policies in force stay as they are");
         snapshot.rootUnreadable = true;
         return snapshot;
     }
@@ -76,8 +76,8 @@ PolicyDirectory::Snapshot PolicyDirectory::Scan() const {
         }
         std::vector<std::string> files;
         if (!ListNames(idDir, files)) {
-            AgentLog::Error("cannot read the policy directory " + idDir + ": " + std::strerror(errno) +
-                            "; its policies in force stay as they are");
+            HOST_CONSOLE_LOG_ERROR("cannot read the policy directory " + idDir + ": " + std::strerror(errno) +
+                                   "; its policies in force stay as they are");
             snapshot.unreadableIds.insert(id);
             continue;
         }
@@ -90,8 +90,8 @@ PolicyDirectory::Snapshot PolicyDirectory::Scan() const {
             std::string text;
             std::string error;
             if (!TextFile::Read(path, kMaxPolicyBytes, text, error)) {
-                AgentLog::Error("cannot read policy file " + path + " (" + error +
-                                "); the policy in force for it stays");
+                HOST_CONSOLE_LOG_ERROR("cannot read policy file " + path + " (" + error +
+                                       "); the policy in force for it stays");
                 snapshot.unreadable.insert(key);
                 continue;
             }

@@ -4,8 +4,8 @@
 
 #include <memory>
 
-#include "AgentLog.h"
 #include "framework/Engine.h"
+#include "sdk/HostLog.h"
 
 namespace Agent {
 
@@ -46,26 +46,26 @@ bool PolicyPublisher::Publish(const PolicyDirectory::Change& change) {
     const std::string what = "policy \"" + change.feature + "\" of id " + change.id;
     std::string error;
     if (!change.removed && !CheckJson(change.text, error)) {
-        AgentLog::Error("policy file " + change.path + " is not valid JSON (" + error + "); the " + what +
-                        " in force stays");
+        HOST_CONSOLE_LOG_ERROR("policy file " + change.path + " is not valid JSON (" + error + "); the " +
+                               what + " in force stays");
         return false;
     }
     const int result = engine_.DeliverPolicy(change.id, change.feature, change.text);
     if (result == -2) {
-        AgentLog::Error("policy file " + change.path + ": no loaded module takes policy id " + change.id +
-                        "; not delivered");
+        HOST_CONSOLE_LOG_ERROR("policy file " + change.path + ": no loaded module takes policy id " +
+                               change.id + "; not delivered");
         if (change.removed) {
             directory_.MarkDelivered(change);
         }
         return false;
     }
     if (result != 0) {
-        AgentLog::Error("policy file " + change.path + " was refused (" + std::to_string(result) + "); the " +
-                        what + " in force stays");
+        HOST_CONSOLE_LOG_ERROR("policy file " + change.path + " was refused (" + std::to_string(result) +
+                               "); the " + what + " in force stays");
         return false;
     }
     directory_.MarkDelivered(change);
-    AgentLog::Information(change.removed ? "policy file " + change.path + " removed: " + what + " disabled"
+    HOST_CONSOLE_LOG_INFO(change.removed ? "policy file " + change.path + " removed: " + what + " disabled"
                                          : "delivered " + what + " from " + change.path);
     return true;
 }

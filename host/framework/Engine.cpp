@@ -7,10 +7,10 @@
 #include <system_error>
 
 #include "EngineEntry.h"
-#include "FrameworkLog.h"
 #include "PolicyTree.h"
 #include "framework/Module.h"
 #include "framework/Policy.h"
+#include "sdk/HostLog.h"
 
 namespace Framework {
 
@@ -61,17 +61,17 @@ std::vector<std::string> Engine::GetTaskNames() const {
 
 int Engine::RegisterTask(Module* owner, Task* task, bool system) {
     if (task == nullptr) {
-        FrameworkLog::Error("cannot register a null task");
+        HOST_LOG_ERROR("cannot register a null task");
         return -1;
     }
     const std::string& name = task->GetTaskName();
     if (!task->IsTaskEnabled()) {
-        FrameworkLog::Error("task " + name + " is disabled, not registered");
+        HOST_LOG_ERROR("task " + name + " is disabled, not registered");
         return -1;
     }
     std::lock_guard<std::recursive_mutex> lock(mutex_);
     if (tasks_.count(name) != 0) {
-        FrameworkLog::Error("task " + name + " is already registered");
+        HOST_LOG_ERROR("task " + name + " is already registered");
         return -1;
     }
     auto entry = std::make_unique<Entry>();
@@ -103,10 +103,10 @@ bool Engine::StartTask(Entry& entry) {
         Poco::AutoPtr<Task> running(entry.task);
         entry.thread = std::thread([running]() mutable { running->Execute(); });
     } catch (const std::system_error& e) {
-        FrameworkLog::Error("task " + task.GetTaskName() + ": cannot start its thread: " + e.what());
+        HOST_LOG_ERROR("task " + task.GetTaskName() + ": cannot start its thread: " + e.what());
         return false;
     }
-    FrameworkLog::Information("task " + task.GetTaskName() + " started");
+    HOST_LOG_INFO("task " + task.GetTaskName() + " started");
     return true;
 }
 
@@ -160,7 +160,7 @@ int Engine::UnRegisterTask(const std::string& taskName) {
         tasks_.erase(found);
     }
     stopped_.notify_all();
-    FrameworkLog::Information("task " + taskName + " stopped");
+    HOST_LOG_INFO("task " + taskName + " stopped");
     return 0;
 }
 
@@ -170,7 +170,7 @@ void Engine::StopTask(Entry& entry) {
     if (entry.thread.joinable()) {
         if (entry.thread.get_id() == std::this_thread::get_id()) {
             // Cannot join ourselves: the task finishes (and runs UnInit) once its code returns.
-            FrameworkLog::Warning("task " + task.GetTaskName() + " unregistered itself; it stops on return");
+            HOST_LOG_WARNING("task " + task.GetTaskName() + " unregistered itself; it stops on return");
             entry.thread.detach();
             return;
         }

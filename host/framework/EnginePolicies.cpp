@@ -7,12 +7,12 @@
 #include <set>
 
 #include "EngineEntry.h"
-#include "FrameworkLog.h"
 #include "PolicyTree.h"
 #include "framework/FeaturePolicy.h"
 #include "framework/Module.h"
 #include "framework/Policy.h"
 #include "framework/TaskPolicy.h"
+#include "sdk/HostLog.h"
 #include "sdk/JsonUtils.h"
 
 namespace Framework {
@@ -25,9 +25,9 @@ bool CallGuarded(const std::string& what, Fn&& fn) {
         fn();
         return true;
     } catch (const Poco::Exception& e) {
-        FrameworkLog::Error(what + " failed: " + e.displayText());
+        HOST_LOG_ERROR(what + " failed: " + e.displayText());
     } catch (const std::exception& e) {
-        FrameworkLog::Error(what + " failed: " + e.what());
+        HOST_LOG_ERROR(what + " failed: " + e.what());
     }
     return false;
 }
@@ -72,7 +72,7 @@ int Engine::DeliverPolicy(const std::string& id, const std::string& featureName,
     const std::string what = "policy " + id + " of feature " + featureName;
     Json::Value parsed;
     if (SDK::JsonUtils::ParseJsonStr(content.c_str(), content.size(), parsed) != 0) {
-        FrameworkLog::Error(what + " is not valid JSON; the previous policy stays in force");
+        HOST_LOG_ERROR(what + " is not valid JSON; the previous policy stays in force");
         return -1;
     }
     std::lock_guard<std::recursive_mutex> delivery(deliveryMutex_);
@@ -84,7 +84,7 @@ int Engine::DeliverPolicy(const std::string& id, const std::string& featureName,
     const auto taker = std::find_if(modules.begin(), modules.end(),
                                     [&id](const Module* module) { return module->HasPolicyCallback(id); });
     if (taker == modules.end()) {
-        FrameworkLog::Warning(what + ": no module takes this policy id");
+        HOST_LOG_WARNING(what + ": no module takes this policy id");
         return -2;
     }
     Module* module = *taker;
@@ -114,7 +114,7 @@ int Engine::DeliverPolicy(const std::string& id, const std::string& featureName,
     if (fresh != nullptr) {
         int reached = 0;
         CallGuarded(what + ": dispatch", [&] { reached = fresh->Dispatch(nullptr); });
-        FrameworkLog::Debug(what + " dispatched to " + std::to_string(reached) + " task(s)");
+        HOST_LOG_DEBUG(what + " dispatched to " + std::to_string(reached) + " task(s)");
     }
     if (replaced) {
         // Only now: the tasks hold the new policy, none is left pointing at the old one.

@@ -1,8 +1,8 @@
 #include "framework/Module.h"
 
-#include "FrameworkLog.h"
 #include "framework/Engine.h"
 #include "framework/Task.h"
+#include "sdk/HostLog.h"
 
 namespace Framework {
 
@@ -53,7 +53,7 @@ Policy* Module::RefreshPolicy(const std::string& id, const std::string& featureN
 int Module::RegisterPolicyCallback(const std::string& id, AbstractPolicyCallback* callback) {
     std::shared_ptr<AbstractPolicyCallback> owned(callback);
     if (!owned) {
-        FrameworkLog::Error("module " + name_ + ": null policy callback for id " + id);
+        HOST_LOG_ERROR("module " + name_ + ": null policy callback for id " + id);
         return 0;
     }
     std::lock_guard<std::mutex> lock(mutex_);
@@ -83,8 +83,8 @@ std::set<std::string> Module::GetPolicyIds() const {
 int Module::RegisterTask(Task* task, bool system) {
     Engine* engine = Engine::Instance();
     if (engine == nullptr) {
-        FrameworkLog::Error("module " + name_ + ": no engine to run task " +
-                            (task != nullptr ? task->GetTaskName() : std::string("(null)")));
+        HOST_LOG_ERROR("module " + name_ + ": no engine to run task " +
+                       (task != nullptr ? task->GetTaskName() : std::string("(null)")));
         return -1;
     }
     return engine->RegisterTask(this, task, system);

@@ -8,9 +8,9 @@
 #include <exception>
 #include <limits>
 
-#include "FrameworkLog.h"
 #include "framework/FeaturePolicy.h"
 #include "framework/TaskPolicy.h"
+#include "sdk/HostLog.h"
 
 namespace Framework {
 
@@ -30,9 +30,9 @@ void RunGuarded(const std::string& taskName, const char* stage, Fn&& fn) {
     try {
         fn();
     } catch (const Poco::Exception& e) {
-        FrameworkLog::Error("task " + taskName + ": " + stage + " failed: " + e.displayText());
+        HOST_LOG_ERROR("task " + taskName + ": " + stage + " failed: " + e.displayText());
     } catch (const std::exception& e) {
-        FrameworkLog::Error("task " + taskName + ": " + stage + " failed: " + e.what());
+        HOST_LOG_ERROR("task " + taskName + ": " + stage + " failed: " + e.what());
     }
 }
 
@@ -178,7 +178,7 @@ void Task::PrepareRestart() {
 void Task::runTask() {
     RunGuarded(name(), "Init", [this] {
         const int result = Init();
-        FrameworkLog::Debug("task " + name() + ": Init returned " + std::to_string(result));
+        HOST_LOG_DEBUG("task " + name() + ": Init returned " + std::to_string(result));
     });
     switch (type_) {
         case TaskCondition::TASK_TYPE_PERIODIC:
@@ -190,8 +190,8 @@ void Task::runTask() {
         case TaskCondition::TASK_TYPE_RESIDENT:
         default:
             if (type_ != TaskCondition::TASK_TYPE_RESIDENT) {
-                FrameworkLog::Warning("task " + name() + ": unknown task type " + std::to_string(type_) +
-                                      ", run as resident");
+                HOST_LOG_WARNING("task " + name() + ": unknown task type " + std::to_string(type_) +
+                                 ", run as resident");
             }
             RunGuarded(name(), "Run", [this] { Run(); });
             // UnInit belongs to the unregistration, even when Run gave up early.

@@ -4,7 +4,7 @@
 
 #include <limits>
 
-#include "FrameworkLog.h"
+#include "sdk/HostLog.h"
 #include "sdk/JsonUtils.h"
 
 namespace Framework {
@@ -28,19 +28,19 @@ bool ReadSeconds(const Json::Value& root, const char* key, int64_t max, int64_t&
 bool TaskCondition::Parse(const std::string& json) {
     Json::Value root;
     if (SDK::JsonUtils::ParseJsonStr(json.c_str(), json.size(), root) != 0 || !root.isObject()) {
-        FrameworkLog::Error("task condition is not a JSON object: " + json);
+        HOST_LOG_ERROR("task condition is not a JSON object: " + json);
         return false;
     }
     Record parsed;
     if (root.isMember("start_time") &&
         !ReadSeconds(root, "start_time", std::numeric_limits<int64_t>::max(), parsed.startTime)) {
-        FrameworkLog::Error("task condition has a bad start_time: " + json);
+        HOST_LOG_ERROR("task condition has a bad start_time: " + json);
         return false;
     }
     if (!root.isMember("repeat_interval") ||
         !ReadSeconds(root, "repeat_interval", kMaxInterval, parsed.repeatInterval) ||
         parsed.repeatInterval == 0) {
-        FrameworkLog::Error("task condition needs a positive repeat_interval: " + json);
+        HOST_LOG_ERROR("task condition needs a positive repeat_interval: " + json);
         return false;
     }
     record_ = parsed;

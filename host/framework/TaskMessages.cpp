@@ -6,9 +6,9 @@
 #include <exception>
 #include <vector>
 
-#include "FrameworkLog.h"
 #include "framework/Engine.h"
 #include "framework/Task.h"
+#include "sdk/HostLog.h"
 
 namespace Framework {
 
@@ -44,9 +44,8 @@ bool Task::EnqueueMsg(std::shared_ptr<Message>& message) {
     }
     const unsigned long dropped = ++dropped_;
     if (dropped == 1 || dropped % kDropLogEvery == 0) {
-        FrameworkLog::Warning("task " + name() + ": message queue full (capacity " +
-                              std::to_string(capacity_) + "), " + std::to_string(dropped) +
-                              " messages dropped so far");
+        HOST_LOG_WARNING("task " + name() + ": message queue full (capacity " + std::to_string(capacity_) +
+                         "), " + std::to_string(dropped) + " messages dropped so far");
     }
     return false;
 }
@@ -75,11 +74,10 @@ int Task::BulkConsumeMsg(int maxCount) {
         try {
             message->MessageHandle(this);
         } catch (const Poco::Exception& e) {
-            FrameworkLog::Error("task " + name() + ": message " + message->GetName() +
-                                " failed: " + e.displayText());
+            HOST_LOG_ERROR("task " + name() + ": message " + message->GetName() +
+                           " failed: " + e.displayText());
         } catch (const std::exception& e) {
-            FrameworkLog::Error("task " + name() + ": message " + message->GetName() +
-                                " failed: " + e.what());
+            HOST_LOG_ERROR("task " + name() + ": message " + message->GetName() + " failed: " + e.what());
         }
     }
     return handled;
@@ -105,8 +103,8 @@ int Task::SendDirectMsg(const std::string& taskName, Message* message) {
     Engine* engine = Engine::Instance();
     Task* target = engine != nullptr ? engine->FindTask(taskName) : nullptr;
     if (target == nullptr) {
-        FrameworkLog::Warning("task " + name() + ": no task " + taskName + " registered, message " +
-                              owned->GetName() + " dropped");
+        HOST_LOG_WARNING("task " + name() + ": no task " + taskName + " registered, message " +
+                         owned->GetName() + " dropped");
         return -1;
     }
     return target->EnqueueMsg(owned) ? 0 : -1;
@@ -114,7 +112,7 @@ int Task::SendDirectMsg(const std::string& taskName, Message* message) {
 
 long Task::AddConsumer(unsigned long flag, const char* name, Task* consumer) {
     if (consumer == nullptr) {
-        FrameworkLog::Error("task " + this->name() + ": null consumer for flag " + std::to_string(flag));
+        HOST_LOG_ERROR("task " + this->name() + ": null consumer for flag " + std::to_string(flag));
         return -1;
     }
     std::lock_guard<std::mutex> lock(consumerMutex_);
@@ -126,9 +124,9 @@ long Task::AddConsumer(unsigned long flag, const char* name, Task* consumer) {
     }
     consumer->duplicate();
     subscribers.emplace(consumer, Subscription{consumer, 1});
-    FrameworkLog::Debug("task " + this->name() + ": " + consumer->GetTaskName() + " subscribed to flag " +
-                        std::to_string(flag) +
-                        (name != nullptr && *name != '\0' ? std::string(" as ") + name : ""));
+    HOST_LOG_DEBUG("task " + this->name() + ": " + consumer->GetTaskName() + " subscribed to flag " +
+                   std::to_string(flag) +
+                   (name != nullptr && *name != '\0' ? std::string(" as ") + name : ""));
     return 0;
 }
 

@@ -2,15 +2,15 @@
 
 #include <new>
 
-#include "NetCollectLog.h"
 #include "collect/CollectSettings.h"
 #include "collect/NetProcsFullTask.h"
 #include "framework/PolicyCallback.h"
+#include "sdk/HostLog.h"
 #include "sdk/JsonUtils.h"
 
 namespace Engine {
 
-NetCollectModule::NetCollectModule() : Framework::Module("net_collect_module") {}
+NetCollectModule::NetCollectModule() : Framework::Module(kNetCollectModuleName) {}
 
 NetCollectModule::~NetCollectModule() {
     if (task_ != nullptr) {
@@ -24,7 +24,7 @@ int NetCollectModule::Init() {
     }
     int result = 0;
     if (task_ == nullptr) {
-        NetCollectLog::Error("net_collect_module: out of memory creating its task");
+        HOST_MODULE_LOG_ERROR(kNetCollectModuleName, "net_collect_module: out of memory creating its task");
         result = -1;
     } else {
         task_->SetTaskEnabled(true);

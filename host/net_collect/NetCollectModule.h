@@ -7,6 +7,9 @@
 
 namespace Engine {
 
+// The module's name, also the logger its pieces write their lines to.
+inline constexpr char kNetCollectModuleName[] = "net_collect_module";
+
 class NetProcsFullTask;
 
 // The host's network-collect module: the connection table task "netproc_full_task".

@@ -6,8 +6,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "NetCollectLog.h"
+#include "NetCollectModule.h"
 #include "ProcNetTcpParser.h"
+#include "sdk/HostLog.h"
 
 namespace Engine {
 
@@ -63,7 +64,8 @@ bool ProcNetTcpSource::Collect(NetProcsFullTask::NetMap& out, std::string& error
         }
         const size_t malformed = ProcNetTcpParser::ParseTable(text_, table.ipv6, out);
         if (malformed > 0) {
-            NetCollectLog::Error(path + ": " + std::to_string(malformed) + " malformed lines skipped");
+            HOST_MODULE_LOG_ERROR(kNetCollectModuleName,
+                                  path + ": " + std::to_string(malformed) + " malformed lines skipped");
         }
     }
     return true;

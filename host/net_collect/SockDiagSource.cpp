@@ -10,8 +10,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "NetCollectLog.h"
+#include "NetCollectModule.h"
 #include "SockDiagDecoder.h"
+#include "sdk/HostLog.h"
 
 namespace Engine {
 
@@ -85,8 +86,8 @@ bool SockDiagSource::Dump(int fd, unsigned char family, NetProcsFullTask::NetMap
         }
     }
     if (malformed > 0) {
-        NetCollectLog::Error("NETLINK_SOCK_DIAG: " + std::to_string(malformed) +
-                             " malformed replies skipped");
+        HOST_MODULE_LOG_ERROR(kNetCollectModuleName, "NETLINK_SOCK_DIAG: " + std::to_string(malformed) +
+                                                         " malformed replies skipped");
     }
     return true;
 }

@@ -7,7 +7,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "ProcessCollectLog.h"
+#include "ProcessCollectModule.h"
+#include "sdk/HostLog.h"
 
 namespace Engine {
 
@@ -40,9 +41,10 @@ const ProcRecordParser& ProcTableScanner::Parser() {
         std::string procStat;
         const int error = reader_.ReadRootFile("stat", procStat);
         if (error != 0 || !ProcRecordParser::ParseBootTime(procStat, bootTime)) {
-            ProcessCollectLog::Error("no boot time in " + reader_.GetRoot() + "/stat (" +
-                                     (error != 0 ? std::string(std::strerror(error)) : "no btime line") +
-                                     "); start times in seconds count from the epoch");
+            HOST_MODULE_LOG_ERROR(kProcessCollectModuleName,
+                                  "no boot time in " + reader_.GetRoot() + "/stat (" +
+                                      (error != 0 ? std::string(std::strerror(error)) : "no btime line") +
+                                      "); start times in seconds count from the epoch");
         }
         parser_ = std::make_unique<ProcRecordParser>(bootTime, ::sysconf(_SC_CLK_TCK));
     }
@@ -138,7 +140,7 @@ bool ProcTableScanner::TakeSnapshot(ProcsFullTask::ProcsMap& out) {
     std::vector<int> pids;
     std::string error;
     if (!ListPids(pids, error)) {
-        ProcessCollectLog::Error("cannot list processes: " + error);
+        HOST_MODULE_LOG_ERROR(kProcessCollectModuleName, "cannot list processes: " + error);
         return false;
     }
     for (const int pid : pids) {
@@ -160,10 +162,10 @@ bool ProcTableScanner::TakeSnapshot(ProcsFullTask::ProcsMap& out) {
         const std::string text =
             "process snapshot: " + std::to_string(errorCount_) + " read errors, the first: " + firstError_;
         if (firstError_ != lastLoggedError_) {
-            ProcessCollectLog::Error(text);
+            HOST_MODULE_LOG_ERROR(kProcessCollectModuleName, text);
             lastLoggedError_ = firstError_;
         } else {
-            ProcessCollectLog::Debug(text);
+            HOST_MODULE_LOG_DEBUG(kProcessCollectModuleName, text);
         }
     }
     return true;

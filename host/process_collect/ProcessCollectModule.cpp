@@ -2,16 +2,16 @@
 
 #include <new>
 
-#include "ProcessCollectLog.h"
 #include "ProcsRealTask.h"
 #include "collect/CollectSettings.h"
 #include "collect/ProcsFullTask.h"
 #include "framework/PolicyCallback.h"
+#include "sdk/HostLog.h"
 #include "sdk/JsonUtils.h"
 
 namespace Engine {
 
-ProcessCollectModule::ProcessCollectModule() : Framework::Module("process_collect_module") {}
+ProcessCollectModule::ProcessCollectModule() : Framework::Module(kProcessCollectModuleName) {}
 
 ProcessCollectModule::~ProcessCollectModule() {
     if (realTask_ != nullptr) {
@@ -33,7 +33,8 @@ int ProcessCollectModule::Init() {
     for (Framework::Task* task :
          {static_cast<Framework::Task*>(fullTask_), static_cast<Framework::Task*>(realTask_)}) {
         if (task == nullptr) {
-            ProcessCollectLog::Error("process_collect_module: out of memory creating its tasks");
+            HOST_MODULE_LOG_ERROR(kProcessCollectModuleName,
+                                  "process_collect_module: out of memory creating its tasks");
             result = -1;
             continue;
         }

@@ -7,6 +7,9 @@
 
 namespace Engine {
 
+// The module's name, also the logger its pieces write their lines to.
+inline constexpr char kProcessCollectModuleName[] = "process_collect_module";
+
 class ProcsFullTask;
 class ProcsRealTask;
 

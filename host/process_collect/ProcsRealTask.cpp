@@ -4,7 +4,8 @@
 #include <utility>
 
 #include "ProcConnectorReader.h"
-#include "ProcessCollectLog.h"
+#include "ProcessCollectModule.h"
+#include "sdk/HostLog.h"
 #include "sdk/ProcessUtils.h"
 
 namespace Engine {
@@ -94,14 +95,16 @@ int ProcsRealTask::Run() {
     std::string detail;
     const auto opened = reader.Open(detail);
     if (opened == ProcConnectorReader::OpenResult::kOk) {
-        ProcessCollectLog::Info("process events from the kernel process connector, receive buffer " +
-                                std::to_string(reader.GetReceiveBufferBytes()) + " bytes");
+        HOST_MODULE_LOG_INFO(kProcessCollectModuleName,
+                             "process events from the kernel process connector, receive buffer " +
+                                 std::to_string(reader.GetReceiveBufferBytes()) + " bytes");
     } else {
-        ProcessCollectLog::Error(std::string(opened == ProcConnectorReader::OpenResult::kNoPrivilege
-                                                 ? "no privilege for the kernel process connector ("
-                                                 : "kernel process connector unavailable (") +
-                                 detail +
-                                 "): rescanning /proc every second instead; exec events are not reported");
+        HOST_MODULE_LOG_ERROR(kProcessCollectModuleName,
+                              std::string(opened == ProcConnectorReader::OpenResult::kNoPrivilege
+                                              ? "no privilege for the kernel process connector ("
+                                              : "kernel process connector unavailable (") +
+                                  detail +
+                                  "): rescanning /proc every second instead; exec events are not reported");
     }
     // The baseline is taken once the socket listens, so no process falls in between.
     known_.Reset(ScanIdentities());
@@ -129,9 +132,10 @@ bool ProcsRealTask::RunConnector(ProcConnectorReader& reader) {
         const auto result = reader.Receive(timeoutMs, kEventsPerBatch, events_, detail);
         for (const ProcEvent& event : events_) {
             if (event.kind == ProcEvent::Kind::kAck && event.realId != 0) {
-                ProcessCollectLog::Error("the kernel refused process events (error " +
-                                         std::to_string(event.realId) +
-                                         "): rescanning /proc every second instead");
+                HOST_MODULE_LOG_ERROR(kProcessCollectModuleName,
+                                      "the kernel refused process events (error " +
+                                          std::to_string(event.realId) +
+                                          "): rescanning /proc every second instead");
                 return false;
             }
             HandleEvent(event);
@@ -140,15 +144,17 @@ bool ProcsRealTask::RunConnector(ProcConnectorReader& reader) {
             ++counters_.overruns;
             const long long now = SteadyNowMs();
             if (now - lastOverrunLog >= kLogIntervalMs) {
-                ProcessCollectLog::Error("process events lost by the kernel (" +
-                                         std::to_string(counters_.overruns - overrunsLogged) +
-                                         " receive buffer overruns); rescanning /proc to catch up");
+                HOST_MODULE_LOG_ERROR(kProcessCollectModuleName,
+                                      "process events lost by the kernel (" +
+                                          std::to_string(counters_.overruns - overrunsLogged) +
+                                          " receive buffer overruns); rescanning /proc to catch up");
                 lastOverrunLog = now;
                 overrunsLogged = counters_.overruns;
             }
             Rescan();
         } else if (result == ProcConnectorReader::ReadResult::kFailed) {
-            ProcessCollectLog::Error(detail + ": rescanning /proc every second instead");
+            HOST_MODULE_LOG_ERROR(kProcessCollectModuleName,
+                                  detail + ": rescanning /proc every second instead");
             return false;
         }
         FlushOutbox();
@@ -156,9 +162,10 @@ bool ProcsRealTask::RunConnector(ProcConnectorReader& reader) {
         UpdateCounters();
         const long long now = SteadyNowMs();
         if (now - lastErrorLog >= kLogIntervalMs && scanner_->GetErrorCount() > 0) {
-            ProcessCollectLog::Error(
+            HOST_MODULE_LOG_ERROR(
+                kProcessCollectModuleName,
                 "reading processes after events: " + std::to_string(scanner_->GetErrorCount()) +
-                " read errors, the first: " + scanner_->GetFirstError());
+                    " read errors, the first: " + scanner_->GetFirstError());
             scanner_->ResetErrors();
             lastErrorLog = now;
         }
@@ -236,7 +243,7 @@ std::map<int, KnownProcess> ProcsRealTask::ScanIdentities() {
     std::vector<int> pids;
     std::string error;
     if (!scanner_->ListPids(pids, error)) {
-        ProcessCollectLog::Error("cannot list processes: " + error);
+        HOST_MODULE_LOG_ERROR(kProcessCollectModuleName, "cannot list processes: " + error);
         return live;
     }
     for (const int pid : pids) {
@@ -268,8 +275,9 @@ void ProcsRealTask::Rescan() {
         Publish(change.pid, change.flag, std::move(record));
     }
     if (scanner_->GetErrorCount() > 0) {
-        ProcessCollectLog::Error("process rescan: " + std::to_string(scanner_->GetErrorCount()) +
-                                 " read errors, the first: " + scanner_->GetFirstError());
+        HOST_MODULE_LOG_ERROR(kProcessCollectModuleName,
+                              "process rescan: " + std::to_string(scanner_->GetErrorCount()) +
+                                  " read errors, the first: " + scanner_->GetFirstError());
         scanner_->ResetErrors();
     }
 }

@@ -1,8 +1,9 @@
 #include "SubscriberDispatcher.h"
 
-#include "ProcessCollectLog.h"
+#include "ProcessCollectModule.h"
 #include "framework/Engine.h"
 #include "framework/Task.h"
+#include "sdk/HostLog.h"
 
 namespace Engine {
 
@@ -105,9 +106,10 @@ int SubscriberDispatcher::Publish(unsigned int flag, const std::shared_ptr<Frame
         if (subscriber.backlog.size() >= backlogLimit_) {
             ++dropped_;
             if (subscriber.droppedInRun++ == 0) {
-                ProcessCollectLog::Error("process events for task " + subscriber.task->GetTaskName() +
-                                         " are being dropped: its queue and a backlog of " +
-                                         std::to_string(backlogLimit_) + " events are full");
+                HOST_MODULE_LOG_ERROR(kProcessCollectModuleName,
+                                      "process events for task " + subscriber.task->GetTaskName() +
+                                          " are being dropped: its queue and a backlog of " +
+                                          std::to_string(backlogLimit_) + " events are full");
             }
             continue;
         }
@@ -131,9 +133,10 @@ size_t SubscriberDispatcher::Offer() {
         backlogSize_ -= before - subscriber.backlog.size();
         remaining += subscriber.backlog.size();
         if (emptied && subscriber.droppedInRun > 0) {
-            ProcessCollectLog::Error("task " + subscriber.task->GetTaskName() + " caught up; " +
-                                     std::to_string(subscriber.droppedInRun) +
-                                     " process events were dropped");
+            HOST_MODULE_LOG_ERROR(kProcessCollectModuleName, "task " + subscriber.task->GetTaskName() +
+                                                                 " caught up; " +
+                                                                 std::to_string(subscriber.droppedInRun) +
+                                                                 " process events were dropped");
             subscriber.droppedInRun = 0;
         }
     }

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <utility>
 
-#include "ReportLog.h"
+#include "sdk/HostLog.h"
 
 namespace Agent {
 
@@ -84,8 +84,8 @@ void AlertFileSink::RotateIfFull(size_t lineSize) {
     }
     // Keep appending to the full file rather than lose alerts; say so once.
     if (!rotateFailed_) {
-        ReportLog::Error("cannot rotate alert file " + path_ + ": " + std::strerror(errno) +
-                         "; appending to it beyond its size limit");
+        HOST_LOG_ERROR("cannot rotate alert file " + path_ + ": " + std::strerror(errno) +
+                       "; appending to it beyond its size limit");
         rotateFailed_ = true;
     }
 }

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <utility>
 
-#include "ReportLog.h"
+#include "sdk/HostLog.h"
 
 namespace Agent {
 
@@ -46,9 +46,9 @@ void AlertSinkWriter::TrimBacklog() {
         pendingBytes_ -= oldest->size();
         pending_.erase(oldest);
         if (droppedInOutage_ == 0) {
-            ReportLog::Error("alert backlog of " + sink_->Describe() + " is full (" +
-                             std::to_string(backlogBytes_) +
-                             " bytes); dropping the oldest alerts until it recovers");
+            HOST_LOG_ERROR("alert backlog of " + sink_->Describe() + " is full (" +
+                           std::to_string(backlogBytes_) +
+                           " bytes); dropping the oldest alerts until it recovers");
         }
         ++droppedInOutage_;
         ++droppedTotal_;
@@ -62,16 +62,15 @@ void AlertSinkWriter::OnFailure(int error) {
     failing_ = true;
     writtenInOutage_ = 0;
     droppedInOutage_ = 0;
-    ReportLog::Error("cannot write alerts to " + sink_->Describe() + ": " + std::strerror(error) +
-                     "; keeping them in memory (up to " + std::to_string(backlogBytes_) +
-                     " bytes) and retrying");
+    HOST_LOG_ERROR("cannot write alerts to " + sink_->Describe() + ": " + std::strerror(error) +
+                   "; keeping them in memory (up to " + std::to_string(backlogBytes_) +
+                   " bytes) and retrying");
 }
 
 void AlertSinkWriter::OnRecovery() {
     failing_ = false;
-    ReportLog::Information("alerts reach " + sink_->Describe() +
-                           " again: " + std::to_string(writtenInOutage_) + " held back written, " +
-                           std::to_string(droppedInOutage_) + " dropped");
+    HOST_LOG_INFO("alerts reach " + sink_->Describe() + " again: " + std::to_string(writtenInOutage_) +
+                  " held back written, " + std::to_string(droppedInOutage_) + " dropped");
 }
 
 }  // namespace Agent

@@ -9,8 +9,8 @@
 #include "AlertFileSink.h"
 #include "AlertLine.h"
 #include "AlertStreamSink.h"
-#include "ReportLog.h"
 #include "framework/DataMessage.h"
+#include "sdk/HostLog.h"
 
 namespace Agent {
 
@@ -61,7 +61,7 @@ int DataReportTask::Init() {
     pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
 
     if (writers_.empty()) {
-        ReportLog::Warning("no alert sink configured: alerts are discarded");
+        HOST_LOG_WARNING("no alert sink configured: alerts are discarded");
     }
     ticker_.Start(retrySeconds_, [this] { RequestRetry(); });
     return Framework::Task::Init();
@@ -74,8 +74,8 @@ void DataReportTask::UnInit() {
     }
     for (auto& writer : writers_) {
         if (!writer->Flush()) {
-            ReportLog::Error(std::to_string(writer->GetBacklogCount()) + " alerts could not be written to " +
-                             writer->Describe() + " before the agent stopped");
+            HOST_LOG_ERROR(std::to_string(writer->GetBacklogCount()) + " alerts could not be written to " +
+                           writer->Describe() + " before the agent stopped");
         }
     }
     UpdateBacklogFlag();
@@ -98,7 +98,7 @@ int DataReportTask::HandleMsg(const Framework::Message* message) {
 void DataReportTask::Write(const Framework::Message& message) {
     const auto* data = dynamic_cast<const Framework::DataMessage*>(&message);
     if (data == nullptr) {
-        ReportLog::Warning("report task ignores message \"" + message.GetName() + "\": not a data message");
+        HOST_LOG_WARNING("report task ignores message \"" + message.GetName() + "\": not a data message");
         return;
     }
     std::string line;
@@ -106,9 +106,9 @@ void DataReportTask::Write(const Framework::Message& message) {
     if (!AlertLine::FromBody(data->GetBody(), line, error)) {
         // Log the first refusal and then one in a thousand, so a faulty sender cannot flood the log.
         if (refused_.fetch_add(1) % 1000 == 0) {
-            ReportLog::Error("report of type \"" + data->GetType() +
-                             "\" dropped, its body is not one JSON document (" + error + "); " +
-                             std::to_string(refused_.load()) + " dropped so far");
+            HOST_LOG_ERROR("report of type \"" + data->GetType() +
+                           "\" dropped, its body is not one JSON document (" + error + "); " +
+                           std::to_string(refused_.load()) + " dropped so far");
         }
         return;
     }

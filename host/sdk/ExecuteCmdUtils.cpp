@@ -11,7 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "SdkLog.h"
+#include "sdk/HostLog.h"
 
 extern char** environ;
 
@@ -128,7 +128,7 @@ int ExecuteCmdUtils::ExecuteCmd(const std::string& command, std::string& output,
     close(fds[1]);
     if (pid < 0) {
         close(fds[0]);
-        LogSdkWarning("cannot run \"" + command + "\" through /bin/sh");
+        HOST_LOG_WARNING("cannot run \"" + command + "\" through /bin/sh");
         return -1;
     }
     const int seconds = timeoutSeconds > 0 ? timeoutSeconds : 1;
@@ -137,7 +137,7 @@ int ExecuteCmdUtils::ExecuteCmd(const std::string& command, std::string& output,
     close(fds[0]);
     int status = 0;
     if (!finishedOutput || !WaitUntil(pid, deadlineMs, status)) {
-        LogSdkWarning("\"" + command + "\" still running after " + std::to_string(seconds) + " s, killed");
+        HOST_LOG_WARNING("\"" + command + "\" still running after " + std::to_string(seconds) + " s, killed");
         kill(-pid, SIGKILL);
         while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
         }

@@ -12,7 +12,7 @@
 #include <mutex>
 #include <vector>
 
-#include "SdkLog.h"
+#include "sdk/HostLog.h"
 
 namespace SDK {
 
@@ -84,7 +84,8 @@ int HttpUtils::Download(const std::string& url, const std::string& targetPath, c
     static CURLcode globalInitResult = CURLE_FAILED_INIT;
     std::call_once(globalInit, [] { globalInitResult = curl_global_init(CURL_GLOBAL_DEFAULT); });
     if (globalInitResult != CURLE_OK) {
-        LogSdkWarning(std::string("download: libcurl init failed: ") + curl_easy_strerror(globalInitResult));
+        HOST_LOG_WARNING(std::string("download: libcurl init failed: ") +
+                         curl_easy_strerror(globalInitResult));
         return -static_cast<int>(globalInitResult);
     }
 
@@ -92,7 +93,7 @@ int HttpUtils::Download(const std::string& url, const std::string& targetPath, c
     struct stat st {};
     if (url.empty() || targetPath.empty() || targetPath.back() == '/' || stat(directory.c_str(), &st) != 0 ||
         !S_ISDIR(st.st_mode)) {
-        LogSdkWarning("download of " + url + ": no target directory for \"" + targetPath + "\"");
+        HOST_LOG_WARNING("download of " + url + ": no target directory for \"" + targetPath + "\"");
         return kLocalError;
     }
     // Beside the target, so that the final rename stays within one file system.
@@ -103,15 +104,15 @@ int HttpUtils::Download(const std::string& url, const std::string& targetPath, c
     name.push_back('\0');
     temp.fd = mkostemp(name.data(), O_CLOEXEC);
     if (temp.fd < 0) {
-        LogSdkWarning("download of " + url + ": cannot create a file in " + directory + ": " +
-                      strerror(errno));
+        HOST_LOG_WARNING("download of " + url + ": cannot create a file in " + directory + ": " +
+                         strerror(errno));
         return kLocalError;
     }
     temp.path = name.data();
 
     std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> curl(curl_easy_init(), &curl_easy_cleanup);
     if (!curl) {
-        LogSdkWarning("download of " + url + ": no libcurl handle");
+        HOST_LOG_WARNING("download of " + url + ": no libcurl handle");
         return -static_cast<int>(CURLE_FAILED_INIT);
     }
     CURL* h = curl.get();
@@ -141,26 +142,26 @@ int HttpUtils::Download(const std::string& url, const std::string& targetPath, c
 
     const CURLcode result = curl_easy_perform(h);
     if (result != CURLE_OK) {
-        LogSdkWarning("download of " + url +
-                      " failed: " + (errorText[0] != '\0' ? errorText : curl_easy_strerror(result)));
+        HOST_LOG_WARNING("download of " + url +
+                         " failed: " + (errorText[0] != '\0' ? errorText : curl_easy_strerror(result)));
         return -static_cast<int>(result);
     }
     long status = 0;
     curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &status);
     if (status != 200) {
-        LogSdkWarning("download of " + url + ": HTTP status " + std::to_string(status) + ", " + targetPath +
-                      " left as it was");
+        HOST_LOG_WARNING("download of " + url + ": HTTP status " + std::to_string(status) + ", " +
+                         targetPath + " left as it was");
         return static_cast<int>(status);
     }
     bool finished = fchmod(temp.fd, 0644) == 0 && fsync(temp.fd) == 0;
     finished = close(temp.fd) == 0 && finished;
     temp.fd = -1;
     if (!finished) {
-        LogSdkWarning("download of " + url + ": cannot finish " + temp.path + ": " + strerror(errno));
+        HOST_LOG_WARNING("download of " + url + ": cannot finish " + temp.path + ": " + strerror(errno));
         return kLocalError;
     }
     if (rename(temp.path.c_str(), targetPath.c_str()) != 0) {
-        LogSdkWarning("download of " + url + ": cannot rename to " + targetPath + ": " + strerror(errno));
+        HOST_LOG_WARNING("download of " + url + ": cannot rename to " + targetPath + ": " + strerror(errno));
         return kLocalError;
     }
     temp.keep = true;
