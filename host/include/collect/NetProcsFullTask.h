@@ -1,11 +1,10 @@
 #pragma once
 
-#include <atomic>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
+#include "collect/TimedSnapshot.h"
 #include "framework/Message.h"
 #include "framework/Task.h"
 
@@ -53,13 +52,10 @@ protected:
     ~NetProcsFullTask() override;
 
 private:
-    void RefreshIfStale();
+    void Collect(NetMap& fresh);
 
-    std::atomic<int> refreshSeconds_;
-    std::mutex mutex_;  // guards snapshot_ and takenAtMs_
-    std::shared_ptr<const NetMap> snapshot_;
-    long long takenAtMs_ = -1;
-    std::mutex refreshMutex_;                     // one refresh at a time; guards the sources
+    TimedSnapshot<NetMap> snapshot_;
+    // Used by one refresh at a time.
     std::unique_ptr<ConnectionSource> source_;    // the faster way
     std::unique_ptr<ConnectionSource> fallback_;  // used once source_ fails
 };

@@ -1,11 +1,10 @@
 #pragma once
 
-#include <atomic>
 #include <map>
 #include <memory>
-#include <mutex>
 
 #include "collect/ProcsMessage.h"
+#include "collect/TimedSnapshot.h"
 #include "framework/Task.h"
 
 namespace Engine {
@@ -35,14 +34,10 @@ protected:
     ~ProcsFullTask() override;
 
 private:
-    void RefreshIfStale();
+    void TakeSnapshot(ProcsMap& fresh);
 
-    std::atomic<int> refreshSeconds_;
-    std::mutex mutex_;  // guards snapshot_ and takenAtMs_
-    std::shared_ptr<const ProcsMap> snapshot_;
-    long long takenAtMs_ = -1;
-    std::mutex refreshMutex_;  // one scan at a time; guards scanner_
-    std::unique_ptr<ProcTableScanner> scanner_;
+    TimedSnapshot<ProcsMap> snapshot_;
+    std::unique_ptr<ProcTableScanner> scanner_;  // used by one snapshot at a time
 };
 
 }  // namespace Engine
