@@ -91,8 +91,6 @@ TEST(PolicyTreeTest, CompositeOwnsAndFindsItsChildren) {
     };
     {
         Framework::CompositePolicy root("root");
-        EXPECT_EQ(Framework::Policy::kDefaultKind, root.GetKind());
-        EXPECT_FALSE(root.IsMarked());
         root.Add(new Leaf("a"));
         root.Add(nullptr);
         root.Add(new Leaf("b"));
