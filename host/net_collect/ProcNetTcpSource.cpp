@@ -1,47 +1,14 @@
 #include "ProcNetTcpSource.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
 
 #include "NetCollectModule.h"
 #include "ProcNetTcpParser.h"
+#include "sdk/FileUtils.h"
 #include "sdk/HostLog.h"
 
 namespace Engine {
-
-namespace {
-
-// 0 or errno.
-int ReadWhole(const std::string& path, std::string& text) {
-    text.clear();
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        return errno;
-    }
-    int error = 0;
-    char chunk[65536];
-    for (;;) {
-        const ssize_t got = ::read(fd, chunk, sizeof chunk);
-        if (got < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            error = errno;
-            break;
-        }
-        if (got == 0) {
-            break;
-        }
-        text.append(chunk, static_cast<size_t>(got));
-    }
-    ::close(fd);
-    return error;
-}
-
-}  // namespace
 
 ProcNetTcpSource::ProcNetTcpSource(const std::string& procRoot) : root_(procRoot) {}
 
@@ -53,7 +20,7 @@ bool ProcNetTcpSource::Collect(NetProcsFullTask::NetMap& out, std::string& error
     } tables[] = {{"/net/tcp", false}, {"/net/tcp6", true}};
     for (const auto& table : tables) {
         const std::string path = root_ + table.file;
-        const int readError = ReadWhole(path, text_);
+        const int readError = SDK::FileUtils::ReadWholeFile(path, text_);
         if (readError != 0) {
             // A kernel without IPv6 has no tcp6; IPv4 is what matters.
             if (table.ipv6 && readError == ENOENT) {

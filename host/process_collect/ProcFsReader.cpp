@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "sdk/FileUtils.h"
+
 namespace Engine {
 
 ProcFsReader::ProcFsReader(const std::string& procRoot) : root_(procRoot) {}
@@ -84,30 +86,7 @@ bool ProcFsReader::Read(int pid, unsigned parts, ProcFsBuffers& buffers) const {
 }
 
 int ProcFsReader::ReadRootFile(const char* name, std::string& out) const {
-    out.clear();
-    const std::string path = root_ + "/" + name;
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        return errno;
-    }
-    char chunk[8192];
-    int error = 0;
-    for (;;) {
-        const ssize_t got = ::read(fd, chunk, sizeof chunk);
-        if (got < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            error = errno;
-            break;
-        }
-        if (got == 0) {
-            break;
-        }
-        out.append(chunk, static_cast<size_t>(got));
-    }
-    ::close(fd);
-    return error;
+    return SDK::FileUtils::ReadWholeFile(root_ + "/" + name, out);
 }
 
 }  // namespace Engine

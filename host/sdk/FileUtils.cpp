@@ -112,4 +112,27 @@ int FileUtils::ReadFile(const std::string& path, std::string& out, long limit) {
     return result;
 }
 
+int FileUtils::ReadWholeFile(const std::string& path, std::string& out) {
+    out.clear();
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return errno;
+    }
+    FdCloser closer{fd};
+    char chunk[65536];  // /proc/net/tcp on a busy host is megabytes: fewer reads
+    for (;;) {
+        const ssize_t got = read(fd, chunk, sizeof chunk);
+        if (got < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return errno;
+        }
+        if (got == 0) {
+            return 0;
+        }
+        out.append(chunk, static_cast<size_t>(got));
+    }
+}
+
 }  // namespace SDK

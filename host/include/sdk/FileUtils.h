@@ -12,6 +12,9 @@ public:
     // The whole file, at most `limit` bytes (limit <= 0: no limit); a larger file is refused.
     // 0 on success.
     static int ReadFile(const std::string& path, std::string& out, long limit);
+    // The whole file, read to its end whatever its stated size (/proc files say 0),
+    // into `out` (cleared first, its capacity kept). 0, or the errno of the failure.
+    static int ReadWholeFile(const std::string& path, std::string& out);
 };
 
 }  // namespace SDK
