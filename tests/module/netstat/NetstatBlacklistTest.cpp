@@ -1,44 +1,25 @@
-#include <Poco/File.h>
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <stdlib.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <cctype>
-#include <fstream>
+#include <filesystem>
 #include <set>
-#include <sstream>
 #include <string>
 
-#include "TestFileServer.h"
+#include "NetstatTestUtil.h"
 #include "feature_detaction/ProcDetNetstat.h"
+#include "module/ModuleTestUtil.h"
 #include "sdk/HttpUtils.h"
 #include "sdk/PathUtils.h"
+#include "support/HttpTestServer.h"
 #include "support/LogCapture.h"
+#include "support/TempDir.h"
 #include "support/TestEngine.h"
 
 namespace {
 
 using Engine::ProcDetNetstat;
-using NetstatTest::Sha256Hex;
-
-long Ip(const char* dotted) {
-    return static_cast<long>(static_cast<uint32_t>(inet_addr(dotted)));
-}
-
-void WriteFile(const std::string& path, const std::string& content) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
-}
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
+using ModuleTest::Sha256Hex;
+using NetstatTest::Ip;
 
 std::string Upper(std::string text) {
     for (char& c : text) {
@@ -50,27 +31,22 @@ std::string Upper(std::string text) {
 class NetstatBlacklistTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char pattern[] = "/tmp/netstat-bip-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        prefix = pattern;
-        Poco::File(prefix + "/conf").createDirectories();
+        std::filesystem::create_directories(prefix + "/conf");
         SDK::PathUtils::SetInstallationPath(prefix + "/");
-        libPath = prefix + "/conf/pupbip.dat";
         ProcDetNetstat::ResetRetryClockForTest();
     }
-    void TearDown() override { Poco::File(prefix).remove(true); }
 
     TestSupport::TestEngine env;
-    NetstatTest::TestFileServer server;
-    std::string prefix;
-    std::string libPath;
+    TestSupport::HttpTestServer server;
+    TestSupport::TempDir dir{"netstat_bip"};
+    const std::string prefix = dir.path();
+    const std::string libPath = prefix + "/conf/pupbip.dat";
 };
 
 TEST_F(NetstatBlacklistTest, AddressFileLinesAndLimits) {
     ProcDetNetstat detector;
-    const std::string file = prefix + "/list.dat";
     const std::string content = " 10.0.0.1 \n\nbad\n10.0.0.2\r\n255.255.255.255\n\t10.0.0.3\t\n";
-    WriteFile(file, content);
+    const std::string file = dir.Write("list.dat", content);
     std::set<long> out = {42};
     ASSERT_TRUE(detector.LoadLib(file, Sha256Hex(content), out));
     EXPECT_EQ(out, (std::set<long>{42, Ip("10.0.0.1"), Ip("10.0.0.2"), Ip("10.0.0.3")}));
@@ -83,18 +59,18 @@ TEST_F(NetstatBlacklistTest, AddressFileLinesAndLimits) {
     EXPECT_FALSE(detector.LoadLib(prefix + "/conf", Sha256Hex(""), out));
     EXPECT_TRUE(out.empty());
 
-    WriteFile(file, "garbage\n\n");
+    dir.Write("list.dat", "garbage\n\n");
     EXPECT_TRUE(detector.LoadLib(file, Sha256Hex("garbage\n\n"), out));
     EXPECT_TRUE(out.empty());
 
     // 10 MiB is the largest file taken.
     std::string big = "10.0.0.4\n";
     big.resize(0xA00000, ' ');
-    WriteFile(file, big);
+    dir.Write("list.dat", big);
     EXPECT_TRUE(detector.LoadLib(file, Sha256Hex(big), out));
     EXPECT_EQ(out, std::set<long>{Ip("10.0.0.4")});
     big.push_back(' ');
-    WriteFile(file, big);
+    dir.Write("list.dat", big);
     out.clear();
     EXPECT_FALSE(detector.LoadLib(file, Sha256Hex(big), out));
     EXPECT_TRUE(out.empty());
@@ -134,14 +110,9 @@ TEST_F(NetstatBlacklistTest, FailedDownloadIsRetriedAtMostEveryFiveMinutes) {
     EXPECT_EQ(server.Requests("/missing.dat"), 2);
 
     // A server that never answers costs one time-out, and the lookup goes on.
-    const int silent = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = inet_addr("127.0.0.1");
-    socklen_t length = sizeof(addr);
-    ASSERT_EQ(bind(silent, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
-    ASSERT_EQ(listen(silent, 4), 0);
-    ASSERT_EQ(getsockname(silent, reinterpret_cast<sockaddr*>(&addr), &length), 0);
+    const int silent = NetstatTest::Listen("127.0.0.1", addr);
+    ASSERT_GE(silent, 0);
     SDK::HttpUtils::GetInstance()->SetTimeouts(2, 2);
     const std::string silentUrl = "http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/bip.dat";
     detector.SetBlackipLib(silentUrl, Sha256Hex("x"));
@@ -149,7 +120,7 @@ TEST_F(NetstatBlacklistTest, FailedDownloadIsRetriedAtMostEveryFiveMinutes) {
     SDK::HttpUtils::GetInstance()->SetTimeouts(10, 120);
     close(silent);
     EXPECT_TRUE(log.Contains("download failed. [" + silentUrl + "]"));
-    EXPECT_FALSE(Poco::File(libPath).exists());
+    EXPECT_FALSE(std::filesystem::exists(libPath));
 }
 
 TEST_F(NetstatBlacklistTest, FileFailingTheDigestIsNeverLoaded) {
@@ -161,7 +132,7 @@ TEST_F(NetstatBlacklistTest, FileFailingTheDigestIsNeverLoaded) {
         EXPECT_FALSE(detector.IsBlackIp(Ip("10.0.0.1")));
         EXPECT_EQ(server.Requests("/bip.dat"), 1);
         // Kept on disk until the next download overwrites it.
-        EXPECT_EQ(ReadFile(libPath), content);
+        EXPECT_EQ(TestSupport::ReadText(libPath), content);
     }
     {
         ProcDetNetstat::ResetRetryClockForTest();
@@ -190,7 +161,7 @@ TEST_F(NetstatBlacklistTest, GoodDownloadIsLoadedOnceAndKept) {
     EXPECT_TRUE(detector.IsBlackIp(Ip("10.0.0.2")));
     EXPECT_EQ(server.Requests("/moved"), 1);
     EXPECT_EQ(server.Requests("/bip.dat"), 1);
-    EXPECT_EQ(ReadFile(libPath), content);
+    EXPECT_EQ(TestSupport::ReadText(libPath), content);
 
     // Loaded for good: no further fetch, not even for a new location and digest.
     ProcDetNetstat::ResetRetryClockForTest();
@@ -205,7 +176,7 @@ TEST_F(NetstatBlacklistTest, GoodDownloadIsLoadedOnceAndKept) {
     fresh.SetBlackipLib(server.Url("/other.dat"), Sha256Hex("other"));
     EXPECT_FALSE(fresh.IsBlackIp(Ip("10.0.0.2")));
     EXPECT_EQ(server.Requests("/other.dat"), 1);
-    EXPECT_EQ(ReadFile(libPath), content);
+    EXPECT_EQ(TestSupport::ReadText(libPath), content);
 }
 
 }  // namespace

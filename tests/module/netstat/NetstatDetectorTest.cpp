@@ -1,33 +1,27 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 #include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "NetstatTestPeer.h"
+#include "NetstatTestUtil.h"
 #include "feature_detaction/ProcDetNetstat.h"
 #include "feature_detaction/ProcDetNetstatTcpLine.h"
+#include "support/ChildProcess.h"
+#include "support/FileText.h"
 #include "support/LogCapture.h"
 #include "support/TestEngine.h"
 
 namespace {
 
 using Engine::ProcDetNetstat;
+using NetstatTest::Ip;
 using Peer = Engine::ProcDetNetstatTestPeer;
-
-long Ip(const char* dotted) {
-    return static_cast<long>(static_cast<uint32_t>(inet_addr(dotted)));
-}
 
 // Real sockets of this process; their inodes stand in for connections of the
 // synthetic table. Sorted by inode.
@@ -56,27 +50,6 @@ public:
 private:
     std::vector<int> fds_;
     std::vector<long> inodes_;
-};
-
-// A child that shares this process's sockets and waits to be killed.
-class ForkedHolder {
-public:
-    ForkedHolder() {
-        pid_ = fork();
-        if (pid_ == 0) {
-            for (;;) {
-                pause();
-            }
-        }
-    }
-    ~ForkedHolder() {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
-    int pid() const { return pid_; }
-
-private:
-    pid_t pid_;
 };
 
 Engine::ProcRecord Proc(int pid) {
@@ -142,11 +115,7 @@ TEST_F(NetstatDetectorTest, BlacklistedConnectionReportsLowestInode) {
     EXPECT_TRUE(v.num.empty());
 
     // A process that is gone is passed over, and the detector goes on.
-    const pid_t gone = fork();
-    if (gone == 0) {
-        _exit(0);
-    }
-    waitpid(gone, nullptr, 0);
+    const pid_t gone = TestSupport::DeadPid();
     detector.SetBlackip({Ip("10.0.0.8")});
     ASSERT_TRUE(detector.Prepare());
     v = Check(detector, gone);
@@ -210,7 +179,10 @@ TEST_F(NetstatDetectorTest, LoginOthersWhenSixTenthsOfLastCyclePeersRepeat) {
 
     // Another pid with the same sockets has no previous set of its own.
     {
-        ForkedHolder child;
+        TestSupport::ChildProcess child([](const std::function<void()>& ready) {
+            ready();
+            pause();
+        });
         watch(10, false);
         v = Check(detector, child.pid());
         EXPECT_EQ(v.flags, 0u);
@@ -231,11 +203,8 @@ TEST_F(NetstatDetectorTest, LoginOthersWhenSixTenthsOfLastCyclePeersRepeat) {
 }
 
 TEST_F(NetstatDetectorTest, ProcNetTcpNotesAddresses) {
-    std::ifstream sample(std::string(CORVANE_SOURCE_DIR) + "/tests/module/netstat/data/proc_net_tcp");
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(sample, line);) {
-        lines.push_back(line);
-    }
+    const std::vector<std::string> lines =
+        TestSupport::ReadLines(CORVANE_SOURCE_DIR "/tests/module/netstat/data/proc_net_tcp");
     ASSERT_EQ(lines.size(), 6u);
     Engine::ProcNetTcpLine parsed;
     EXPECT_FALSE(Engine::ParseProcNetTcpLine(lines[0], parsed));
@@ -264,16 +233,10 @@ TEST_F(NetstatDetectorTest, ProcNetTcpNotesAddresses) {
 }
 
 TEST_F(NetstatDetectorTest, Prepare2FindsARealConnectionOfThisProcess) {
-    const int listener = socket(AF_INET, SOCK_STREAM, 0);
-    const int client = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = inet_addr("127.0.0.2");
-    socklen_t length = sizeof(addr);
-    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
-    ASSERT_EQ(listen(listener, 4), 0);
-    ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &length), 0);
-    ASSERT_EQ(connect(client, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+    sockaddr_in address{};
+    const int listener = NetstatTest::Listen("127.0.0.2", address);
+    const int client = NetstatTest::Connect(address);
+    ASSERT_GE(client, 0);
 
     detector.SetBlackip({Ip("127.0.0.2")});
     ASSERT_TRUE(detector.Prepare2());
@@ -288,7 +251,7 @@ TEST(NetstatWithoutHostTest, NoConnectionTableFlagsNothing) {
     ProcDetNetstat detector;
     detector.SetBlackip({Ip("10.0.0.8")});
     ASSERT_TRUE(detector.Prepare());
-    Verdict v = Check(detector, getpid());
+    const Verdict v = Check(detector, getpid());
     EXPECT_TRUE(v.result);
     EXPECT_EQ(v.flags, 0u);
 }

@@ -1,184 +1,98 @@
-#include <Poco/File.h>
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <fstream>
+#include <filesystem>
 #include <functional>
-#include <sstream>
+#include <memory>
 #include <string>
-#include <thread>
 
-#include "TestFileServer.h"
+#include "NetstatTestUtil.h"
+#include "module/ModuleTestUtil.h"
 #include "support/AgentRunner.h"
+#include "support/ChildProcess.h"
+#include "support/HttpTestServer.h"
 
 namespace {
 
-using NetstatTest::Sha256Hex;
-using TestSupport::AgentRunner;
+using ModuleTest::Sha256Hex;
+using TestSupport::WaitFor;
 
 constexpr long kDeadlineMs = 60000;
-constexpr const char* kBlackIp = "127.0.0.2";
 
-// Only the blacklist finding scores, and alone it reaches the report score.
-std::string DetactionPolicy(const std::string& illegalIps, const std::string& url, const std::string& hash) {
-    return R"({"enabled": true, "content": {"detaction_full_task": {
-        "task_condition": {"start_time": 0, "repeat_interval": 1},
-        "report_score": 3,
-        "score": {"tmp": 0, "hidden": 0, "deleted": 0, "loginothers": 0, "bip": 3, "cpu": 0, "strings": 0},
-        "illegal_ip_list": [)" +
-           illegalIps + R"(],
-        "biplib_url": ")" +
-           url + R"(", "biplib_hash": ")" + hash + R"(",
-        "cpu_usage_warn": 100000, "strings": [], "ignore_filepath": []}}})";
-}
+// A child process connected to a listener on 127.0.0.2, and the agent watching it
+// with a policy where only the blacklist finding scores, and alone reaches the
+// report score.
+class NetstatE2ETest : public ::testing::Test {
+protected:
+    ~NetstatE2ETest() override { close(listener_); }
 
-// A listener on 127.0.0.2 and a child process holding a connection to it.
-class BlacklistedPeer {
-public:
-    BlacklistedPeer() {
-        listener_ = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = inet_addr(kBlackIp);
-        socklen_t length = sizeof(addr);
-        if (bind(listener_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
-            listen(listener_, 4) != 0 ||
-            getsockname(listener_, reinterpret_cast<sockaddr*>(&addr), &length) != 0) {
-            ADD_FAILURE() << "listener on " << kBlackIp;
-            return;
-        }
-        child_ = fork();
-        if (child_ == 0) {
-            const int fd = socket(AF_INET, SOCK_STREAM, 0);
-            if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
-                _exit(1);
-            }
-            for (;;) {
+    void Start(const std::string& name, const std::string& illegalIps, const std::string& url,
+               const std::string& hash) {
+        ASSERT_GE(listener_, 0);
+        peer_ = std::make_unique<TestSupport::ChildProcess>([this](const std::function<void()>& ready) {
+            if (NetstatTest::Connect(address_) >= 0) {
+                ready();
                 pause();
             }
-        }
-        accepted_ = accept(listener_, nullptr, nullptr);
+        });
+        ASSERT_GT(peer_->pid(), 0);
+        agent_ = std::make_unique<TestSupport::AgentRunner>(name);
+        agent_->WritePolicy("10001", "proc_detaction_feature",
+                            R"({"enabled": true, "content": {
+            "detaction_full_task": {"task_condition": {"start_time": 0, "repeat_interval": 1},
+            "report_score": 3, "score": {"tmp": 0, "hidden": 0, "deleted": 0, "loginothers": 0,
+            "bip": 3, "cpu": 0, "strings": 0}, "illegal_ip_list": [)" +
+                                illegalIps + R"(], "biplib_url": ")" + url + R"(", "biplib_hash": ")" + hash +
+                                R"(", "cpu_usage_warn": 100000}}})");
+        ASSERT_TRUE(agent_->Start());
     }
-    ~BlacklistedPeer() {
-        if (child_ > 0) {
-            kill(child_, SIGKILL);
-            waitpid(child_, nullptr, 0);
-        }
-        close(accepted_);
-        close(listener_);
+    std::vector<Json::Value> BipEntries() const {
+        const int pid = peer_->pid();
+        return TestSupport::FindProcessEntries(
+            agent_->ReadAlerts(), "procdet_0001", [pid](const Json::Value& e) {
+                return e["process_pid"].asInt() == pid && (e["rule"].asUInt() & 0x010) != 0;
+            });
     }
-    int pid() const { return child_; }
+    void ExpectBipEntry() const {
+        ASSERT_TRUE(WaitFor([&] { return !BipEntries().empty(); }, kDeadlineMs)) << agent_->ReadLog();
+        EXPECT_EQ(BipEntries().front()["dt_bip"].asString(), "127.0.0.2");
+        EXPECT_EQ(BipEntries().front()["score"].asInt(), 3);
+    }
 
-private:
-    int listener_ = -1;
-    int accepted_ = -1;
-    pid_t child_ = -1;
+    sockaddr_in address_{};
+    int listener_ = NetstatTest::Listen("127.0.0.2", address_);
+    TestSupport::HttpTestServer server_;
+    std::unique_ptr<TestSupport::ChildProcess> peer_;
+    std::unique_ptr<TestSupport::AgentRunner> agent_;
 };
 
-std::vector<Json::Value> BipEntries(const AgentRunner& agent, int pid) {
-    return TestSupport::FindProcessEntries(agent.ReadAlerts(), "procdet_0001", [pid](const Json::Value& e) {
-        return e.get("process_pid", 0).asInt() == pid && (e.get("rule", 0).asUInt() & 0x010) != 0;
-    });
+TEST_F(NetstatE2ETest, PolicyAddressIsReported) {
+    Start("netstat-policy", "\"127.0.0.2\"", "", "");
+    ExpectBipEntry();
 }
 
-bool PollUntil(const std::function<bool()>& done) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kDeadlineMs);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    }
-    return true;
-}
-
-bool WaitForBipEntry(const AgentRunner& agent, int pid, Json::Value& entry) {
-    return PollUntil([&] {
-        const auto entries = BipEntries(agent, pid);
-        if (entries.empty()) {
-            return false;
-        }
-        entry = entries.front();
-        return true;
-    });
-}
-
-size_t Occurrences(const std::string& text, const std::string& needle) {
-    size_t count = 0;
-    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
-        ++count;
-    }
-    return count;
-}
-
-std::string ReadText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-void ExpectBipEntry(const Json::Value& entry) {
-    EXPECT_EQ(entry.get("dt_bip", "").asString(), kBlackIp);
-    EXPECT_EQ(entry.get("score", 0).asInt(), 3);
-}
-
-TEST(NetstatE2ETest, PolicyAddressIsReported) {
-    BlacklistedPeer peer;
-    ASSERT_GT(peer.pid(), 0);
-    AgentRunner agent("netstat-policy");
-    agent.WritePolicy("10001", "proc_detaction_feature", DetactionPolicy("\"127.0.0.2\"", "", ""));
-    ASSERT_TRUE(agent.Start());
-
-    Json::Value entry;
-    ASSERT_TRUE(WaitForBipEntry(agent, peer.pid(), entry)) << agent.ReadLog();
-    ExpectBipEntry(entry);
-}
-
-TEST(NetstatE2ETest, DownloadedAddressFileIsUsed) {
+TEST_F(NetstatE2ETest, DownloadedAddressFileIsUsed) {
     const std::string content = "10.20.30.40\n127.0.0.2\n";
-    NetstatTest::TestFileServer server;
-    server.Serve("/pupbip.dat", content);
-    BlacklistedPeer peer;
-    ASSERT_GT(peer.pid(), 0);
-    AgentRunner agent("netstat-download");
-    agent.WritePolicy("10001", "proc_detaction_feature",
-                      DetactionPolicy("", server.Url("/pupbip.dat"), Sha256Hex(content)));
-    ASSERT_TRUE(agent.Start());
-
-    Json::Value entry;
-    ASSERT_TRUE(WaitForBipEntry(agent, peer.pid(), entry)) << agent.ReadLog();
-    ExpectBipEntry(entry);
-    EXPECT_EQ(ReadText(agent.prefix() + "/conf/pupbip.dat"), content);
-    EXPECT_EQ(server.Requests("/pupbip.dat"), 1);
+    server_.Serve("/pupbip.dat", content);
+    Start("netstat-download", "", server_.Url("/pupbip.dat"), Sha256Hex(content));
+    ExpectBipEntry();
+    EXPECT_EQ(TestSupport::ReadText(agent_->prefix() + "/conf/pupbip.dat"), content);
+    EXPECT_EQ(server_.Requests("/pupbip.dat"), 1);
 }
 
-TEST(NetstatE2ETest, AddressFileWithWrongDigestIsIgnored) {
-    const std::string content = "127.0.0.2\n";
-    NetstatTest::TestFileServer server;
-    server.Serve("/pupbip.dat", content);
-    BlacklistedPeer peer;
-    ASSERT_GT(peer.pid(), 0);
-    AgentRunner agent("netstat-digest");
-    agent.WritePolicy("10001", "proc_detaction_feature",
-                      DetactionPolicy("", server.Url("/pupbip.dat"), Sha256Hex("some other file")));
-    ASSERT_TRUE(agent.Start());
+TEST_F(NetstatE2ETest, AddressFileWithWrongDigestIsIgnored) {
+    server_.Serve("/pupbip.dat", "127.0.0.2\n");
+    Start("netstat-digest", "", server_.Url("/pupbip.dat"), Sha256Hex("some other file"));
 
     // Wait for the download, then for two more full cycles.
-    ASSERT_TRUE(PollUntil([&] { return server.Requests("/pupbip.dat") > 0; })) << agent.ReadLog();
-    const size_t cycles = Occurrences(agent.ReadLog(), "CHECK FINISHED");
-    ASSERT_TRUE(PollUntil([&] { return Occurrences(agent.ReadLog(), "CHECK FINISHED") >= cycles + 2; }));
-    ASSERT_TRUE(agent.IsRunning());
-    EXPECT_TRUE(BipEntries(agent, peer.pid()).empty());
+    ASSERT_TRUE(WaitFor([&] { return server_.Requests("/pupbip.dat") > 0; }, kDeadlineMs))
+        << agent_->ReadLog();
+    ASSERT_TRUE(ModuleTest::WaitForMoreInLog(*agent_, "CHECK FINISHED", 2));
+    ASSERT_TRUE(agent_->IsRunning());
+    EXPECT_TRUE(BipEntries().empty());
     // The file stays on disk for the next download to replace.
-    EXPECT_TRUE(Poco::File(agent.prefix() + "/conf/pupbip.dat").exists());
+    EXPECT_TRUE(std::filesystem::exists(agent_->prefix() + "/conf/pupbip.dat"));
 }
 
 }  // namespace
