@@ -1,6 +1,3 @@
-#include <Poco/DigestEngine.h>
-#include <Poco/File.h>
-#include <Poco/SHA2Engine.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <pwd.h>
@@ -14,39 +11,29 @@
 #include <cerrno>
 #include <chrono>
 #include <fstream>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
-#include "DetRootTestUtil.h"
-#include "support/AgentRunner.h"
+#include "module/ModuleTestUtil.h"
+#include "support/TempDir.h"
 
 namespace {
 
-using DetRootTest::TempDir;
+using ModuleTest::Sha256OfFile;
 using TestSupport::AgentRunner;
+using TestSupport::ReadText;
+using TestSupport::TempDir;
+using Fields = std::vector<std::pair<const char*, std::string>>;
 
 constexpr long kDeadlineMs = 60000;
-constexpr unsigned int kUser = 1000;
+const std::string kUser = "1000";
 
-std::string ReadText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-std::string Sha256OfFile(const std::string& path) {
-    Poco::SHA2Engine sha(Poco::SHA2Engine::SHA_256);
-    sha.update(ReadText(path));
-    return Poco::DigestEngine::digestToHex(sha.digest());
-}
-
-std::string CopyProgram(const std::string& from, const std::string& to, uid_t owner, mode_t mode) {
-    std::ofstream(to, std::ios::binary) << ReadText(from);
-    if (chown(to.c_str(), owner, 0) != 0 || chmod(to.c_str(), mode) != 0) {
+std::string CopyProgram(const std::string& to, mode_t mode) {
+    std::ofstream(to, std::ios::binary) << ReadText(DETROOT_HELPER);
+    if (chown(to.c_str(), 0, 0) != 0 || chmod(to.c_str(), mode) != 0) {
         ADD_FAILURE() << "chown/chmod " << to;
     }
     return to;
@@ -62,12 +49,10 @@ std::string StartTimeOf(int pid) {
     return field;
 }
 
-size_t CountOf(const std::string& text, const std::string& needle) {
-    size_t count = 0;
-    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
-        ++count;
+void ExpectFields(const Json::Value& entry, const Fields& fields) {
+    for (const auto& [key, value] : fields) {
+        EXPECT_EQ(entry[key].asString(), value) << key;
     }
-    return count;
 }
 
 // A process tree run by the helper program in a process group of its own; the
@@ -75,7 +60,7 @@ size_t CountOf(const std::string& text, const std::string& needle) {
 class ProcessTree {
 public:
     ProcessTree(const std::string& tag, const std::string& program, const std::vector<std::string>& steps)
-        : dir_(tag) {
+        : dir_("detroot_" + tag) {
         chmod(dir_.path().c_str(), 0777);  // the tree writes its pid files after dropping root
         args_ = {program, dir_.path()};
         args_.insert(args_.end(), steps.begin(), steps.end());
@@ -101,15 +86,10 @@ public:
 
     // The pid a step wrote under `name`, or -1 after the deadline.
     int WaitPid(const std::string& name) const {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kDeadlineMs);
-        while (std::chrono::steady_clock::now() < deadline) {
-            const std::string text = ReadText(dir_.path() + "/" + name);
-            if (!text.empty()) {
-                return std::stoi(text);
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        return -1;
+        std::string text;
+        TestSupport::WaitFor([&] { return !(text = ReadText(dir_.path() + "/" + name)).empty(); },
+                             kDeadlineMs);
+        return text.empty() ? -1 : std::stoi(text);
     }
     void Trigger(const std::string& name) const { std::ofstream(dir_.path() + "/" + name) << "go\n"; }
     std::string Errors() const { return ReadText(dir_.path() + "/errors"); }
@@ -133,12 +113,14 @@ class DetRootE2E : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         prctl(PR_SET_CHILD_SUBREAPER, 1);
-        programs_ = new TempDir("programs");
-        white_ = new TempDir("white");
-        helper_ = CopyProgram(DETROOT_HELPER, programs_->path() + "/detroot_helper", 0, 0755);
-        ignored_ = CopyProgram(DETROOT_HELPER, programs_->path() + "/detroot_ignored", 0, 0755);
-        capCopy_ = CopyProgram(DETROOT_HELPER, programs_->path() + "/detroot_capcopy", 0, 0755);
-        setuidCopy_ = CopyProgram(DETROOT_HELPER, white_->path() + "/detroot_suid", 0, 04755);
+        programs_ = new TempDir("detroot_programs");
+        white_ = new TempDir("detroot_white");
+        chmod(programs_->path().c_str(), 0755);
+        chmod(white_->path().c_str(), 0755);
+        helper_ = CopyProgram(programs_->path() + "/detroot_helper", 0755);
+        ignored_ = CopyProgram(programs_->path() + "/detroot_ignored", 0755);
+        capCopy_ = CopyProgram(programs_->path() + "/detroot_capcopy", 0755);
+        setuidCopy_ = CopyProgram(white_->path() + "/detroot_suid", 04755);
         fileCapsSet_ = system(("setcap cap_setuid+ep " + capCopy_ + " 2>/dev/null").c_str()) == 0;
 
         agent_ = new AgentRunner("detroot");
@@ -168,28 +150,29 @@ protected:
             agent_->ReadAlerts(), "procdet_0002",
             [pid](const Json::Value& e) { return e["process_pid"].asInt() == pid; });
     }
-    static bool WaitForEntry(int pid, Json::Value* alert) {
-        return agent_->WaitForAlert(
-            [pid](const Json::Value& a) {
-                return a["event_classid"].asString() == "procdet_0002" && a["process_info"].isArray() &&
-                       a["process_info"].size() == 1 && a["process_info"][0]["process_pid"].asInt() == pid;
-            },
-            kDeadlineMs, alert);
+    // Waits for the step `name` of `tree`, lets the fork event of that process reach
+    // the task, then lets it go on (trigger "go"). Returns its pid.
+    static int Release(const ProcessTree& tree, const std::string& name = "B") {
+        const int pid = tree.WaitPid(name);
+        EXPECT_GT(pid, 0) << tree.Errors();
+        std::this_thread::sleep_for(std::chrono::seconds(2));
+        tree.Trigger("go");
+        return pid;
     }
-    // Lets the fork event of a new process reach the task before the process changes.
-    static void SettleFork() { std::this_thread::sleep_for(std::chrono::seconds(2)); }
+    // The alert naming only `pid`; null when none came in time.
+    static Json::Value WaitForAlert(int pid) {
+        Json::Value alert;
+        const bool found = agent_->WaitForAlert(
+            [pid](const Json::Value& a) {
+                return a["event_classid"].asString() == "procdet_0002" && a["process_info"].size() == 1 &&
+                       a["process_info"][0]["process_pid"].asInt() == pid;
+            },
+            kDeadlineMs, &alert);
+        return found ? alert : Json::Value();
+    }
     // Waits until the task has run `cycles` more full checks.
     static void WaitForChecks(size_t cycles) {
-        const size_t seen = CountOf(agent_->ReadLog(), "detroot once check end");
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kDeadlineMs);
-        while (CountOf(agent_->ReadLog(), "detroot once check end") < seen + cycles &&
-               std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        }
-    }
-    static std::string UserName(unsigned int uid) {
-        const passwd* entry = getpwuid(uid);
-        return entry != nullptr ? entry->pw_name : "";
+        ModuleTest::WaitForMoreInLog(*agent_, "detroot once check end", cycles, kDeadlineMs);
     }
 
     static AgentRunner* agent_;
@@ -213,28 +196,24 @@ TEST_F(DetRootE2E, SavedRootRegainedWithCapabilitiesAlarmsOnce) {
                      {"pid:H", "resuid:1000,1000,0", "fork", "pid:B", "waitfile:go", "seteuid:0",
                       "waitfile:again", "seteuid:1000", "seteuid:0"});
     const int h = tree.WaitPid("H");
-    const int b = tree.WaitPid("B");
-    ASSERT_GT(b, 0) << tree.Errors();
-    SettleFork();
-    tree.Trigger("go");
-
-    Json::Value alert;
-    ASSERT_TRUE(WaitForEntry(b, &alert)) << tree.Errors() << agent_->ReadLog();
+    const int b = Release(tree);
+    const Json::Value alert = WaitForAlert(b);
+    ASSERT_FALSE(alert.isNull()) << tree.Errors() << agent_->ReadLog();
     EXPECT_EQ(alert["alarm_type"].asInt(), 5);
-    const Json::Value& e = alert["process_info"][0];
-    EXPECT_EQ(e["process_name"].asString(), "detroot_helper");
-    EXPECT_EQ(e["process_uid"].asUInt(), kUser);
-    EXPECT_EQ(e["process_euid"].asUInt(), 0u);
-    EXPECT_EQ(e["process_path"].asString(), helper_);
-    EXPECT_EQ(e["process_cmdline"].asString(), tree.Cmdline());
-    EXPECT_EQ(e["process_hash"].asString(), Sha256OfFile(helper_));
-    EXPECT_EQ(e["user_name"].asString(), UserName(kUser));
-    EXPECT_EQ(e["parent_process_pid"].asInt(), h);
-    EXPECT_EQ(e["parent_process_name"].asString(), "detroot_helper");
-    EXPECT_EQ(e["parent_process_uid"].asUInt(), kUser);
-    EXPECT_EQ(e["parent_process_euid"].asUInt(), kUser);
-    EXPECT_EQ(e["parent_process_path"].asString(), helper_);
-    EXPECT_EQ(e["parent_process_cmdline"].asString(), tree.Cmdline());
+    const passwd* user = getpwuid(1000);
+    ExpectFields(alert["process_info"][0], {{"process_name", "detroot_helper"},
+                                            {"process_uid", kUser},
+                                            {"process_euid", "0"},
+                                            {"process_path", helper_},
+                                            {"process_cmdline", tree.Cmdline()},
+                                            {"process_hash", Sha256OfFile(helper_)},
+                                            {"user_name", user != nullptr ? user->pw_name : ""},
+                                            {"parent_process_pid", std::to_string(h)},
+                                            {"parent_process_name", "detroot_helper"},
+                                            {"parent_process_uid", kUser},
+                                            {"parent_process_euid", kUser},
+                                            {"parent_process_path", helper_},
+                                            {"parent_process_cmdline", tree.Cmdline()}});
 
     // A second rise of the same process is known already.
     tree.Trigger("again");
@@ -247,16 +226,10 @@ TEST_F(DetRootE2E, SavedRootRegainedWithoutSetuidCapabilityIsEuidAlarm) {
     ProcessTree tree(
         "nocap", helper_,
         {"resuid:1000,1000,0", "capdrop:setuid,setgid", "fork", "pid:B", "waitfile:go", "seteuid:0"});
-    const int b = tree.WaitPid("B");
-    ASSERT_GT(b, 0) << tree.Errors();
-    SettleFork();
-    tree.Trigger("go");
-
-    Json::Value alert;
-    ASSERT_TRUE(WaitForEntry(b, &alert)) << tree.Errors();
+    const Json::Value alert = WaitForAlert(Release(tree));
+    ASSERT_FALSE(alert.isNull()) << tree.Errors();
     EXPECT_EQ(alert["alarm_type"].asInt(), 2);
-    EXPECT_EQ(alert["process_info"][0]["process_euid"].asUInt(), 0u);
-    EXPECT_EQ(alert["process_info"][0]["process_uid"].asUInt(), kUser);
+    ExpectFields(alert["process_info"][0], {{"process_euid", "0"}, {"process_uid", kUser}});
 }
 
 TEST_F(DetRootE2E, FileCapabilityGainedByExecAlarms) {
@@ -265,20 +238,14 @@ TEST_F(DetRootE2E, FileCapabilityGainedByExecAlarms) {
     }
     ProcessTree tree("filecap", helper_,
                      {"resuid:1000,1000,1000", "fork", "pid:B", "waitfile:go", "exec:" + capCopy_, "wait"});
-    const int b = tree.WaitPid("B");
-    ASSERT_GT(b, 0) << tree.Errors();
-    SettleFork();
-    tree.Trigger("go");
-
-    Json::Value alert;
-    ASSERT_TRUE(WaitForEntry(b, &alert)) << tree.Errors();
+    const Json::Value alert = WaitForAlert(Release(tree));
+    ASSERT_FALSE(alert.isNull()) << tree.Errors();
     EXPECT_EQ(alert["alarm_type"].asInt(), 5);
-    const Json::Value& e = alert["process_info"][0];
-    EXPECT_EQ(e["process_path"].asString(), capCopy_);
-    EXPECT_EQ(e["process_name"].asString(), "detroot_capcopy");
-    EXPECT_EQ(e["process_cmdline"].asString(), capCopy_ + " " + tree.dir() + " wait");
-    EXPECT_EQ(e["process_hash"].asString(), Sha256OfFile(capCopy_));
-    EXPECT_EQ(e["process_euid"].asUInt(), kUser);
+    ExpectFields(alert["process_info"][0], {{"process_path", capCopy_},
+                                            {"process_name", "detroot_capcopy"},
+                                            {"process_cmdline", capCopy_ + " " + tree.dir() + " wait"},
+                                            {"process_hash", Sha256OfFile(capCopy_)},
+                                            {"process_euid", kUser}});
 }
 
 TEST_F(DetRootE2E, RootChildOfParentThatDroppedItsUsersAlarms) {
@@ -289,20 +256,14 @@ TEST_F(DetRootE2E, RootChildOfParentThatDroppedItsUsersAlarms) {
                      {"resuid:1000,0,0", "fsuid:1000", "capeff0", "fork", "pid:P", "spawn:C", "waitfile:go",
                       "resuid:1000,1000,1000"});
     const int p = tree.WaitPid("P");
-    const int c = tree.WaitPid("C");
-    ASSERT_GT(c, 0) << tree.Errors();
-    SettleFork();
-    tree.Trigger("go");
-
-    Json::Value alert;
-    ASSERT_TRUE(WaitForEntry(c, &alert)) << tree.Errors();
+    const Json::Value alert = WaitForAlert(Release(tree, "C"));
+    ASSERT_FALSE(alert.isNull()) << tree.Errors();
     EXPECT_EQ(alert["alarm_type"].asInt(), 3);
-    const Json::Value& e = alert["process_info"][0];
-    EXPECT_EQ(e["process_euid"].asUInt(), 0u);
-    EXPECT_EQ(e["parent_process_pid"].asInt(), p);
-    EXPECT_EQ(e["parent_process_uid"].asUInt(), kUser);
-    EXPECT_EQ(e["parent_process_euid"].asUInt(), kUser);
-    EXPECT_EQ(e["parent_process_path"].asString(), helper_);
+    ExpectFields(alert["process_info"][0], {{"process_euid", "0"},
+                                            {"parent_process_pid", std::to_string(p)},
+                                            {"parent_process_uid", kUser},
+                                            {"parent_process_euid", kUser},
+                                            {"parent_process_path", helper_}});
     // P itself lowered its privileges: nothing to report about it.
     EXPECT_TRUE(EntriesFor(p).empty());
 }
@@ -311,25 +272,15 @@ TEST_F(DetRootE2E, WhiteListedAndIgnoredProgramsRaiseNothing) {
     ProcessTree suid(
         "suid", helper_,
         {"resuid:1000,1000,1000", "fork", "pid:B", "waitfile:go", "exec:" + setuidCopy_, "wait"});
-    ProcessTree ignored("ignored", ignored_,
-                        {"resuid:1000,1000,0", "fork", "pid:B", "waitfile:go", "seteuid:0"});
-    const int suidPid = suid.WaitPid("B");
-    const int ignoredPid = ignored.WaitPid("B");
-    ASSERT_GT(suidPid, 0) << suid.Errors();
-    ASSERT_GT(ignoredPid, 0) << ignored.Errors();
-    SettleFork();
-    suid.Trigger("go");
-    ignored.Trigger("go");
+    const std::vector<std::string> rise = {"resuid:1000,1000,0", "fork", "pid:B", "waitfile:go", "seteuid:0"};
+    ProcessTree ignored("ignored", ignored_, rise);
+    const int suidPid = Release(suid);
+    const int ignoredPid = Release(ignored);
 
     // The same rise by a program that is neither listed nor ignored is reported; once it
     // is, and two more checks have passed, the others have had their chance too.
-    ProcessTree control("control", helper_,
-                        {"resuid:1000,1000,0", "fork", "pid:B", "waitfile:go", "seteuid:0"});
-    const int controlPid = control.WaitPid("B");
-    ASSERT_GT(controlPid, 0) << control.Errors();
-    SettleFork();
-    control.Trigger("go");
-    ASSERT_TRUE(WaitForEntry(controlPid, nullptr)) << control.Errors();
+    ProcessTree control("control", helper_, rise);
+    ASSERT_FALSE(WaitForAlert(Release(control)).isNull()) << control.Errors();
     WaitForChecks(2);
 
     // Both did rise to effective root; they are simply not reported.
@@ -337,11 +288,9 @@ TEST_F(DetRootE2E, WhiteListedAndIgnoredProgramsRaiseNothing) {
         EXPECT_NE(ReadText("/proc/" + std::to_string(pid) + "/status").find("Uid:\t1000\t0\t0\t0"),
                   std::string::npos)
             << pid;
+        EXPECT_TRUE(EntriesFor(pid).empty()) << pid;
     }
-    EXPECT_TRUE(EntriesFor(suidPid).empty()) << suid.Errors();
-    EXPECT_TRUE(EntriesFor(ignoredPid).empty()) << ignored.Errors();
-    EXPECT_TRUE(suid.Errors().empty()) << suid.Errors();
-    EXPECT_TRUE(ignored.Errors().empty()) << ignored.Errors();
+    EXPECT_EQ(suid.Errors() + ignored.Errors(), "");
 }
 
 }  // namespace

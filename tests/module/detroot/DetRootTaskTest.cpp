@@ -1,6 +1,3 @@
-#include <Poco/DigestEngine.h>
-#include <Poco/File.h>
-#include <Poco/SHA2Engine.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <stdlib.h>
@@ -14,7 +11,6 @@
 #include "feature_detroot/ProcDetRootFullTask.h"
 #include "feature_detroot/ProcDetRootFullTaskPolicy.h"
 #include "feature_detroot/ProcDetRootPolicy.h"
-#include "framework/Module.h"
 #include "sdk/JsonUtils.h"
 #include "support/TestEngine.h"
 
@@ -59,13 +55,13 @@ protected:
     TestSupport::TestEngine engine_;
     TestSupport::LogCapture log_{"proc_det_module"};
     FakeProcRoot proc_;
-    TempDir bin_{"bin"};
+    TestSupport::TempDir bin_{"detroot_bin"};
     ProcDetRootFullTask* task_ = new ProcDetRootFullTask();
     size_t alarms_ = 0;
 };
 
 TEST_F(DetRootTaskTest, SetIdMarkSpreadsDownRootTreeAndIdentityDropClearsIt) {
-    const std::string suidProgram = bin_.MakeFile("suidprog", 0, 0, 04755);
+    const std::string suidProgram = MakeFile(bin_, "suidprog", 0, 0, 04755);
     task_->AddWhiteList(bin_.path());
 
     // 100 runs a white-listed set-uid program as root; 200 and 300 descend from it.
@@ -156,14 +152,13 @@ TEST_F(DetRootTaskTest, ForkRecordsFollowParentStatus) {
 }
 
 TEST_F(DetRootTaskTest, InitCopiesPoliciesAndBuildsWhiteList) {
-    const std::string in = bin_.MakeFile("in_suid", 0, 0, 04755);
-    const std::string inGroup = bin_.MakeFile("in_sgid", 1000, 0, 02755);
-    bin_.MakeFile("out_no_other_exec", 0, 0, 04750);
-    bin_.MakeFile("out_user_owned", 1000, 0, 04755);
-    bin_.MakeFile("out_group_not_root", 0, 1000, 02755);
-    bin_.MakeFile("out_plain", 0, 0, 0755);
-    Poco::File(bin_.path() + "/sub").createDirectories();
-    const std::string nested = bin_.MakeFile("sub/nested_suid", 0, 0, 04755);
+    const std::string in = MakeFile(bin_, "in_suid", 0, 0, 04755);
+    const std::string inGroup = MakeFile(bin_, "in_sgid", 1000, 0, 02755);
+    MakeFile(bin_, "out_no_other_exec", 0, 0, 04750);
+    MakeFile(bin_, "out_user_owned", 1000, 0, 04755);
+    MakeFile(bin_, "out_group_not_root", 0, 1000, 02755);
+    MakeFile(bin_, "out_plain", 0, 0, 0755);
+    const std::string nested = MakeFile(bin_, "sub/nested_suid", 0, 0, 04755);
 
     auto* feature = new Engine::ProcDetRootPolicy("proc_detroot_feature");
     ASSERT_TRUE(feature->Parse(R"({"enabled": true, "content": {"ignore_process_d": ["/opt/ignored"],
@@ -198,8 +193,8 @@ TEST_F(DetRootTaskTest, InitCopiesPoliciesAndBuildsWhiteList) {
 }
 
 TEST_F(DetRootTaskTest, SelfCheckAlarmTypesAndSkips) {
-    const std::string suidProgram = bin_.MakeFile("suidprog", 0, 0, 04755);
-    const std::string sgidProgram = bin_.MakeFile("sgidprog", 0, 0, 02755);
+    const std::string suidProgram = MakeFile(bin_, "suidprog", 0, 0, 04755);
+    const std::string sgidProgram = MakeFile(bin_, "sgidprog", 0, 0, 02755);
     const ProcInfoPtr parent = Proc(10, 1, "/opt/shell", 100);
     int64_t start = 1000;
     // Each case is a new process, so the once-per-process rule does not hide it.
@@ -247,10 +242,10 @@ TEST_F(DetRootTaskTest, SelfCheckAlarmTypesAndSkips) {
 }
 
 TEST_F(DetRootTaskTest, ChildCheckAlarmTypesAndSkips) {
-    const std::string suidProgram = bin_.MakeFile("suidprog", 0, 0, 04755);
-    const std::string sgidProgram = bin_.MakeFile("sgidprog", 0, 0, 02755);
-    TempDir white("white");
-    const std::string whiteProgram = white.MakeFile("helper", 0, 0, 04755);
+    const std::string suidProgram = MakeFile(bin_, "suidprog", 0, 0, 04755);
+    const std::string sgidProgram = MakeFile(bin_, "sgidprog", 0, 0, 02755);
+    TestSupport::TempDir white("detroot_white");
+    const std::string whiteProgram = MakeFile(white, "helper", 0, 0, 04755);
     task_->AddWhiteList(white.path());
 
     ProcInfoPtr parent = Proc(50, 1, "/opt/parent", 500);
@@ -341,8 +336,8 @@ TEST_F(DetRootTaskTest, ChildCheckAlarmTypesAndSkips) {
 }
 
 TEST_F(DetRootTaskTest, FullCheckSelectsProcessesAndReportsEachIdentityOnce) {
-    TempDir white("white");
-    const std::string whiteProgram = white.MakeFile("helper", 0, 0, 04755);
+    TestSupport::TempDir white("detroot_white");
+    const std::string whiteProgram = MakeFile(white, "helper", 0, 0, 04755);
     task_->AddWhiteList(white.path());
 
     task_->CheckProcess();  // empty table: nothing to do
@@ -410,11 +405,7 @@ TEST_F(DetRootTaskTest, FullCheckSelectsProcessesAndReportsEachIdentityOnce) {
 }
 
 TEST_F(DetRootTaskTest, AlertCarriesHeaderProcessAndParentFacts) {
-    const std::string content = "detroot test program\n";
-    const std::string program = bin_.MakeFile("prog", 0, 0, 0755, content);
-    Poco::SHA2Engine sha(Poco::SHA2Engine::SHA_256);
-    sha.update(content);
-    const std::string expectedHash = Poco::DigestEngine::digestToHex(sha.digest());
+    const std::string program = MakeFile(bin_, "prog", 0, 0, 0755);
 
     ProcInfoPtr process = Proc(77, 66, program, 7700);
     process->uid = 0;
@@ -459,51 +450,13 @@ TEST_F(DetRootTaskTest, AlertCarriesHeaderProcessAndParentFacts) {
         {"parent_process_uid", "1001"}, {"parent_process_euid", "1002"}, {"parent_process_gid", "1003"},
         {"parent_process_egid", "1004"}, {"parent_process_path", "/opt/parent"},
         {"parent_process_cmdline", "/opt/parent --run"}, {"host_name", ""}, {"login_time", "0"},
-        {"user_name", "root"}, {"process_hash", expectedHash}};
+        {"user_name", "root"}};
     // clang-format on
     for (const auto& [key, value] : fields) {
         EXPECT_EQ(entry[key].asString(), value) << key;
     }
     EXPECT_TRUE(log_.Contains("detroot alarm:"));
     EXPECT_TRUE(log_.Contains("replicate message by 7700" + program));
-}
-
-// The task as the host runs it: subscribed events reach it on its own thread, the
-// periodic check reports, and a stop request ends Run.
-TEST_F(DetRootTaskTest, RegisteredTaskFollowsEventsAndStopsWhenCancelled) {
-    auto* feature = new Engine::ProcDetRootPolicy("proc_detroot_feature");
-    ASSERT_TRUE(feature->Parse(R"({"enabled": true, "content": {"ignore_process_d": [],
-        "detroot_full_task": {"task_condition": {"repeat_interval": 1}}}})"));
-    auto* taskPolicy = static_cast<Framework::TaskPolicy*>(feature->FindChild("detroot_full_task"));
-    task_->AttachFeaturePolicy(feature);
-    task_->AttachTaskPolicy(taskPolicy);
-    task_->SetTaskCondition(taskPolicy->GetCondition());
-
-    const ProcInfoPtr shell = Proc(10, 1, "/opt/shell", 100);
-    proc_.Write(10, 1000, 0);
-    const ProcInfoPtr forked = ChildOf(shell, 11, "/opt/escalated", 110);
-    proc_.Write(11, 1000, 0, 10);
-    ProcInfoPtr now = Copy(forked);
-    now->euid = 0;
-
-    Framework::Module module("detroot_test_module");
-    task_->SetTaskEnabled(true);
-    ASSERT_EQ(module.RegisterTask(task_, false), 0);
-    ASSERT_TRUE(engine_.real().WaitForSubscriptions(Engine::PROCS_EVENT_FORK, 1, 30000));
-    ASSERT_TRUE(engine_.real().WaitForSubscriptions(Engine::PROCS_EVENT_UID, 1, 30000));
-    EXPECT_EQ(engine_.real().Emit(11, Engine::PROCS_EVENT_FORK, forked), 1);
-    engine_.procs().SetTable({{10, shell}, {11, now}});
-
-    ASSERT_TRUE(engine_.report().WaitForCount(1, 30000));
-    EXPECT_EQ(Alerts().at(0)["alarm_type"].asInt(), 2);
-    EXPECT_TRUE(log_.Contains("detroot1 inTime 0, repeatInterval 1"));
-
-    // Returns only once the task's thread has left Run.
-    module.UnRegisterTask("detroot_full_task");
-    EXPECT_TRUE(task_->GetWhiteList().empty());
-    task_->AttachTaskPolicy(nullptr);
-    task_->AttachFeaturePolicy(nullptr);
-    delete feature;
 }
 
 }  // namespace

@@ -1,11 +1,10 @@
 #pragma once
 
-#include <Poco/File.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <stdexcept>
@@ -13,6 +12,7 @@
 
 #include "collect/ProcsMessage.h"
 #include "sdk/ProcessUtils.h"
+#include "support/TempDir.h"
 
 namespace DetRootTest {
 
@@ -20,51 +20,27 @@ using ProcInfoPtr = std::shared_ptr<Engine::ProcsMessage::procInfo>;
 
 constexpr uint64_t kAllCaps = 0x1fffeffffffULL;
 
-// A directory removed with everything in it when the object goes.
-class TempDir {
-public:
-    explicit TempDir(const std::string& tag) {
-        std::string pattern = "/tmp/detroot-" + tag + "-XXXXXX";
-        if (mkdtemp(pattern.data()) == nullptr) {
-            throw std::runtime_error("mkdtemp " + pattern);
-        }
-        path_ = pattern;
-        chmod(path_.c_str(), 0755);
+// A small file `name` in `dir` with the given owner and mode; returns its path.
+inline std::string MakeFile(const TestSupport::TempDir& dir, const std::string& name, uid_t owner,
+                            gid_t group, mode_t mode, const std::string& content = "#!/bin/sh\n") {
+    const std::string file = dir.Write(name, content);
+    if (chown(file.c_str(), owner, group) != 0 || chmod(file.c_str(), mode) != 0) {
+        throw std::runtime_error("chown/chmod " + file);
     }
-    ~TempDir() {
-        try {
-            Poco::File(path_).remove(true);
-        } catch (...) {
-        }
-    }
-    const std::string& path() const { return path_; }
-
-    // A small file at `name` with the given owner and mode; returns its path.
-    std::string MakeFile(const std::string& name, uid_t owner, gid_t group, mode_t mode,
-                         const std::string& content = "#!/bin/sh\n") const {
-        const std::string file = path_ + "/" + name;
-        std::ofstream(file) << content;
-        if (chown(file.c_str(), owner, group) != 0 || chmod(file.c_str(), mode) != 0) {
-            throw std::runtime_error("chown/chmod " + file);
-        }
-        return file;
-    }
-
-private:
-    std::string path_;
-};
+    return file;
+}
 
 // A fake /proc holding only the processes a test writes, so the task's reads of
 // parent status and liveness see exactly what the test says.
 class FakeProcRoot {
 public:
-    FakeProcRoot() : dir_("proc") { SDK::ProcessUtils::SetProcRoot(dir_.path()); }
+    FakeProcRoot() { SDK::ProcessUtils::SetProcRoot(dir_.path()); }
     ~FakeProcRoot() { SDK::ProcessUtils::SetProcRoot("/proc"); }
 
     // A live process with the given filesystem user and effective capability set.
     void Write(int pid, unsigned int fsuid, uint64_t capEff, int ppid = 1) const {
         const std::string dir = dir_.path() + "/" + std::to_string(pid);
-        Poco::File(dir).createDirectories();
+        std::filesystem::create_directories(dir);
         std::ofstream(dir + "/status")
             << "Name:\tproc" << pid << "\nPPid:\t" << ppid << "\nUid:\t" << fsuid << "\t" << fsuid << "\t"
             << fsuid << "\t" << fsuid << "\nGid:\t0\t0\t0\t0\n"
@@ -72,10 +48,10 @@ public:
         std::ofstream(dir + "/stat") << pid << " (proc" << pid << ") S " << ppid
                                      << " 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 100 0 0\n";
     }
-    void Remove(int pid) const { Poco::File(dir_.path() + "/" + std::to_string(pid)).remove(true); }
+    void Remove(int pid) const { std::filesystem::remove_all(dir_.path() + "/" + std::to_string(pid)); }
 
 private:
-    TempDir dir_;
+    TestSupport::TempDir dir_{"detroot_proc"};
 };
 
 // A process record; identities 1000 and no capabilities unless changed.

@@ -13,7 +13,6 @@
 //   fork            the child goes on with the remaining steps; the parent waits
 //   spawn:NAME      the child writes DIR/NAME and waits; the parent goes on
 //   waitfile:NAME   wait until DIR/NAME exists
-//   sleep:MS        sleep
 //   exec:PATH       exec PATH with DIR and the remaining steps
 //   wait            wait until killed (also what happens after the last step)
 #include <linux/capability.h>
@@ -143,8 +142,6 @@ int main(int argc, char** argv) {
             while (stat((g_dir + "/" + arg).c_str(), &info) != 0) {
                 usleep(50 * 1000);
             }
-        } else if (verb == "sleep") {
-            usleep(static_cast<useconds_t>(Numbers(step, arg).at(0) * 1000));
         } else if (verb == "exec") {
             std::vector<char*> args = {const_cast<char*>(arg.c_str()), argv[1]};
             for (int j = i + 1; j < argc; ++j) {
