@@ -3,6 +3,7 @@
 #include <Poco/DigestEngine.h>
 #include <Poco/SHA2Engine.h>
 
+#include <filesystem>
 #include <string>
 
 #include "support/AgentRunner.h"
@@ -21,6 +22,12 @@ inline std::string Sha256Hex(const std::string& data) {
 
 inline std::string Sha256OfFile(const std::string& path) {
     return Sha256Hex(TestSupport::ReadText(path));
+}
+
+// The resolved path ("" when it cannot be resolved).
+inline std::string RealPath(const std::string& path) {
+    std::error_code error;
+    return std::filesystem::canonical(path, error).string();
 }
 
 inline size_t CountOf(const std::string& text, const std::string& needle) {

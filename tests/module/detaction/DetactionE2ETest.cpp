@@ -5,11 +5,14 @@
 #include <filesystem>
 #include <regex>
 
-#include "ChildProcess.h"
-#include "support/AgentRunner.h"
+#include "module/ModuleTestUtil.h"
+#include "support/ChildProcess.h"
+#include "support/TempDir.h"
 
-using namespace DetactionTest;
+using ModuleTest::RealPath;
 using TestSupport::AgentRunner;
+using TestSupport::WaitFor;
+using Child = TestSupport::ChildProcess;
 
 namespace {
 
@@ -28,15 +31,12 @@ std::string Policy(const std::string& score, int cpuWarn, const std::string& ign
            ignored + R"("]}}})";
 }
 
-// A copy of /bin/sleep under /tmp, removed with the object.
-struct TmpProgram {
-    explicit TmpProgram(const std::string& tag)
-        : path("/tmp/detaction-e2e-" + tag + "-" + std::to_string(getpid())) {
-        std::filesystem::copy_file("/bin/sleep", path, std::filesystem::copy_options::overwrite_existing);
-    }
-    ~TmpProgram() { std::filesystem::remove(path); }
-    std::string path;
-};
+// A copy of /bin/sleep under /tmp.
+std::string CopySleep(const TestSupport::TempDir& dir, const std::string& name) {
+    const std::string path = dir.path() + "/" + name;
+    std::filesystem::copy_file("/bin/sleep", path);
+    return path;
+}
 
 std::vector<Json::Value> EntriesFor(const AgentRunner& agent, int pid) {
     return TestSupport::FindProcessEntries(
@@ -51,39 +51,30 @@ Json::Value WaitForEntry(const AgentRunner& agent, int pid) {
     return entries.empty() ? Json::Value() : entries.front();
 }
 
-size_t CountCycles(const AgentRunner& agent) {
-    const std::string log = agent.ReadLog();
-    size_t count = 0;
-    for (size_t pos = log.find("ProcDetActionFullTask run"); pos != std::string::npos;
-         pos = log.find("ProcDetActionFullTask run", pos + 1)) {
-        ++count;
-    }
-    return count;
-}
-
 TEST(DetactionE2ETest, TmpAndDeletedProgramsAreReportedOnceAndIgnoredPathsNever) {
-    TmpProgram program("tmp");
-    TmpProgram deleted("deleted");
-    TmpProgram ignored("ignored");
+    const TestSupport::TempDir dir("detaction");
+    const std::string program = CopySleep(dir, "tmp");
+    const std::string deleted = CopySleep(dir, "deleted");
+    const std::string ignored = CopySleep(dir, "ignored");
     AgentRunner agent("detaction");
     agent.WritePolicy("10001", "proc_detaction_feature",
-                      Policy(R"({"tmp": 3, "hidden": 1, "deleted": 1, "cpu": 0})", 1000000, ignored.path));
-    Child child({program.path, "300"});
-    Child ignoredChild({ignored.path, "300"});
-    Child deletedChild({deleted.path, "300"});
+                      Policy(R"({"tmp": 3, "hidden": 1, "deleted": 1, "cpu": 0})", 1000000, ignored));
+    Child child({program, "300"});
+    Child ignoredChild({ignored, "300"});
+    Child deletedChild({deleted, "300"});
     // Deleted before the agent starts, so no cycle sees the file still in place.
-    const std::string deletedHash = Sha256Sum(deleted.path);
-    ASSERT_TRUE(WaitFor(
-        [&] { return RealPath("/proc/" + std::to_string(deletedChild.pid()) + "/exe") == deleted.path; }));
-    std::filesystem::remove(deleted.path);
+    const std::string deletedHash = ModuleTest::Sha256OfFile(deleted);
+    ASSERT_TRUE(
+        WaitFor([&] { return RealPath("/proc/" + std::to_string(deletedChild.pid()) + "/exe") == deleted; }));
+    std::filesystem::remove(deleted);
     ASSERT_TRUE(agent.Start());
 
     Json::Value entry = WaitForEntry(agent, child.pid());
     ASSERT_FALSE(entry.isNull()) << agent.ReadLog();
-    EXPECT_EQ(entry["process_path"].asString(), program.path);
-    EXPECT_EQ(entry["process_hash"].asString(), Sha256Sum(program.path));
+    EXPECT_EQ(entry["process_path"].asString(), program);
+    EXPECT_EQ(entry["process_hash"].asString(), ModuleTest::Sha256OfFile(program));
     EXPECT_EQ(entry["mode"].asUInt(), 0755u);
-    EXPECT_EQ(entry["process_cmdline"].asString(), program.path + " 300");
+    EXPECT_EQ(entry["process_cmdline"].asString(), program + " 300");
     EXPECT_EQ(entry["parent_process_pid"].asInt(), getpid());
     EXPECT_EQ(entry["parent_process_path"].asString(), RealPath("/proc/self/exe"));
     EXPECT_EQ(entry["rule"].asInt(), kProcTmp);
@@ -98,15 +89,10 @@ TEST(DetactionE2ETest, TmpAndDeletedProgramsAreReportedOnceAndIgnoredPathsNever)
 
     // Over the next cycles the unchanged findings are not sent again.
     const size_t sentBefore = EntriesFor(agent, child.pid()).size();
-    const size_t cycles = CountCycles(agent);
-    ASSERT_TRUE(WaitFor([&] { return CountCycles(agent) >= cycles + 4; }, kTimeoutMs));
-    EXPECT_EQ(agent.ReadLog().find("DetectNEW RESULT " + std::to_string(ignoredChild.pid()) + " "),
-              std::string::npos);
+    ASSERT_TRUE(ModuleTest::WaitForMoreInLog(agent, "ProcDetActionFullTask run", 4, kTimeoutMs));
     const std::string log = agent.ReadLog();
-    const std::string firstResult = "DetectNEW RESULT " + std::to_string(child.pid()) + " ";
-    const size_t firstAt = log.find(firstResult);
-    ASSERT_NE(firstAt, std::string::npos);
-    EXPECT_EQ(log.find(firstResult, firstAt + 1), std::string::npos);
+    EXPECT_EQ(ModuleTest::CountOf(log, "DetectNEW RESULT " + std::to_string(ignoredChild.pid()) + " "), 0u);
+    EXPECT_EQ(ModuleTest::CountOf(log, "DetectNEW RESULT " + std::to_string(child.pid()) + " "), 1u);
     EXPECT_LT(EntriesFor(agent, child.pid()).size(), sentBefore + 4);
     EXPECT_TRUE(EntriesFor(agent, ignoredChild.pid()).empty());
     agent.Stop();
@@ -115,22 +101,14 @@ TEST(DetactionE2ETest, TmpAndDeletedProgramsAreReportedOnceAndIgnoredPathsNever)
 TEST(DetactionE2ETest, BusyProcessIsFlaggedHighCpu) {
     AgentRunner agent("detaction-cpu");
     agent.WritePolicy("10001", "proc_detaction_feature", Policy(R"({"tmp": 0, "cpu": 3})", 3000, "/none"));
-    const pid_t busy = fork();
-    ASSERT_GE(busy, 0);
-    if (busy == 0) {
+    const Child busy([](const std::function<void()>& ready) {
+        ready();
         for (volatile unsigned long spin = 0;; spin = spin + 1) {
         }
-    }
-    struct Reaper {
-        pid_t pid;
-        ~Reaper() {
-            kill(pid, SIGKILL);
-            waitpid(pid, nullptr, 0);
-        }
-    } reaper{busy};
+    });
     ASSERT_TRUE(agent.Start());
 
-    const Json::Value entry = WaitForEntry(agent, busy);
+    const Json::Value entry = WaitForEntry(agent, busy.pid());
     ASSERT_FALSE(entry.isNull()) << agent.ReadLog();
     EXPECT_EQ(entry["rule"].asInt() & kHighCpu, kHighCpu);
     // The usage travels as dotted text, its low byte first.

@@ -1,16 +1,30 @@
 #pragma once
 
+#include <ctime>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "ChildProcess.h"
 #include "feature_detaction/ProcDetActionFullTask.h"
 #include "feature_detaction/ProcDetActionFullTaskPolicy.h"
 #include "feature_detaction/ProcDetBase.h"
+#include "module/ModuleTestUtil.h"
+#include "support/ChildProcess.h"
 
 namespace DetactionTest {
+
+using Child = TestSupport::ChildProcess;
+using ModuleTest::RealPath;
+using TestSupport::DeadPid;
+using TestSupport::WaitFor;
+
+// Results are stamped per second; waits until the next second begins so two
+// cycles get different stamps.
+inline void WaitNextSecond() {
+    const time_t start = time(nullptr);
+    WaitFor([&] { return time(nullptr) != start; });
+}
 
 // A detector driven by the test: `check` decides, every call is traced.
 class FakeDetector : public Engine::ProcDetBase {

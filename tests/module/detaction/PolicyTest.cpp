@@ -21,7 +21,6 @@ const char* kFullSection = R"({
 
 TEST(PolicyTest, TaskSectionParsesEveryKeyAndStopsAtMissingSections) {
     ProcDetActionFullTaskPolicy policy("detaction_full_task");
-    EXPECT_EQ(policy.GetKind(), 180);
     ASSERT_TRUE(policy.Parse(kFullSection));
     EXPECT_EQ(policy.GetCondition().GetTaskCondition().repeatInterval, 7);
     EXPECT_EQ(policy.GetReportScore(), 5);
@@ -65,7 +64,6 @@ TEST(PolicyTest, TaskSectionParsesEveryKeyAndStopsAtMissingSections) {
 
 TEST(PolicyTest, FeaturePolicyBuildsTheTaskChild) {
     ProcDetActionPolicy disabled("proc_detaction_feature");
-    EXPECT_EQ(disabled.GetKind(), 180);
     EXPECT_FALSE(disabled.IsMarked());
     EXPECT_TRUE(disabled.Parse(R"({"enabled": false, "content": {"detaction_full_task": {}}})"));
     EXPECT_EQ(disabled.GetChildCount(), 0u);
@@ -83,7 +81,6 @@ TEST(PolicyTest, FeaturePolicyBuildsTheTaskChild) {
     ASSERT_EQ(partial.GetChildCount(), 1u);
     auto* child = dynamic_cast<ProcDetActionFullTaskPolicy*>(partial.FindChild("detaction_full_task"));
     ASSERT_NE(child, nullptr);
-    EXPECT_EQ(child->GetKind(), 180);
     EXPECT_EQ(child->GetReportScore(), 3);
 }
 
