@@ -18,7 +18,6 @@ using Engine::ProcDetStrings;
 using Engine::ProcDetStringsPeer;
 using StringsTest::Elf;
 using StringsTest::TempDir;
-using StringsTest::WriteFile;
 
 constexpr long kNoLimit = 1L << 30;
 
@@ -39,8 +38,7 @@ protected:
 };
 
 TEST_F(StringsCacheTest, UnchangedFilesHitTheCacheChangedOnesAreReadAgain) {
-    const std::string path = dir.File("prog");
-    WriteFile(path, Elf("\nxbbx\naa\n"));
+    const std::string path = dir.Write("prog", Elf("\nxbbx\naa\n"));
     std::string result;
     ASSERT_TRUE(Match(path, result));
     EXPECT_EQ(result, "aa,bb");
@@ -49,13 +47,13 @@ TEST_F(StringsCacheTest, UnchangedFilesHitTheCacheChangedOnesAreReadAgain) {
     EXPECT_EQ(log.Count("CHECK file " + path + " str match 2"), 1u);
 
     // Same size, new content: the cached result stands.
-    WriteFile(path, Elf("\nxxxx\nzz\n"));
+    dir.Write("prog", Elf("\nxxxx\nzz\n"));
     ASSERT_TRUE(Match(path, result));
     EXPECT_EQ(result, "aa,bb");
 
     // Another size: read at every call, the entry keeping its first size.
     const long firstSize = static_cast<long>(Elf("\nxbbx\naa\n").size());
-    WriteFile(path, Elf("\nzz\n"));
+    dir.Write("prog", Elf("\nzz\n"));
     ASSERT_TRUE(Match(path, result));
     EXPECT_EQ(result, "zz");
     ASSERT_TRUE(Match(path, result));
@@ -63,23 +61,20 @@ TEST_F(StringsCacheTest, UnchangedFilesHitTheCacheChangedOnesAreReadAgain) {
     EXPECT_EQ(ProcDetStringsPeer::Cache(detector).at(path).fileSize, firstSize);
 
     // Files that fail selection or cannot be read leave no result.
-    const std::string text = dir.File("text");
-    WriteFile(text, "aa\n");
+    const std::string text = dir.Write("text", "aa\n");
     EXPECT_FALSE(Match(text, result));
     EXPECT_EQ(ProcDetStringsPeer::Cache(detector).count(text), 0u);
 }
 
 TEST_F(StringsCacheTest, AFullCacheRefusesNewFilesButStillHits) {
-    const std::string cached = dir.File("cached");
-    WriteFile(cached, Elf("\naa\n"));
+    const std::string cached = dir.Write("cached", Elf("\naa\n"));
     std::string result;
     ASSERT_TRUE(Match(cached, result));
     auto& cache = ProcDetStringsPeer::Cache(detector);
     for (int i = 1; i < 200; ++i) {
         cache["/dummy/" + std::to_string(i)];
     }
-    const std::string fresh = dir.File("fresh");
-    WriteFile(fresh, Elf("\nbb\n"));
+    const std::string fresh = dir.Write("fresh", Elf("\nbb\n"));
     EXPECT_FALSE(Match(fresh, result));
     EXPECT_TRUE(log.Contains("strings cache is too match. 200"));
     EXPECT_EQ(cache.size(), 200u);
@@ -151,8 +146,7 @@ TEST_F(StringsCacheTest, CheckProcessSearchesTheExecutableThenMappedFiles) {
     char libraryPath[4097] = {0};
     ASSERT_NE(realpath(STRINGS_KEYWORD_LIBRARY, libraryPath), nullptr);
 
-    const std::string exe = dir.File("prog");
-    WriteFile(exe, Elf("\nbb\naa\n"));
+    const std::string exe = dir.Write("prog", Elf("\nbb\naa\n"));
     Engine::NumDetails numDetails;
     Engine::StrDetails strDetails;
 
@@ -175,8 +169,7 @@ TEST_F(StringsCacheTest, CheckProcessSearchesTheExecutableThenMappedFiles) {
     // Nothing in the executable: the first mapped file with a hit is named. The
     // keyword is one that only the test library holds.
     detector.Init({LibraryKeyword()}, kNoLimit, 0x20, StringsTest::ModuleLogger());
-    const std::string plain = dir.File("plain");
-    WriteFile(plain, Elf("\nnothing\n"));
+    const std::string plain = dir.Write("plain", Elf("\nnothing\n"));
     flags = 0x20;
     strDetails.clear();
     EXPECT_TRUE(detector.CheckProcess(Record(getpid(), plain), flags, numDetails, strDetails));
@@ -205,9 +198,9 @@ TEST_F(StringsCacheTest, CheckProcessSearchesTheExecutableThenMappedFiles) {
     // An executable that cannot be stat'ed or is over the limit ends the examination.
     log.Clear();
     flags = 0x20;
-    EXPECT_TRUE(detector.CheckProcess(Record(getpid(), dir.File("gone")), flags, numDetails, strDetails));
+    EXPECT_TRUE(detector.CheckProcess(Record(getpid(), dir.path() + "/gone"), flags, numDetails, strDetails));
     EXPECT_EQ(flags, 0x20u);
-    EXPECT_TRUE(log.Contains("get stat of [" + dir.File("gone") + "] failed."));
+    EXPECT_TRUE(log.Contains("get stat of [" + dir.path() + "/gone" + "] failed."));
     EXPECT_FALSE(log.Contains("try to check SOFILE"));
     detector.Init({"aa"}, 10, 0x20, StringsTest::ModuleLogger());
     EXPECT_TRUE(detector.CheckProcess(Record(getpid(), exe), flags, numDetails, strDetails));

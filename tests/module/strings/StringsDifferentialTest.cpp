@@ -1,19 +1,18 @@
-#include <dirent.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <random>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "StringsTestSupport.h"
 #include "sdk/InnerCpuCtrlUtils.h"
+#include "support/FileText.h"
 
 // The detector's keyword search against a plain reference: split the bytes the
 // reader takes into runs of graphic bytes, and look for every keyword in every
@@ -176,7 +175,7 @@ private:
 };
 
 TEST_F(StringsDifferentialTest, SyntheticFilesMatchTheReferenceScan) {
-    TempDir dir(Scratch());
+    TempDir dir("strings", Scratch());
     Generator generate(20240611);
     for (int round = 0; round < 3000; ++round) {
         std::string data = generate.Content(generate.OneIn(4) ? generate.Below(40000) : generate.Below(9000));
@@ -192,28 +191,23 @@ TEST_F(StringsDifferentialTest, SyntheticFilesMatchTheReferenceScan) {
     }
 }
 
+// ELF programs of 4 KiB to 4 MiB in /usr/bin, in name order.
 std::vector<std::string> ElfBinaries() {
     std::vector<std::string> paths;
-    DIR* bin = opendir("/usr/bin");
-    if (bin == nullptr) {
-        return paths;
-    }
-    while (dirent* entry = readdir(bin)) {
-        const std::string path = std::string("/usr/bin/") + entry->d_name;
-        struct stat st;
-        if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < 4096 ||
-            st.st_size > (4 << 20)) {
-            continue;
-        }
-        std::ifstream in(path, std::ios::binary);
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/usr/bin", error)) {
+        const std::string path = entry.path().string();
+        const auto size =
+            std::filesystem::is_regular_file(path, error) ? std::filesystem::file_size(path, error) : 0;
         char magic[4] = {0};
-        if (in.read(magic, 4) && std::string(magic, 4) ==
-                                     "\x7f"
-                                     "ELF") {
+        std::ifstream(path, std::ios::binary).read(magic, 4);
+        if (size >= 4096 && size <= (4u << 20) &&
+            std::string(magic, 4) ==
+                "\x7f"
+                "ELF") {
             paths.push_back(path);
         }
     }
-    closedir(bin);
     std::sort(paths.begin(), paths.end());
     return paths;
 }
@@ -221,13 +215,11 @@ std::vector<std::string> ElfBinaries() {
 TEST_F(StringsDifferentialTest, RealBinariesWithPlantedKeywordsMatchTheReferenceScan) {
     const std::vector<std::string> binaries = ElfBinaries();
     ASSERT_FALSE(binaries.empty());
-    TempDir dir(Scratch());
+    TempDir dir("strings", Scratch());
     Generator generate(7);
     for (int round = 0; round < 400; ++round) {
-        std::ifstream in(binaries[generate.Below(binaries.size())], std::ios::binary);
-        std::ostringstream content;
-        content << in.rdbuf();
-        std::string data = content.str().substr(0, 64 * 1024 + generate.Below(256 * 1024));
+        std::string data = TestSupport::ReadText(binaries[generate.Below(binaries.size())])
+                               .substr(0, 64 * 1024 + generate.Below(256 * 1024));
 
         const std::set<std::string> keywords = generate.Keywords(data);
         for (const std::string& keyword : keywords) {

@@ -14,7 +14,6 @@ namespace {
 using Engine::ProcDetStrings;
 using StringsTest::Elf;
 using StringsTest::TempDir;
-using StringsTest::WriteFile;
 
 TEST(StringsFilesTest, NeedToCheckSelectsRegularElfFilesWithinTheLimit) {
     TempDir dir;
@@ -23,19 +22,15 @@ TEST(StringsFilesTest, NeedToCheckSelectsRegularElfFilesWithinTheLimit) {
     const long limit = 1000;
     detector.Init({"x"}, limit, 0x20, StringsTest::ModuleLogger());
 
-    const std::string exact = dir.File("exact");
-    WriteFile(exact, Elf(std::string(limit - Elf("").size(), 'a')));
-    const std::string over = dir.File("over");
-    WriteFile(over, Elf(std::string(limit + 1 - Elf("").size(), 'a')));
-    const std::string text = dir.File("text");
-    WriteFile(text, "#!/bin/sh\necho hello\n");
-    const std::string tiny = dir.File("tiny");
-    WriteFile(tiny,
-              "\x7f"
-              "ELF");
-    const std::string link = dir.File("link");
+    const std::string exact = dir.Write("exact", Elf(std::string(limit - Elf("").size(), 'a')));
+    const std::string over = dir.Write("over", Elf(std::string(limit + 1 - Elf("").size(), 'a')));
+    const std::string text = dir.Write("text", "#!/bin/sh\necho hello\n");
+    const std::string tiny = dir.Write("tiny",
+                                       "\x7f"
+                                       "ELF");
+    const std::string link = dir.path() + "/link";
     ASSERT_EQ(symlink(exact.c_str(), link.c_str()), 0);
-    const std::string fifo = dir.File("fifo");
+    const std::string fifo = dir.path() + "/fifo";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
 
     long size = -1;
@@ -53,8 +48,8 @@ TEST(StringsFilesTest, NeedToCheckSelectsRegularElfFilesWithinTheLimit) {
         EXPECT_FALSE(detector.NeedToCheck(path, size));
         EXPECT_TRUE(log.Contains(path + " is not regular file"));
     }
-    EXPECT_FALSE(detector.NeedToCheck(dir.File("missing"), size));
-    EXPECT_TRUE(log.Contains("get stat of [" + dir.File("missing") + "] failed."));
+    EXPECT_FALSE(detector.NeedToCheck(dir.path() + "/missing", size));
+    EXPECT_TRUE(log.Contains("get stat of [" + dir.path() + "/missing" + "] failed."));
 
     // A file the type test has passed but that is swapped for a FIFO is refused
     // rather than blocking the reader.

@@ -70,8 +70,7 @@ TEST(StringsScanTest, ReadingStopsAtTheLimitPlusOneChunkOrWhenAllAreFound) {
 
     // Where the reader leaves the stream: one chunk when everything is found at once,
     // two chunks for a limit of 5000.
-    const std::string path = dir.File("pos.bin");
-    StringsTest::WriteFile(path, data);
+    const std::string path = dir.Write("pos.bin", data);
     auto consumed = [&](const std::set<std::string>& words, long limit) {
         ProcDetStrings detector;
         detector.Init(words, limit, 0x20, nullptr);
@@ -96,8 +95,7 @@ TEST(StringsScanTest, OverlongKeywordsAreRefusedOthersKept) {
     ProcDetStrings detector;
     detector.Init({"abc", overlong}, kNoLimit, 0x20, StringsTest::ModuleLogger());
     EXPECT_EQ(log.Count("keyword longer than 4096 bytes ignored"), 1u);
-    const std::string path = dir.File("long.bin");
-    StringsTest::WriteFile(path, data);
+    const std::string path = dir.Write("long.bin", data);
     const bool running = true;
     std::set<std::string> matched;
     ASSERT_TRUE(detector.Strings(path, running, matched));
