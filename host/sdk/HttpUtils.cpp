@@ -1,6 +1,5 @@
 #include "sdk/HttpUtils.h"
 
-#include <curl/curl.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,6 +11,7 @@
 #include <mutex>
 #include <vector>
 
+#include "CurlLibrary.h"
 #include "sdk/HostLog.h"
 
 namespace SDK {
@@ -80,13 +80,11 @@ void HttpUtils::SetTimeouts(long connectSeconds, long totalSeconds) {
 
 int HttpUtils::Download(const std::string& url, const std::string& targetPath, const std::string& proxy,
                         const std::string& caFile, const std::string& userAgent) {
-    static std::once_flag globalInit;
-    static CURLcode globalInitResult = CURLE_FAILED_INIT;
-    std::call_once(globalInit, [] { globalInitResult = curl_global_init(CURL_GLOBAL_DEFAULT); });
-    if (globalInitResult != CURLE_OK) {
-        HOST_LOG_WARNING(std::string("download: libcurl init failed: ") +
-                         curl_easy_strerror(globalInitResult));
-        return -static_cast<int>(globalInitResult);
+    std::string loadError;
+    const CurlLibrary* curlLib = CurlLibrary::Get(loadError);
+    if (curlLib == nullptr) {
+        HOST_LOG_WARNING("download of " + url + ": " + loadError);
+        return kLocalError;
     }
 
     const std::string directory = DirectoryOf(targetPath);
@@ -110,44 +108,44 @@ int HttpUtils::Download(const std::string& url, const std::string& targetPath, c
     }
     temp.path = name.data();
 
-    std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> curl(curl_easy_init(), &curl_easy_cleanup);
+    std::unique_ptr<CURL, void (*)(CURL*)> curl(curlLib->easy_init(), curlLib->easy_cleanup);
     if (!curl) {
         HOST_LOG_WARNING("download of " + url + ": no libcurl handle");
         return -static_cast<int>(CURLE_FAILED_INIT);
     }
     CURL* h = curl.get();
     char errorText[CURL_ERROR_SIZE] = "";
-    curl_easy_setopt(h, CURLOPT_ERRORBUFFER, errorText);
-    curl_easy_setopt(h, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, &WriteToFd);
-    curl_easy_setopt(h, CURLOPT_WRITEDATA, &temp.fd);
-    curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(h, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 1L);
-    curl_easy_setopt(h, CURLOPT_MAXREDIRS, kMaxRedirects);
-    curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 1L);
-    curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 2L);
-    curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT, connectTimeout_);
-    curl_easy_setopt(h, CURLOPT_TIMEOUT, totalTimeout_);
-    curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);  // signals and task threads do not mix
-    curl_easy_setopt(h, CURLOPT_USERAGENT, userAgent.empty() ? "corvane-agent" : userAgent.c_str());
+    curlLib->easy_setopt(h, CURLOPT_ERRORBUFFER, errorText);
+    curlLib->easy_setopt(h, CURLOPT_URL, url.c_str());
+    curlLib->easy_setopt(h, CURLOPT_WRITEFUNCTION, &WriteToFd);
+    curlLib->easy_setopt(h, CURLOPT_WRITEDATA, &temp.fd);
+    curlLib->easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
+    curlLib->easy_setopt(h, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    curlLib->easy_setopt(h, CURLOPT_FOLLOWLOCATION, 1L);
+    curlLib->easy_setopt(h, CURLOPT_MAXREDIRS, kMaxRedirects);
+    curlLib->easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 1L);
+    curlLib->easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 2L);
+    curlLib->easy_setopt(h, CURLOPT_CONNECTTIMEOUT, connectTimeout_);
+    curlLib->easy_setopt(h, CURLOPT_TIMEOUT, totalTimeout_);
+    curlLib->easy_setopt(h, CURLOPT_NOSIGNAL, 1L);  // signals and task threads do not mix
+    curlLib->easy_setopt(h, CURLOPT_USERAGENT, userAgent.empty() ? "corvane-agent" : userAgent.c_str());
     if (!caFile.empty()) {
-        curl_easy_setopt(h, CURLOPT_CAINFO, caFile.c_str());
+        curlLib->easy_setopt(h, CURLOPT_CAINFO, caFile.c_str());
     }
     if (!proxy.empty()) {
         // Set explicitly, it wins over all proxy variables of the environment, no_proxy included.
-        curl_easy_setopt(h, CURLOPT_PROXY, proxy.c_str());
-        curl_easy_setopt(h, CURLOPT_NOPROXY, "");
+        curlLib->easy_setopt(h, CURLOPT_PROXY, proxy.c_str());
+        curlLib->easy_setopt(h, CURLOPT_NOPROXY, "");
     }
 
-    const CURLcode result = curl_easy_perform(h);
+    const CURLcode result = curlLib->easy_perform(h);
     if (result != CURLE_OK) {
         HOST_LOG_WARNING("download of " + url +
-                         " failed: " + (errorText[0] != '\0' ? errorText : curl_easy_strerror(result)));
+                         " failed: " + (errorText[0] != '\0' ? errorText : curlLib->easy_strerror(result)));
         return -static_cast<int>(result);
     }
     long status = 0;
-    curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &status);
+    curlLib->easy_getinfo(h, CURLINFO_RESPONSE_CODE, &status);
     if (status != 200) {
         HOST_LOG_WARNING("download of " + url + ": HTTP status " + std::to_string(status) + ", " +
                          targetPath + " left as it was");
