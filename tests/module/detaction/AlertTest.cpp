@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <ctime>
-#include <filesystem>
 
 #include "DetactionTestUtil.h"
 #include "sdk/JsonUtils.h"
@@ -80,21 +79,6 @@ TEST_F(AlertTest, AlertCarriesEveryFieldOfALiveProcess) {
     expected["dt_conn_sum"] = "5.0.0.0";
     expected["dt_strings"] = "xmrig,randomx";
     ExpectMembers(alert["process_info"][0], expected);
-}
-
-TEST_F(AlertTest, DeletedExecutableIsReadThroughProcLink) {
-    const std::string copy = "/tmp/detaction-alert-" + std::to_string(getpid());
-    std::filesystem::copy_file("/bin/sleep", copy, std::filesystem::copy_options::overwrite_existing);
-    const std::string hash = ModuleTest::Sha256OfFile(copy);
-    Child child({copy, "30"});
-    std::filesystem::remove(copy);
-
-    task->DetActionNotify({{child.pid(), Info(copy + " (deleted)", Engine::PROC_DELETED)}}, nullptr);
-    ASSERT_EQ(env.report().GetCount(), 1u);
-    const Json::Value item = LastAlert()["process_info"][0];
-    EXPECT_EQ(item["process_path"].asString(), "/proc/" + std::to_string(child.pid()) + "/exe");
-    EXPECT_EQ(item["process_hash"].asString(), hash);
-    EXPECT_EQ(item["mode"].asUInt(), 0755u);
 }
 
 TEST_F(AlertTest, NothingIsSentBelowTheScoreOrForDeadProcesses) {
