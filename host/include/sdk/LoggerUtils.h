@@ -9,10 +9,11 @@ namespace SDK {
 
 // Logging settings of the agent.
 struct LogSettings {
-    std::string level = "information";  // a Poco level name: error, warning, notice, information, debug, trace
-    std::string target = "file";        // "file" (rotating, under `directory`) or "stderr"
-    std::string directory;              // for "file": the prefix's log/ when empty
-    std::string rotateSize = "10 M";    // Poco FileChannel rotation
+    std::string level =
+        "information";                // a Poco level name: error, warning, notice, information, debug, trace
+    std::string target = "file";      // "file" (rotating, under `directory`) or "stderr"
+    std::string directory;            // for "file": the prefix's log/ when empty
+    std::string rotateSize = "10 M";  // Poco FileChannel rotation
     int keepFiles = 5;
 };
 
