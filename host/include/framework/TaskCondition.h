@@ -25,8 +25,8 @@ public:
     };
 
     struct Record {
-        int64_t startTime = 0;       // seconds since the epoch; 0: at once
-        int64_t repeatInterval = 60; // seconds
+        int64_t startTime = 0;        // seconds since the epoch; 0: at once
+        int64_t repeatInterval = 60;  // seconds
     };
 
     TaskCondition() = default;

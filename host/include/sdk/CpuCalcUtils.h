@@ -17,9 +17,9 @@ public:
 
 private:
     int pid_ = -1;
-    long long startTicks_ = -1;     // identity of the process against pid reuse
+    long long startTicks_ = -1;  // identity of the process against pid reuse
     unsigned long long lastCpuTicks_ = 0;
-    long long lastWallMs_ = -1;     // CLOCK_MONOTONIC ms at the previous sample
+    long long lastWallMs_ = -1;  // CLOCK_MONOTONIC ms at the previous sample
 };
 
 }  // namespace SDK

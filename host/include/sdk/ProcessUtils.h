@@ -14,11 +14,11 @@ public:
     // Identities and capabilities from /proc/PID/status. The identity fields start
     // at 0xFFFFFFFF (unknown) and the capability sets at 0 before they are read.
     struct procStatus {
-        unsigned int uid = 0xFFFFFFFFu;    // Uid: real, effective, saved, filesystem
+        unsigned int uid = 0xFFFFFFFFu;  // Uid: real, effective, saved, filesystem
         unsigned int euid = 0xFFFFFFFFu;
         unsigned int suid = 0xFFFFFFFFu;
         unsigned int fsuid = 0xFFFFFFFFu;
-        unsigned int gid = 0xFFFFFFFFu;    // Gid: real, effective, saved, filesystem
+        unsigned int gid = 0xFFFFFFFFu;  // Gid: real, effective, saved, filesystem
         unsigned int egid = 0xFFFFFFFFu;
         unsigned int sgid = 0xFFFFFFFFu;
         unsigned int fsgid = 0xFFFFFFFFu;
@@ -32,9 +32,9 @@ public:
     // The login session of a process (see GetSessionInfo for where it comes from).
     struct SessionInfo {
         std::string user;
-        std::string host;      // remote host, empty for a local login
+        std::string host;  // remote host, empty for a local login
         std::string terminal;
-        long loginTime = 0;    // seconds since the epoch
+        long loginTime = 0;  // seconds since the epoch
     };
 
     // The /proc root ("/proc" unless changed; tests point it at a fake tree).
@@ -48,7 +48,8 @@ public:
     static int GetProcessExePath(unsigned int pid, std::string& out);
     // From /proc/PID/stat; each output may be null. startTime is in clock ticks
     // since boot, name is the comm field. 0 on success.
-    static int GetProcessStatInfo(int pid, int* ppid, long* startTime, std::string* name, char* state = nullptr);
+    static int GetProcessStatInfo(int pid, int* ppid, long* startTime, std::string* name,
+                                  char* state = nullptr);
     // Inodes of the process's sockets (links "socket:[N]" in /proc/PID/fd). 0 on success.
     static int GetProcessSocketFd(int pid, std::set<long>& inodes);
     // 0 on success.
