@@ -131,6 +131,11 @@ bool ProcDetNetstat::CheckProcess(ProcRecord proc, unsigned int& flags, NumDetai
     if (!proc) {
         return true;
     }
+    // With no blacklisted and no watched connection on the host, no socket of any
+    // process can match: skip listing its descriptors, the costliest read of a cycle.
+    if (blackInodes.empty() && watchedInodes.empty()) {
+        return true;
+    }
     const int pid = proc->pid;
     std::set<long> inodes;
     if (SDK::ProcessUtils::GetProcessSocketFd(pid, inodes) != 0) {
