@@ -1,7 +1,11 @@
 #include "sdk/CpuCalcUtils.h"
 
+#include <fcntl.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <string>
 
 #include "ProcParsers.h"
 #include "sdk/FileUtils.h"
@@ -25,12 +29,24 @@ long long TicksPerSecond() {
     return hz > 0 ? hz : 100;
 }
 
+// One read into a stack buffer: this runs for every process of every detection
+// cycle, and a stat line is far below a page.
 bool ReadProcStat(int pid, ProcStat& stat) {
-    std::string text;
-    return pid > 0 &&
-           FileUtils::ReadFile(ProcessUtils::GetProcRoot() + "/" + std::to_string(pid) + "/stat", text,
-                               64 * 1024) == 0 &&
-           ParseStatText(text, stat);
+    if (pid <= 0) {
+        return false;
+    }
+    const std::string path = ProcessUtils::GetProcRoot() + "/" + std::to_string(pid) + "/stat";
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    char buffer[4096];
+    ssize_t got = 0;
+    do {
+        got = read(fd, buffer, sizeof buffer);
+    } while (got < 0 && errno == EINTR);
+    close(fd);
+    return got > 0 && ParseStatText(std::string(buffer, static_cast<size_t>(got)), stat);
 }
 
 // 10000 per CPU fully used: cpuMs of CPU time over wallMs of wall time.
