@@ -12,6 +12,7 @@
 
 #include "collect/ProcsMessage.h"
 #include "sdk/ProcessUtils.h"
+#include "support/FakeProcsFullTask.h"
 #include "support/TempDir.h"
 
 namespace DetRootTest {
@@ -56,14 +57,7 @@ private:
 
 // A process record; identities 1000 and no capabilities unless changed.
 inline ProcInfoPtr Proc(int pid, int ppid, const std::string& exePath, int64_t startTime) {
-    auto record = std::make_shared<Engine::ProcsMessage::procInfo>();
-    record->pid = pid;
-    record->ppid = ppid;
-    record->uid = record->euid = record->suid = 1000;
-    record->gid = record->egid = record->sgid = 1000;
-    record->exePath = exePath;
-    const size_t slash = exePath.rfind('/');
-    record->name = slash == std::string::npos ? exePath : exePath.substr(slash + 1);
+    auto record = TestSupport::MakeProc(pid, exePath, ppid);
     record->cmdline = exePath + " --run";
     record->startTime = startTime;
     record->startTimeSec = static_cast<int64_t>(time(nullptr)) - 10;
