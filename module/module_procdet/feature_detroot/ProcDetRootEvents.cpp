@@ -4,22 +4,14 @@
 
 namespace Engine {
 
-namespace {
-
-constexpr unsigned int kUnknownId = 0xFFFFFFFFu;
-
-}  // namespace
-
 void ProcDetRootFullTask::ProcsMessageAction(int pid, unsigned int flag, ProcInfoPtr record) {
     if (!record) {
         return;
     }
     PROCDET_PACE_CPU(kTaskName);
     if (flag == PROCS_EVENT_UID) {
-        // Only a change to non-root real and effective users is a drop; a record that
-        // could not be read (unknown identities) proves nothing either way.
-        if (record->uid == 0 || record->euid == 0 || record->uid == kUnknownId ||
-            record->euid == kUnknownId) {
+        // Only a change to non-root real and effective users is a drop.
+        if (record->uid == 0 || record->euid == 0) {
             return;
         }
         PROCDET_DEBUG(logger_, "recvdetroot uid pid %d, uid %u", pid, record->uid);

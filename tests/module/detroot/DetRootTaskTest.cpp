@@ -86,22 +86,22 @@ TEST_F(DetRootTaskTest, SetIdMarkSpreadsDownRootTreeAndIdentityDropClearsIt) {
     EXPECT_FALSE(task_->IsBornRoot(Proc(400, 300, "/opt/leaf", 4000)));
     EXPECT_EQ(task_->GetForkRecordCount(), 1u);
 
-    // Ignored identity events: a root user id, another start time, unreadable identities.
+    // Ignored identity events: a root user id, another start time.
     ProcInfoPtr event = Copy(c300);
     event->uid = 0;
     UidChange(event);
     event = Copy(c300);
     event->startTime = 3001;
     UidChange(event);
-    event = Copy(c300);
-    event->uid = event->euid = 0xFFFFFFFFu;
-    UidChange(event);
     EXPECT_TRUE(task_->IsSuidRoot(300, "/opt/worker", 3000));
     EXPECT_TRUE(task_->IsBornRoot(c300));
 
-    // A real drop of 300 (which forked without capabilities) clears both marks.
-    UidChange(c300);
-    EXPECT_TRUE(log_.Contains("recvdetroot uid pid 300, uid 1000"));
+    // A drop of 300 (which forked without capabilities) clears both marks; unreadable
+    // identities (4294967295) are non-root like any other.
+    event = Copy(c300);
+    event->uid = event->euid = 0xFFFFFFFFu;
+    UidChange(event);
+    EXPECT_TRUE(log_.Contains("recvdetroot uid pid 300, uid 4294967295"));
     EXPECT_FALSE(task_->IsSuidRoot(300, "/opt/worker", 3000));
     EXPECT_FALSE(task_->IsBornRoot(c300));
 
