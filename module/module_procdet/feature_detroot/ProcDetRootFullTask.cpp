@@ -161,26 +161,16 @@ void ProcDetRootFullTask::UpdateRootProcInfo() {
     }
 }
 
-// Fork records of exited processes are never read again (a new process under the
-// same pid brings its own fork event), so they go to keep the map bounded.
-void ProcDetRootFullTask::PruneForkedProcs() {
-    for (auto it = forkedProcs_.begin(); it != forkedProcs_.end();) {
-        if (SDK::ProcessUtils::IsProcessAlive(static_cast<unsigned int>(it->first))) {
-            ++it;
-        } else {
-            it = forkedProcs_.erase(it);
-        }
-    }
-}
-
 bool ProcDetRootFullTask::IsSuidDescendant(int pid, int64_t startTime) const {
     const auto it = rootProcs_.find(pid);
     return it != rootProcs_.end() && it->second.startTime == startTime && it->second.suidDescendant;
 }
 
 void ProcDetRootFullTask::CheckProcess() {
+    // Fork records are kept until the task goes: a pid reused by a process whose own
+    // fork event was missed still meets its predecessor's record, and the self check
+    // tells the two apart by start time.
     UpdateRootProcInfo();
-    PruneForkedProcs();
 
     ProcsFullTask::ProcsMap procs;
     Framework::Engine* engine = Framework::Engine::Instance();
