@@ -11,6 +11,13 @@
 
 namespace Engine {
 
+namespace {
+
+// Log lines and CPU governor calls name the class, not this file.
+constexpr const char* kProcDetSource = "module/module_procdet/feature_detaction/ProcDetActionFullTask";
+
+}  // namespace
+
 ProcDetActionFullTask::ProcDetActionFullTask()
     : Framework::Task(kDetActionTaskName, kDetActionFeatureName, Framework::TaskCondition::TASK_TYPE_PERIODIC,
                       0) {}

@@ -13,6 +13,13 @@ namespace Engine {
 
 namespace {
 
+// Log lines and CPU governor calls name the class, not this file.
+constexpr const char* kProcDetSource = "module/module_procdet/feature_detaction/ProcDetStrings";
+
+}  // namespace
+
+namespace {
+
 constexpr const char* kTaskName = "detaction_full_task";
 constexpr int kTestsPerPace = 11;
 

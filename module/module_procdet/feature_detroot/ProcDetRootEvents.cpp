@@ -4,6 +4,13 @@
 
 namespace Engine {
 
+namespace {
+
+// Log lines and CPU governor calls name the class, not this file.
+constexpr const char* kProcDetSource = "module/module_procdet/feature_detroot/ProcDetRootFullTask";
+
+}  // namespace
+
 void ProcDetRootFullTask::ProcsMessageAction(int pid, unsigned int flag, ProcInfoPtr record) {
     if (!record) {
         return;

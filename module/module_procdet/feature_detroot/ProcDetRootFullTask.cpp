@@ -20,6 +20,13 @@ namespace Engine {
 
 namespace {
 
+// Log lines and CPU governor calls name the class, not this file.
+constexpr const char* kProcDetSource = "module/module_procdet/feature_detroot/ProcDetRootFullTask";
+
+}  // namespace
+
+namespace {
+
 constexpr int kMessageBatch = 1024;
 constexpr long kLoopSleepMs = 500;
 constexpr unsigned long kPathOutputLimit = 4096;

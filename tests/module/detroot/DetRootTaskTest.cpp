@@ -102,6 +102,9 @@ TEST_F(DetRootTaskTest, SetIdMarkSpreadsDownRootTreeAndIdentityDropClearsIt) {
     event->uid = event->euid = 0xFFFFFFFFu;
     UidChange(event);
     EXPECT_TRUE(log_.Contains("recvdetroot uid pid 300, uid 4294967295"));
+    for (const auto& line : log_.GetLines()) {
+        EXPECT_EQ(line.file, "ProcDetRootFullTask") << line.text;  // the class, whichever file logs
+    }
     EXPECT_FALSE(task_->IsSuidRoot(300, "/opt/worker", 3000));
     EXPECT_FALSE(task_->IsBornRoot(c300));
 
