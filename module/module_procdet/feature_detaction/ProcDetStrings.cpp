@@ -59,17 +59,8 @@ void ProcDetStrings::Init(const std::set<std::string>& newKeywords, long newMaxF
     }
 
     matcher.Build(keywords);
-    size_t longest = 0;
-    for (const std::string& keyword : keywords) {
-        longest = std::max(longest, keyword.size());
-    }
-    testsUpTo.assign(longest + 1, 0);
-    for (const std::string& keyword : keywords) {
-        ++testsUpTo[keyword.size()];
-    }
-    for (size_t n = 1; n < testsUpTo.size(); ++n) {
-        testsUpTo[n] += testsUpTo[n - 1];
-    }
+    selected.assign(keywords.size(), 0);
+    found.assign(keywords.size(), 0);
 }
 
 std::string ProcDetStrings::GetName() {
