@@ -76,9 +76,9 @@ private:
 
     // Resolves `path` (at most kMaxPathLength characters) with realpath.
     static bool ResolvePath(const std::string& path, std::string& resolved);
-    // Opens a resolved path for reading without ever blocking (a FIFO or device
-    // swapped in after the type test is refused); null when it cannot be opened.
-    static FILE* OpenRegularFile(const std::string& resolved);
+    // Opens a resolved path for reading without ever blocking on a FIFO; null when
+    // it cannot be opened.
+    static FILE* OpenForReading(const std::string& resolved);
 
     std::set<std::string> keywords;
     int64_t maxFileSize = kDefaultMaxFileSize;

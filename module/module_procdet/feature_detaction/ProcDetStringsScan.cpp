@@ -81,7 +81,7 @@ bool ProcDetStrings::Strings(const std::string& path, const bool& /*running*/,
     if (!ResolvePath(path, resolved)) {
         return false;
     }
-    FILE* file = OpenRegularFile(resolved);
+    FILE* file = OpenForReading(resolved);
     if (file == nullptr) {
         PROCDET_DEBUG(logger, "open file [%s] to check str failed.", path);
         return false;
