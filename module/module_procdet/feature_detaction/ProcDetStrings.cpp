@@ -48,8 +48,7 @@ void ProcDetStrings::Init(const std::set<std::string>& newKeywords, long newMaxF
     for (auto it = keywords.begin(); it != keywords.end();) {
         if (it->size() > kMaxKeywordLength) {
             // The overlap kept across a cut of a long string must fit the carry area.
-            PROCDET_ERROR(logger, "keyword longer than %lu bytes ignored: %s...",
-                          static_cast<unsigned long>(kMaxKeywordLength), it->substr(0, 64));
+            // Init runs every cycle; the task logs such keywords once, when it takes its policy.
             it = keywords.erase(it);
             continue;
         }
