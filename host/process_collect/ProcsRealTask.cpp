@@ -115,6 +115,9 @@ int ProcsRealTask::Run() {
         reader.Close();
         RunPolling();
     }
+    // Unsubscriptions sent by consumers that stopped before this task are applied, so
+    // that their references are released while their modules are still loaded.
+    ApplyPendingSubscriptions();
     ready_.store(false);
     return 0;
 }

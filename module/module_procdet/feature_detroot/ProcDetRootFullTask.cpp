@@ -31,6 +31,9 @@ constexpr int kMessageBatch = 1024;
 constexpr long kLoopSleepMs = 500;
 constexpr unsigned long kPathOutputLimit = 4096;
 constexpr unsigned int kUnknownId = 0xFFFFFFFFu;
+constexpr const char* kEventTaskName = "procs_real_task";
+// Fork and user-identity events.
+constexpr unsigned int kEventFlags[] = {PROCS_EVENT_FORK, PROCS_EVENT_UID};
 
 // A root-owned program with the given set-ID bit that anyone may run.
 bool IsRootSetIdProgram(const char* path, mode_t setIdBit, bool byGroup) {
@@ -53,14 +56,13 @@ ProcDetRootFullTask::~ProcDetRootFullTask() = default;
 int ProcDetRootFullTask::Init() {
     logger_ = GetProcDetLogger();
 
-    for (unsigned int flag :
-         {static_cast<unsigned int>(PROCS_EVENT_FORK), static_cast<unsigned int>(PROCS_EVENT_UID)}) {
+    for (unsigned int flag : kEventFlags) {
         auto* regist = new (std::nothrow) ProcsRegistMessage(flag, this);
         if (regist == nullptr) {
             PROCDET_ERROR(logger_, "detroot subscription %u not sent: out of memory", flag);
             continue;
         }
-        SendDirectMsg("procs_real_task", regist);
+        SendDirectMsg(kEventTaskName, regist);
     }
 
     auto* taskPolicy = dynamic_cast<ProcDetRootFullTaskPolicy*>(GetTaskPolicy());
@@ -216,6 +218,16 @@ void ProcDetRootFullTask::CheckProcess() {
 
 void ProcDetRootFullTask::UnInit() {
     whiteList_.clear();
+    // A subscription holds a reference to this task: without these the producer would
+    // keep the task alive past its module, and release it into unloaded code.
+    for (unsigned int flag : kEventFlags) {
+        auto* unregist = new (std::nothrow) ProcsUnRegistMessage(flag, this);
+        if (unregist == nullptr) {
+            PROCDET_ERROR(logger_, "detroot unsubscription %u not sent: out of memory", flag);
+            continue;
+        }
+        SendDirectMsg(kEventTaskName, unregist);
+    }
     Framework::Task::UnInit();
 }
 
