@@ -11,6 +11,7 @@
 #include <memory>
 #include <vector>
 
+#include "KeptStatFiles.h"
 #include "ProcParsers.h"
 #include "SessionLookup.h"
 #include "sdk/FileUtils.h"
@@ -84,9 +85,7 @@ struct DirCloser {
 };
 
 bool ReadStat(long pid, ProcStat& stat) {
-    std::string text;
-    return pid > 0 && FileUtils::ReadFile(PidPath(pid, "stat"), text, kProcTextLimit) == 0 &&
-           ParseStatText(text, stat);
+    return KeptStatFiles::Instance().Read(pid, stat);
 }
 
 }  // namespace
