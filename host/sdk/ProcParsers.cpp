@@ -197,47 +197,77 @@ bool ParseStatText(std::string_view text, ProcStat& out) {
     return true;
 }
 
-bool ParseStatusText(const std::string& text, ProcessUtils::procStatus& out) {
+bool ParseStatusText(std::string_view text, ProcessUtils::procStatus& out) {
+    // Read for the parent of every fork event: the lines are walked in place and
+    // only the values of the keys kept are copied (each fits a short string).
+    enum class Key { kOther, kUid, kGid, kPPid, kCapPrm, kCapEff, kCapBnd };
     ProcessUtils::procStatus status;
     bool haveName = false;
     bool haveUid = false;
     bool haveGid = false;
-    std::istringstream lines(text);
-    std::string line;
-    while (std::getline(lines, line)) {
-        const std::string::size_type colon = line.find(':');
-        if (colon == std::string::npos) {
+    std::string_view::size_type position = 0;
+    while (position < text.size()) {
+        std::string_view::size_type end = text.find('\n', position);
+        if (end == std::string_view::npos) {
+            end = text.size();
+        }
+        const std::string_view line = text.substr(position, end - position);
+        position = end + 1;
+        const std::string_view::size_type colon = line.find(':');
+        if (colon == std::string_view::npos) {
             continue;
         }
-        const std::string key = line.substr(0, colon);
-        std::string value = line.substr(colon + 1);
+        const std::string_view key = line.substr(0, colon);
+        const std::string_view rawValue = line.substr(colon + 1);
         if (key == "Name") {
             // Only the one separating tab goes: a name may start or end with blanks.
-            status.name = !value.empty() && value[0] == '\t' ? value.substr(1) : value;
+            status.name.assign(!rawValue.empty() && rawValue[0] == '\t' ? rawValue.substr(1) : rawValue);
             haveName = true;
             continue;
         }
+        const Key which = key == "Uid"      ? Key::kUid
+                          : key == "Gid"    ? Key::kGid
+                          : key == "PPid"   ? Key::kPPid
+                          : key == "CapPrm" ? Key::kCapPrm
+                          : key == "CapEff" ? Key::kCapEff
+                          : key == "CapBnd" ? Key::kCapBnd
+                                            : Key::kOther;
+        if (which == Key::kOther) {
+            continue;
+        }
+        std::string value(rawValue);
         StrUtils::Trim(value);
-        if (key == "Uid") {
-            unsigned int* ids[4] = {&status.uid, &status.euid, &status.suid, &status.fsuid};
-            haveUid = ParseIdQuad(value, ids);
-        } else if (key == "Gid") {
-            unsigned int* ids[4] = {&status.gid, &status.egid, &status.sgid, &status.fsgid};
-            haveGid = ParseIdQuad(value, ids);
-        } else if (key == "PPid") {
-            ToInt(value, status.ppid);
-        } else if (key == "CapPrm") {
-            ParseCapSet(value, status.capPrm);
-        } else if (key == "CapEff") {
-            ParseCapSet(value, status.capEff);
-        } else if (key == "CapBnd") {
-            ParseCapSet(value, status.capBnd);
+        switch (which) {
+            case Key::kUid: {
+                unsigned int* ids[4] = {&status.uid, &status.euid, &status.suid, &status.fsuid};
+                haveUid = ParseIdQuad(value, ids);
+                break;
+            }
+            case Key::kGid: {
+                unsigned int* ids[4] = {&status.gid, &status.egid, &status.sgid, &status.fsgid};
+                haveGid = ParseIdQuad(value, ids);
+                break;
+            }
+            case Key::kPPid:
+                ToInt(value, status.ppid);
+                break;
+            case Key::kCapPrm:
+                ParseCapSet(value, status.capPrm);
+                break;
+            case Key::kCapEff:
+                ParseCapSet(value, status.capEff);
+                break;
+            case Key::kCapBnd:
+                ParseCapSet(value, status.capBnd);
+                break;
+            case Key::kOther:
+                break;
         }
     }
     if (!haveName || !haveUid || !haveGid) {
         return false;
     }
-    out = status;
+    out = std::move(status);
     return true;
 }
 

@@ -29,7 +29,7 @@ bool ParseStatText(std::string_view text, ProcStat& out);
 
 // /proc/PID/status: Name, PPid, Uid, Gid and the capability sets. False unless
 // Name, Uid and Gid were all read (a kernel always writes them).
-bool ParseStatusText(const std::string& text, ProcessUtils::procStatus& out);
+bool ParseStatusText(std::string_view text, ProcessUtils::procStatus& out);
 
 // /proc/PID/cmdline: NUL-separated arguments joined by blanks, trailing NULs
 // dropped, at most `maxLength` bytes.
