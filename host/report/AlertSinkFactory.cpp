@@ -1,0 +1,21 @@
+#include "AlertSinkFactory.h"
+
+#include <unistd.h>
+
+#include "AlertFileSink.h"
+#include "AlertStreamSink.h"
+
+namespace Agent {
+
+std::unique_ptr<AlertSink> AlertSinkFactory::Make(const SinkSettings& settings, std::string& error) {
+    if (settings.type == "stdout") {
+        return std::make_unique<AlertStreamSink>(STDOUT_FILENO, "standard output");
+    }
+    if (settings.type == "file") {
+        return std::make_unique<AlertFileSink>(settings.path, settings.rotateBytes, settings.keepFiles);
+    }
+    error = "unknown sink type \"" + settings.type + "\"";
+    return nullptr;
+}
+
+}  // namespace Agent

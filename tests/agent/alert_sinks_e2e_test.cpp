@@ -1,0 +1,130 @@
+// The real agent delivering the test module's alerts through the spool to
+// real sinks: nothing accepted is lost across SIGKILL or a full disk.
+#include <glob.h>
+#include <gtest/gtest.h>
+#include <json/json.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/AgentRunner.h"
+#include "support/FileText.h"
+#include "support/WaitFor.h"
+
+namespace {
+
+const std::string kGood = std::string(CORVANE_BUILD_DIR) + "/tests/modules/libagent_test_module.so";
+const long kDeadlineMs = 60000;
+
+std::string Policy(const std::string& value, int burst) {
+    return R"({"enabled": true, "value": ")" + value + R"(", "burst": )" + std::to_string(burst) + "}";
+}
+
+// conf/agent.json with the given "alerts.sinks" list and a quick retry.
+void WriteConfig(const TestSupport::AgentRunner& agent, const std::string& sinks) {
+    std::ofstream(agent.prefix() + "/conf/agent.json")
+        << R"({"alerts": {"retry_seconds": 1, "retry_max_seconds": 2, "sinks": )" << sinks << "}}";
+}
+
+// The "seq" of every alert line in `text` with the given test value.
+std::set<long> Seqs(const std::string& text, const std::string& value) {
+    std::set<long> seqs;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        Json::Value alert;
+        if (Json::Reader().parse(line, alert) && alert["test_value"].asString() == value) {
+            seqs.insert(alert["seq"].asInt64());
+        }
+    }
+    return seqs;
+}
+
+std::string SpoolText(const std::string& prefix) {
+    std::string text;
+    glob_t found{};
+    if (::glob((prefix + "/var/spool/*.seg").c_str(), 0, nullptr, &found) == 0) {
+        for (size_t index = 0; index < found.gl_pathc; ++index) {
+            text += TestSupport::ReadText(found.gl_pathv[index]);
+        }
+    }
+    ::globfree(&found);
+    return text;
+}
+
+bool Includes(const std::set<long>& all, const std::set<long>& part) {
+    return std::includes(all.begin(), all.end(), part.begin(), part.end());
+}
+
+}  // namespace
+
+TEST(AlertSinksEndToEnd, EveryAlertSpooledBeforeSigkillReachesEverySinkAfterRestart) {
+    TestSupport::AgentRunner agent("sigkill");
+    const std::string second = agent.prefix() + "/log/second.json";
+    WriteConfig(agent, R"([{"type": "file", "name": "copy", "path": "log/second.json"}])");
+    agent.WritePolicy("90001", "agent_test_feature", Policy("burst", 3000));
+    ASSERT_TRUE(agent.Start({}, {kGood}));
+    ASSERT_TRUE(TestSupport::WaitFor([&] { return Seqs(SpoolText(agent.prefix()), "burst").size() >= 6000; },
+                                     kDeadlineMs))
+        << agent.ReadLog();
+    ::kill(agent.pid(), SIGKILL);
+    agent.Stop();
+    // Accepted means spooled: that is what must come out, whatever the sinks had taken.
+    const std::set<long> accepted = Seqs(SpoolText(agent.prefix()), "burst");
+    ASSERT_GE(accepted.size(), 6000u);
+    EXPECT_EQ(*accepted.rbegin(), static_cast<long>(accepted.size())) << "a gap in the spool";
+
+    agent.RemovePolicy("90001", "agent_test_feature");
+    ASSERT_TRUE(agent.Start({}, {kGood}));
+    for (const std::string& path : {agent.AlertsPath(), second}) {
+        EXPECT_TRUE(TestSupport::WaitFor(
+            [&] { return Includes(Seqs(TestSupport::ReadText(path), "burst"), accepted); }, kDeadlineMs))
+            << path;
+    }
+    EXPECT_EQ(agent.Stop(), 0);
+}
+
+TEST(AlertSinksEndToEnd, AFullSpoolDiskDropsCountedAlertsAndDeliveryResumesWhenSpaceReturns) {
+    TestSupport::AgentRunner agent("fullspool");
+    const std::string spool = agent.prefix() + "/var/spool";
+    ::mkdir((agent.prefix() + "/var").c_str(), 0700);
+    ::mkdir(spool.c_str(), 0700);
+    if (::mount("tmpfs", spool.c_str(), "tmpfs", 0, "size=256k,mode=0700") != 0) {
+        GTEST_SKIP() << "cannot mount a tmpfs (needs root): " << std::strerror(errno);
+    }
+    struct Unmount {
+        std::string path;
+        ~Unmount() { ::umount2(path.c_str(), MNT_DETACH); }
+    } unmount{spool};
+    WriteConfig(agent, "[]");
+    agent.WritePolicy("90001", "agent_test_feature", Policy("full", 200));
+    ASSERT_TRUE(agent.Start({}, {kGood}));
+    ASSERT_TRUE(
+        agent.WaitForAlert([](const Json::Value& alert) { return alert["seq"].asInt() > 0; }, kDeadlineMs));
+    // Take every byte left, then give it back.
+    const std::string filler = spool + "/filler";
+    {
+        std::ofstream out(filler, std::ios::binary);
+        const std::string block(4096, 'x');
+        while (out.write(block.data(), block.size())) {
+        }
+    }
+    EXPECT_TRUE(agent.WaitForLog("cannot take alerts", kDeadlineMs)) << agent.ReadLog();
+    EXPECT_TRUE(agent.IsRunning());
+    ::unlink(filler.c_str());
+    EXPECT_TRUE(agent.WaitForLog("alerts were dropped while it could not", kDeadlineMs)) << agent.ReadLog();
+    const size_t before = Seqs(TestSupport::ReadText(agent.AlertsPath()), "full").size();
+    EXPECT_TRUE(TestSupport::WaitFor(
+        [&] { return Seqs(TestSupport::ReadText(agent.AlertsPath()), "full").size() > before + 400; },
+        kDeadlineMs));
+    EXPECT_EQ(agent.Stop(), 0);
+}
