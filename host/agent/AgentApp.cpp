@@ -98,8 +98,10 @@ void AgentApp::Configure(const AgentOptions& options) {
     }
     settings_.alerts.spoolDir = AgentPaths::Under(paths_.prefix, settings_.alerts.spoolDir);
     for (SinkSettings& sink : settings_.alerts.sinks) {
-        if (!sink.path.empty()) {
-            sink.path = AgentPaths::Under(paths_.prefix, sink.path);
+        for (std::string* path : {&sink.path, &sink.tokenFile, &sink.headerFile, &sink.caFile}) {
+            if (!path->empty()) {
+                *path = AgentPaths::Under(paths_.prefix, *path);
+            }
         }
     }
     SetUpLogging();

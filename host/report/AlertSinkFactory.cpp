@@ -4,6 +4,7 @@
 
 #include "AlertFileSink.h"
 #include "AlertStreamSink.h"
+#include "WebhookSink.h"
 
 namespace Agent {
 
@@ -13,6 +14,9 @@ std::unique_ptr<AlertSink> AlertSinkFactory::Make(const SinkSettings& settings, 
     }
     if (settings.type == "file") {
         return std::make_unique<AlertFileSink>(settings.path, settings.rotateBytes, settings.keepFiles);
+    }
+    if (settings.type == "webhook") {
+        return std::make_unique<WebhookSink>(settings);
     }
     error = "unknown sink type \"" + settings.type + "\"";
     return nullptr;

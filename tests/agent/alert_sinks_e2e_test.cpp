@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <set>
@@ -19,6 +20,7 @@
 
 #include "support/AgentRunner.h"
 #include "support/FileText.h"
+#include "support/HttpTestServer.h"
 #include "support/WaitFor.h"
 
 namespace {
@@ -126,5 +128,75 @@ TEST(AlertSinksEndToEnd, AFullSpoolDiskDropsCountedAlertsAndDeliveryResumesWhenS
     EXPECT_TRUE(TestSupport::WaitFor(
         [&] { return Seqs(TestSupport::ReadText(agent.AlertsPath()), "full").size() > before + 400; },
         kDeadlineMs));
+    EXPECT_EQ(agent.Stop(), 0);
+}
+
+namespace {
+
+// Every "seq" in the JSON arrays or JSON lines the webhook received.
+std::set<long> PostedSeqs(const TestSupport::HttpTestServer& server, const std::string& path) {
+    std::string text;
+    for (const std::string& body : server.Posted(path)) {
+        Json::Value batch;
+        if (!body.empty() && body[0] == '[' && Json::Reader().parse(body, batch)) {
+            for (const Json::Value& alert : batch) {
+                text += Json::FastWriter().write(alert);
+            }
+        } else {
+            text += body;
+        }
+    }
+    return Seqs(text, "hook");
+}
+
+}  // namespace
+
+TEST(AlertSinksEndToEnd, WebhookGetsEveryAlertThroughAnOutageAnd500sWithItsToken) {
+    TestSupport::AgentRunner agent("webhook");
+    const unsigned short port = TestSupport::HttpTestServer::FreePort();
+    std::ofstream(agent.prefix() + "/conf/token") << "secret-token\n";
+    WriteConfig(agent, R"([{"type": "webhook", "url": "http://127.0.0.1:)" + std::to_string(port) +
+                           R"(/hook", "token_file": "conf/token", "format": "array", "batch": 50}])");
+    agent.WritePolicy("90001", "agent_test_feature", Policy("hook", 100));
+    ASSERT_TRUE(agent.Start({}, {kGood}));
+    // The collector is down while the first few hundred alerts are raised.
+    ASSERT_TRUE(TestSupport::WaitFor(
+        [&] { return Seqs(TestSupport::ReadText(agent.AlertsPath()), "hook").size() >= 300; }, kDeadlineMs));
+    EXPECT_TRUE(agent.WaitForLog("cannot deliver alerts to webhook", kDeadlineMs));
+    TestSupport::HttpTestServer server(port);
+    server.Fail("/hook", 500, 2);
+    const std::set<long> raised = Seqs(TestSupport::ReadText(agent.AlertsPath()), "hook");
+    EXPECT_TRUE(
+        TestSupport::WaitFor([&] { return Includes(PostedSeqs(server, "/hook"), raised); }, kDeadlineMs));
+    ASSERT_EQ(agent.Stop(), 0);
+    EXPECT_TRUE(
+        Includes(PostedSeqs(server, "/hook"), Seqs(TestSupport::ReadText(agent.AlertsPath()), "hook")));
+    EXPECT_EQ(server.LastAuthorization("/hook"), "Bearer secret-token");
+    EXPECT_NE(agent.ReadLog().find("alerts reach webhook"), std::string::npos);
+}
+
+TEST(AlertSinksEndToEnd, WebhookOverTlsTrustsItsCaFileAndRefusesAnUnknownCertificate) {
+    TestSupport::AgentRunner agent("webhook-tls");
+    const std::string dir = agent.prefix() + "/conf/";
+    // A test CA and a certificate for 127.0.0.1 that it signed.
+    const std::string make =
+        "cd " + dir +
+        " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes "
+        "-keyout ca.key -out ca.pem -days 1 -subj /CN=corvane-test-ca 2>/dev/null && "
+        "openssl req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout server.key "
+        "-out server.csr -subj /CN=127.0.0.1 2>/dev/null && printf 'subjectAltName=IP:127.0.0.1' > san && "
+        "openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out server.pem -days 1 "
+        "-extfile san 2>/dev/null";
+    ASSERT_EQ(std::system(make.c_str()), 0);
+    TestSupport::HttpTestServer server(0, dir + "server.pem", dir + "server.key");
+    WriteConfig(agent, R"([{"type": "webhook", "name": "good", "url": ")" + server.Url("/good") +
+                           R"(", "ca_file": "conf/ca.pem"}, {"type": "webhook", "name": "bad", "url": ")" +
+                           server.Url("/bad") + R"("}])");
+    agent.WritePolicy("90001", "agent_test_feature", Policy("hook", 20));
+    ASSERT_TRUE(agent.Start({}, {kGood}));
+    EXPECT_TRUE(TestSupport::WaitFor([&] { return PostedSeqs(server, "/good").size() >= 20; }, kDeadlineMs))
+        << agent.ReadLog();
+    EXPECT_TRUE(agent.WaitForLog("cannot deliver alerts to bad", kDeadlineMs));
+    EXPECT_TRUE(server.Posted("/bad").empty());
     EXPECT_EQ(agent.Stop(), 0);
 }
