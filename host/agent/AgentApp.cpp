@@ -98,7 +98,8 @@ void AgentApp::Configure(const AgentOptions& options) {
     }
     settings_.alerts.spoolDir = AgentPaths::Under(paths_.prefix, settings_.alerts.spoolDir);
     for (SinkSettings& sink : settings_.alerts.sinks) {
-        for (std::string* path : {&sink.path, &sink.tokenFile, &sink.headerFile, &sink.caFile}) {
+        for (std::string* path :
+             {&sink.path, &sink.socket, &sink.tokenFile, &sink.headerFile, &sink.caFile}) {
             if (!path->empty()) {
                 *path = AgentPaths::Under(paths_.prefix, *path);
             }

@@ -4,6 +4,8 @@
 
 #include "AlertFileSink.h"
 #include "AlertStreamSink.h"
+#include "SiemEnvelope.h"
+#include "SyslogSink.h"
 #include "WebhookSink.h"
 
 namespace Agent {
@@ -14,6 +16,9 @@ std::unique_ptr<AlertSink> AlertSinkFactory::Make(const SinkSettings& settings, 
     }
     if (settings.type == "file") {
         return std::make_unique<AlertFileSink>(settings.path, settings.rotateBytes, settings.keepFiles);
+    }
+    if (settings.type == "syslog") {
+        return std::make_unique<SyslogSink>(settings, SiemEnvelope::HostName());
     }
     if (settings.type == "webhook") {
         return std::make_unique<WebhookSink>(settings);

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "support/AgentRunner.h"
+#include "support/ChildProcess.h"
 #include "support/FileText.h"
 #include "support/HttpTestServer.h"
 #include "support/WaitFor.h"
@@ -199,4 +200,57 @@ TEST(AlertSinksEndToEnd, WebhookOverTlsTrustsItsCaFileAndRefusesAnUnknownCertifi
     EXPECT_TRUE(agent.WaitForLog("cannot deliver alerts to bad", kDeadlineMs));
     EXPECT_TRUE(server.Posted("/bad").empty());
     EXPECT_EQ(agent.Stop(), 0);
+}
+
+TEST(AlertSinksEndToEnd, RsyslogGetsEveryAlertOnceOverItsUnixSocketAndOverTcp) {
+    TestSupport::AgentRunner agent("syslog");
+    const std::string dir = agent.prefix() + "/rsyslog";
+    ::mkdir(dir.c_str(), 0700);
+    const unsigned short port = TestSupport::HttpTestServer::FreePort();
+    std::ofstream(dir + "/rsyslog.conf")
+        << "global(workDirectory=\"" << dir << "\" maxMessageSize=\"1m\")\n"
+        << "module(load=\"imuxsock\" SysSock.Use=\"off\")\n"
+        << "input(type=\"imuxsock\" Socket=\"" << dir
+        << "/log.sock\" UseSpecialParser=\"off\" ParseHostname=\"on\")\n"
+        << "module(load=\"imtcp\")\n"
+        << "input(type=\"imtcp\" address=\"127.0.0.1\" port=\"" << port << "\")\n"
+        << "template(name=\"raw\" type=\"string\" string=\"%inputname% %app-name% %msgid% %msg%\\n\")\n"
+        << "*.* action(type=\"omfile\" file=\"" << dir << "/out.log\" template=\"raw\")\n";
+    TestSupport::ChildProcess rsyslogd(
+        {"/usr/sbin/rsyslogd", "-n", "-i", dir + "/rsyslogd.pid", "-f", dir + "/rsyslog.conf"});
+    ASSERT_GT(rsyslogd.pid(), 0);
+    ASSERT_TRUE(
+        TestSupport::WaitFor([&] { return ::access((dir + "/log.sock").c_str(), F_OK) == 0; }, kDeadlineMs));
+    WriteConfig(agent, R"([{"type": "syslog", "name": "local", "socket": "rsyslog/log.sock"},
+                           {"type": "syslog", "name": "relay", "host": "127.0.0.1", "port": )" +
+                           std::to_string(port) + "}]");
+    agent.WritePolicy("90001", "agent_test_feature", Policy("syslog", 100));
+    ASSERT_TRUE(agent.Start({}, {kGood}));
+    ASSERT_TRUE(TestSupport::WaitFor(
+        [&] { return Seqs(TestSupport::ReadText(agent.AlertsPath()), "syslog").size() >= 500; },
+        kDeadlineMs));
+    ASSERT_EQ(agent.Stop(), 0);
+    const std::set<long> raised = Seqs(TestSupport::ReadText(agent.AlertsPath()), "syslog");
+
+    for (const std::string input : {"imuxsock", "imtcp"}) {
+        std::string text;
+        size_t count = 0;
+        EXPECT_TRUE(TestSupport::WaitFor(
+            [&] {
+                text.clear();
+                count = 0;
+                std::istringstream lines(TestSupport::ReadText(dir + "/out.log"));
+                for (std::string line; std::getline(lines, line);) {
+                    const std::string head = input + " corvane-agent - ";
+                    if (line.compare(0, head.size(), head) == 0) {
+                        text += line.substr(head.size()) + "\n";
+                        ++count;
+                    }
+                }
+                return Seqs(text, "syslog") == raised;
+            },
+            kDeadlineMs))
+            << input << ": " << Seqs(text, "syslog").size() << " of " << raised.size();
+        EXPECT_EQ(count, raised.size()) << input << ": duplicates";
+    }
 }
