@@ -4,6 +4,7 @@
 
 #include "AlertFileSink.h"
 #include "AlertStreamSink.h"
+#include "KafkaSink.h"
 #include "SiemEnvelope.h"
 #include "SyslogSink.h"
 #include "WebhookSink.h"
@@ -22,6 +23,13 @@ std::unique_ptr<AlertSink> AlertSinkFactory::Make(const SinkSettings& settings, 
     }
     if (settings.type == "webhook") {
         return std::make_unique<WebhookSink>(settings);
+    }
+    if (settings.type == "kafka") {
+        auto sink = std::make_unique<KafkaSink>(settings, SiemEnvelope::HostName());
+        if (!sink->Create(error)) {
+            return nullptr;
+        }
+        return sink;
     }
     error = "unknown sink type \"" + settings.type + "\"";
     return nullptr;

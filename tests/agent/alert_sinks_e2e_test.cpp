@@ -3,6 +3,8 @@
 #include <glob.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
+#include <librdkafka/rdkafka.h>
+#include <librdkafka/rdkafka_mock.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -253,4 +255,67 @@ TEST(AlertSinksEndToEnd, RsyslogGetsEveryAlertOnceOverItsUnixSocketAndOverTcp) {
             << input << ": " << Seqs(text, "syslog").size() << " of " << raised.size();
         EXPECT_EQ(count, raised.size()) << input << ": duplicates";
     }
+}
+
+TEST(AlertSinksEndToEnd, KafkaGetsEveryAlertThroughABrokerOutage) {
+    char reason[512];
+    rd_kafka_t* mock = rd_kafka_new(RD_KAFKA_PRODUCER, rd_kafka_conf_new(), reason, sizeof(reason));
+    ASSERT_NE(mock, nullptr) << reason;
+    rd_kafka_mock_cluster_t* cluster = rd_kafka_mock_cluster_new(mock, 1);
+    ASSERT_NE(cluster, nullptr);
+    rd_kafka_mock_topic_create(cluster, "alerts", 1, 1);
+    const std::string brokers = rd_kafka_mock_cluster_bootstraps(cluster);
+
+    TestSupport::AgentRunner agent("kafka");
+    WriteConfig(agent,
+                R"([{"type": "kafka", "brokers": ")" + brokers +
+                    R"(", "topic": "alerts", "key": "host-1", "properties": {"message.timeout.ms": 3000}}])");
+    agent.WritePolicy("90001", "agent_test_feature", Policy("kafka", 100));
+    ASSERT_TRUE(agent.Start({}, {kGood}));
+    auto raisedAtLeast = [&](size_t count) {
+        return TestSupport::WaitFor(
+            [&] { return Seqs(TestSupport::ReadText(agent.AlertsPath()), "kafka").size() >= count; },
+            kDeadlineMs);
+    };
+    ASSERT_TRUE(raisedAtLeast(200));
+    rd_kafka_mock_broker_set_down(cluster, 1);
+    ASSERT_TRUE(raisedAtLeast(700));
+    EXPECT_TRUE(agent.WaitForLog("cannot deliver alerts to kafka", kDeadlineMs));
+    rd_kafka_mock_broker_set_up(cluster, 1);
+    ASSERT_TRUE(raisedAtLeast(900));
+    EXPECT_TRUE(agent.WaitForLog("alerts reach kafka", kDeadlineMs)) << agent.ReadLog();
+    ASSERT_EQ(agent.Stop(), 0);
+    const std::set<long> raised = Seqs(TestSupport::ReadText(agent.AlertsPath()), "kafka");
+
+    rd_kafka_conf_t* conf = rd_kafka_conf_new();
+    rd_kafka_conf_set(conf, "bootstrap.servers", brokers.c_str(), reason, sizeof(reason));
+    rd_kafka_conf_set(conf, "group.id", "corvane-test", reason, sizeof(reason));
+    rd_kafka_conf_set(conf, "auto.offset.reset", "earliest", reason, sizeof(reason));
+    rd_kafka_t* consumer = rd_kafka_new(RD_KAFKA_CONSUMER, conf, reason, sizeof(reason));
+    ASSERT_NE(consumer, nullptr) << reason;
+    rd_kafka_poll_set_consumer(consumer);
+    rd_kafka_topic_partition_list_t* topics = rd_kafka_topic_partition_list_new(1);
+    rd_kafka_topic_partition_list_add(topics, "alerts", RD_KAFKA_PARTITION_UA);
+    rd_kafka_subscribe(consumer, topics);
+    rd_kafka_topic_partition_list_destroy(topics);
+    std::string consumed;
+    std::set<std::string> keys;
+    EXPECT_TRUE(TestSupport::WaitFor(
+        [&] {
+            while (rd_kafka_message_t* message = rd_kafka_consumer_poll(consumer, 100)) {
+                if (message->err == RD_KAFKA_RESP_ERR_NO_ERROR) {
+                    consumed.append(static_cast<const char*>(message->payload), message->len).push_back('\n');
+                    keys.insert(std::string(static_cast<const char*>(message->key), message->key_len));
+                }
+                rd_kafka_message_destroy(message);
+            }
+            return Includes(Seqs(consumed, "kafka"), raised);
+        },
+        kDeadlineMs))
+        << Seqs(consumed, "kafka").size() << " of " << raised.size() << " consumed";
+    EXPECT_EQ(keys, std::set<std::string>{"host-1"});
+    rd_kafka_consumer_close(consumer);
+    rd_kafka_destroy(consumer);
+    rd_kafka_mock_cluster_destroy(cluster);
+    rd_kafka_destroy(mock);
 }
