@@ -1,6 +1,7 @@
 // The spool that carries alerts across crashes and outages, and the file sink.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <json/json.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,6 +15,7 @@
 
 #include "AlertFileSink.h"
 #include "AlertSpool.h"
+#include "SiemEnvelope.h"
 #include "support/FileText.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
@@ -170,4 +172,24 @@ TEST(AlertFileSink, ReopensAfterLogrotateAndRefusesLinksAndForeignFiles) {
         EXPECT_NE(error.find(test.reason), std::string::npos) << test.what << ": " << error;
     }
     EXPECT_FALSE(Poco::File(dir.path() + "/target").exists()) << "written through a link";
+}
+
+TEST(SiemEnvelope, WrapsTheAlertByteForByteWithEcsFieldsAndNamedFlags) {
+    const Agent::SiemEnvelope envelope("web-1", "0123abcd", "0.1.0");
+    const std::string alert =
+        R"({"event_id":"e1","event_classid":"procdet_0001","occur_time":1700000000,)"
+        R"("process_info":[{"process_pid":42,"rule":289},{"process_pid":43,"rule":0}]})";
+    const std::string wrapped = envelope.Wrap(alert + "\n");
+    ASSERT_EQ(wrapped.back(), '\n');
+    EXPECT_NE(wrapped.find(",\"corvane\":" + alert + "}\n"), std::string::npos) << wrapped;
+    Json::Value document;
+    ASSERT_TRUE(Json::Reader().parse(wrapped, document));
+    EXPECT_EQ(document["@timestamp"], "2023-11-14T22:13:20Z");
+    EXPECT_EQ(document["host"]["name"], "web-1");
+    EXPECT_EQ(document["host"]["id"], "0123abcd");
+    EXPECT_EQ(document["agent"]["version"], "0.1.0");
+    EXPECT_EQ(document["event"]["code"], "procdet_0001");
+    EXPECT_EQ(Json::FastWriter().write(document["corvane_flags"]),
+              "[{\"names\":[\"PROC_TMP\",\"HIGHCPU\",\"PACKER\"],\"process_pid\":42},"
+              "{\"names\":[],\"process_pid\":43}]\n");
 }
