@@ -80,12 +80,16 @@ size_t AlertFileSink::Deliver(const std::vector<std::string>& lines, std::string
             break;
         }
     }
-    if (regular_ && fd_ >= 0 && ::fdatasync(fd_) != 0) {
-        error = std::string("cannot sync: ") + std::strerror(errno);
-        Close();
-        return 0;
-    }
     return done;
+}
+
+bool AlertFileSink::Sync(std::string& error) {
+    if (fd_ < 0 || !regular_ || ::fdatasync(fd_) == 0) {
+        return true;
+    }
+    error = std::string("cannot sync: ") + std::strerror(errno);
+    Close();
+    return false;
 }
 
 bool AlertFileSink::Open(std::string& error) {

@@ -14,7 +14,7 @@ namespace Agent {
 // (.1 to .2, and so on up to .keepFiles; the oldest is overwritten) and a new
 // one is started. The file is reopened after a failure, on request (SIGUSR1)
 // and when it was renamed or removed under us (logrotate), so a rotated file
-// never swallows alerts. A batch counts as delivered once it is on disk.
+// never swallows alerts. Sync makes the lines written so far durable.
 class AlertFileSink : public AlertSink {
 public:
     // rotateBytes 0: never rotate. keepFiles 0: a full file is removed, not kept.
@@ -25,6 +25,7 @@ public:
     AlertFileSink& operator=(const AlertFileSink&) = delete;
 
     size_t Deliver(const std::vector<std::string>& lines, std::string& error) override;
+    bool Sync(std::string& error) override;
     std::string Describe() const override { return path_; }
     void RequestReopen() override { reopen_.store(true); }
 

@@ -22,6 +22,10 @@ public:
     // The sink as log lines name it (a path, "standard output", a URL).
     virtual std::string Describe() const = 0;
 
+    // Makes what Deliver confirmed durable before the spool position moves past
+    // it (a file syncs; network sinks have nothing to do). False with the reason.
+    virtual bool Sync(std::string& /*error*/) { return true; }
+
     // How many lines one Deliver call should carry at most.
     virtual size_t MaxBatch() const { return 1024; }
 

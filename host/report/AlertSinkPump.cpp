@@ -13,6 +13,7 @@ namespace {
 
 constexpr size_t kReadBytes = 4u << 20;  // at most this much of the spool per batch
 constexpr std::chrono::milliseconds kIdleWait{500};
+constexpr std::chrono::milliseconds kCommitEvery{200};
 
 }  // namespace
 
@@ -59,15 +60,36 @@ bool AlertSinkPump::Pause(std::chrono::milliseconds duration) {
     return !wake_.wait_for(lock, duration, [this] { return stop_ || draining_.load(); });
 }
 
+bool AlertSinkPump::Commit(uint64_t cursor) {
+    std::string error;
+    if (!sink_->Sync(error)) {
+        OnFailure(error);
+        return false;
+    }
+    if (!spool_.SaveCursor(name_, cursor, error)) {
+        HOST_LOG_ERROR("alert sink " + name_ + ": " + error);
+    }
+    return true;
+}
+
 void AlertSinkPump::Loop(uint64_t cursor) {
     std::vector<std::string> lines;
     std::vector<std::string> wrapped;
+    uint64_t committed = cursor;
+    auto lastCommit = std::chrono::steady_clock::now();
     for (;;) {
         {
             std::lock_guard<std::mutex> lock(mutex_);
             if (stop_) {
                 break;
             }
+        }
+        const auto now = std::chrono::steady_clock::now();
+        if (cursor != committed && now - lastCommit >= kCommitEvery) {
+            // A failed sync takes back what was written since the last commit.
+            cursor = Commit(cursor) ? cursor : committed;
+            committed = cursor;
+            lastCommit = now;
         }
         lines.clear();
         uint64_t from = cursor;
@@ -77,7 +99,12 @@ void AlertSinkPump::Loop(uint64_t cursor) {
             if (draining_) {
                 break;
             }
-            spool_.WaitForLines(cursor, kIdleWait);
+            const auto wait =
+                cursor == committed
+                    ? kIdleWait
+                    : std::chrono::duration_cast<std::chrono::milliseconds>(lastCommit + kCommitEvery - now) +
+                          std::chrono::milliseconds(1);
+            spool_.WaitForLines(cursor, std::max(wait, std::chrono::milliseconds(1)));
             continue;
         }
         const std::vector<std::string>* out = &lines;
@@ -93,10 +120,6 @@ void AlertSinkPump::Loop(uint64_t cursor) {
         if (done > 0) {
             for (size_t index = 0; index < done; ++index) {
                 cursor += lines[index].size();
-            }
-            std::string saveError;
-            if (!spool_.SaveCursor(name_, cursor, saveError)) {
-                HOST_LOG_ERROR("alert sink " + name_ + ": " + saveError);
             }
             delivered_ += done;
             if (failures_ > 0) {
@@ -120,6 +143,9 @@ void AlertSinkPump::Loop(uint64_t cursor) {
         if (!Pause(wait)) {
             break;
         }
+    }
+    if (cursor != committed) {
+        Commit(cursor);
     }
     std::lock_guard<std::mutex> lock(mutex_);
     stop_ = true;

@@ -18,7 +18,9 @@ namespace Agent {
 // Feeds one sink from the spool on a thread of its own, so a sink that stalls
 // (a full disk, a dead collector) holds up neither the other sinks nor the
 // tasks that send alerts. Reads from the sink's committed offset, delivers,
-// and commits only what the sink confirmed. A failure waits (doubling from
+// and commits only what the sink confirmed, at most every 200 ms (a sync of
+// the sink and a rename each time: committing less often only means a crash
+// delivers a little again, never that it loses). A failure waits (doubling from
 // `retry` up to `retryMax`, with jitter so a fleet does not retry in step) and
 // is logged once when the outage starts and once when it ends.
 class AlertSinkPump {
@@ -49,6 +51,8 @@ public:
 
 private:
     void Loop(uint64_t cursor);
+    // Syncs the sink and saves `cursor` as its committed position.
+    bool Commit(uint64_t cursor);
     void OnFailure(const std::string& error);
     void OnRecovery();
     // Sleeps up to `duration` unless stopped; false once stopped.
