@@ -77,12 +77,22 @@ TEST(AlertSinksEndToEnd, EveryAlertSpooledBeforeSigkillReachesEverySinkAfterRest
     const std::string second = agent.prefix() + "/log/second.json";
     WriteConfig(agent, R"([{"type": "file", "name": "copy", "path": "log/second.json"}])");
     agent.WritePolicy("90001", "agent_test_feature", Policy("burst", 3000));
+    // Files left readable by an older version become private.
+    for (const std::string& path : {agent.AlertsPath(), agent.prefix() + "/log/agent.log"}) {
+        std::ofstream{path};
+        ::chmod(path.c_str(), 0644);
+    }
     ASSERT_TRUE(agent.Start({}, {kGood}));
     ASSERT_TRUE(TestSupport::WaitFor([&] { return Seqs(SpoolText(agent.prefix()), "burst").size() >= 6000; },
                                      kDeadlineMs))
         << agent.ReadLog();
     ::kill(agent.pid(), SIGKILL);
     agent.Stop();
+    for (const std::string& path : {agent.AlertsPath(), second, agent.prefix() + "/log/agent.log"}) {
+        struct stat info {};
+        ASSERT_EQ(::stat(path.c_str(), &info), 0) << path;
+        EXPECT_EQ(info.st_mode & 0777, 0600u) << path;
+    }
     // Accepted means spooled: that is what must come out, whatever the sinks had taken.
     const std::set<long> accepted = Seqs(SpoolText(agent.prefix()), "burst");
     ASSERT_GE(accepted.size(), 6000u);
