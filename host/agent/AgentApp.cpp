@@ -9,6 +9,7 @@
 #include <cstdio>
 
 #include "AgentSignals.h"
+#include "DataReportTask.h"
 #include "ModuleDirectory.h"
 #include "ModuleLoader.h"
 #include "PolicyDirectory.h"
@@ -95,6 +96,15 @@ void AgentApp::Configure(const AgentOptions& options) {
     } else {
         settings_.alerts.filePath = AgentPaths::Under(paths_.prefix, settings_.alerts.filePath);
     }
+    settings_.alerts.spoolDir = AgentPaths::Under(paths_.prefix, settings_.alerts.spoolDir);
+    for (SinkSettings& sink : settings_.alerts.sinks) {
+        for (std::string* path :
+             {&sink.path, &sink.socket, &sink.tokenFile, &sink.headerFile, &sink.caFile}) {
+            if (!path->empty()) {
+                *path = AgentPaths::Under(paths_.prefix, *path);
+            }
+        }
+    }
     SetUpLogging();
     for (const std::string& problem : problems) {
         HOST_CONSOLE_LOG_ERROR(problem);
@@ -177,6 +187,11 @@ void AgentApp::Serve() {
     HOST_CONSOLE_LOG_INFO("corvane-agent running with " + std::to_string(loader_->GetCount()) + " modules");
     for (;;) {
         const int signal = AgentSignals::Wait();
+        if (signal == SIGUSR1) {
+            HOST_CONSOLE_LOG_INFO("SIGUSR1: reopening the alert files");
+            report_->GetTask()->ReopenSinks();
+            continue;
+        }
         if (signal != SIGHUP) {
             HOST_CONSOLE_LOG_INFO(std::string("corvane-agent stopping on ") +
                                   (signal == SIGINT ? "SIGINT" : "SIGTERM"));
