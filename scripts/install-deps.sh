@@ -6,7 +6,7 @@ packages=(
   libpoco-dev libjsoncpp-dev libssl-dev libcurl4-openssl-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   procps libcap2-bin python3 yara
-  librdkafka-dev rsyslog openssl
+  librdkafka-dev rsyslog rsyslog-openssl openssl
 )
 missing=()
 for p in "${packages[@]}"; do

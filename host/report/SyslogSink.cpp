@@ -192,6 +192,7 @@ bool SyslogSink::StartTls(std::string& error) {
 
 void SyslogSink::Disconnect() {
     if (ssl_ != nullptr) {
+        SSL_shutdown(ssl_);  // close_notify, so the relay sees an orderly end, not an error
         SSL_free(ssl_);
         ssl_ = nullptr;
     }

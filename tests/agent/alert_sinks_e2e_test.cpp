@@ -70,6 +70,19 @@ bool Includes(const std::set<long>& all, const std::set<long>& part) {
     return std::includes(all.begin(), all.end(), part.begin(), part.end());
 }
 
+// A test CA (ca.pem) and a certificate for 127.0.0.1 that it signed (server.pem, server.key) in `dir`.
+bool MakeCertificates(const std::string& dir) {
+    const std::string make =
+        "cd " + dir +
+        " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes "
+        "-keyout ca.key -out ca.pem -days 1 -subj /CN=corvane-test-ca 2>/dev/null && "
+        "openssl req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout server.key "
+        "-out server.csr -subj /CN=127.0.0.1 2>/dev/null && printf 'subjectAltName=IP:127.0.0.1' > san && "
+        "openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out server.pem -days 1 "
+        "-extfile san 2>/dev/null";
+    return std::system(make.c_str()) == 0;
+}
+
 }  // namespace
 
 TEST(AlertSinksEndToEnd, EveryAlertSpooledBeforeSigkillReachesEverySinkAfterRestart) {
@@ -191,16 +204,7 @@ TEST(AlertSinksEndToEnd, WebhookGetsEveryAlertThroughAnOutageAnd500sWithItsToken
 TEST(AlertSinksEndToEnd, WebhookOverTlsTrustsItsCaFileAndRefusesAnUnknownCertificate) {
     TestSupport::AgentRunner agent("webhook-tls");
     const std::string dir = agent.prefix() + "/conf/";
-    // A test CA and a certificate for 127.0.0.1 that it signed.
-    const std::string make =
-        "cd " + dir +
-        " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes "
-        "-keyout ca.key -out ca.pem -days 1 -subj /CN=corvane-test-ca 2>/dev/null && "
-        "openssl req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout server.key "
-        "-out server.csr -subj /CN=127.0.0.1 2>/dev/null && printf 'subjectAltName=IP:127.0.0.1' > san && "
-        "openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out server.pem -days 1 "
-        "-extfile san 2>/dev/null";
-    ASSERT_EQ(std::system(make.c_str()), 0);
+    ASSERT_TRUE(MakeCertificates(dir));
     TestSupport::HttpTestServer server(0, dir + "server.pem", dir + "server.key");
     WriteConfig(agent, R"([{"type": "webhook", "name": "good", "url": ")" + server.Url("/good") +
                            R"(", "ca_file": "conf/ca.pem"}, {"type": "webhook", "name": "bad", "url": ")" +
@@ -214,18 +218,25 @@ TEST(AlertSinksEndToEnd, WebhookOverTlsTrustsItsCaFileAndRefusesAnUnknownCertifi
     EXPECT_EQ(agent.Stop(), 0);
 }
 
-TEST(AlertSinksEndToEnd, RsyslogGetsEveryAlertOnceOverItsUnixSocketAndOverTcp) {
+TEST(AlertSinksEndToEnd, RsyslogGetsEveryAlertOnceOverItsUnixSocketTcpAndTls) {
     TestSupport::AgentRunner agent("syslog");
     const std::string dir = agent.prefix() + "/rsyslog";
     ::mkdir(dir.c_str(), 0700);
     const unsigned short port = TestSupport::HttpTestServer::FreePort();
+    const unsigned short tlsPort = TestSupport::HttpTestServer::FreePort();
+    ASSERT_TRUE(MakeCertificates(dir));
     std::ofstream(dir + "/rsyslog.conf")
-        << "global(workDirectory=\"" << dir << "\" maxMessageSize=\"1m\")\n"
+        << "global(workDirectory=\"" << dir << "\" maxMessageSize=\"1m\" DefaultNetstreamDriverCAFile=\""
+        << dir << "/ca.pem\" DefaultNetstreamDriverCertFile=\"" << dir
+        << "/server.pem\" DefaultNetstreamDriverKeyFile=\"" << dir << "/server.key\")\n"
         << "module(load=\"imuxsock\" SysSock.Use=\"off\")\n"
         << "input(type=\"imuxsock\" Socket=\"" << dir
         << "/log.sock\" UseSpecialParser=\"off\" ParseHostname=\"on\")\n"
         << "module(load=\"imtcp\")\n"
         << "input(type=\"imtcp\" address=\"127.0.0.1\" port=\"" << port << "\")\n"
+        << "input(type=\"imtcp\" address=\"127.0.0.1\" port=\"" << tlsPort
+        << "\" name=\"tls\" streamDriver.name=\"ossl\" streamDriver.mode=\"1\" "
+           "streamDriver.authMode=\"anon\")\n"
         << "template(name=\"raw\" type=\"string\" string=\"%inputname% %app-name% %msgid% %msg%\\n\")\n"
         << "*.* action(type=\"omfile\" file=\"" << dir << "/out.log\" template=\"raw\")\n";
     TestSupport::ChildProcess rsyslogd(
@@ -235,7 +246,9 @@ TEST(AlertSinksEndToEnd, RsyslogGetsEveryAlertOnceOverItsUnixSocketAndOverTcp) {
         TestSupport::WaitFor([&] { return ::access((dir + "/log.sock").c_str(), F_OK) == 0; }, kDeadlineMs));
     WriteConfig(agent, R"([{"type": "syslog", "name": "local", "socket": "rsyslog/log.sock"},
                            {"type": "syslog", "name": "relay", "host": "127.0.0.1", "port": )" +
-                           std::to_string(port) + "}]");
+                           std::to_string(port) + R"(},
+                           {"type": "syslog", "name": "secure", "host": "127.0.0.1", "port": )" +
+                           std::to_string(tlsPort) + R"(, "tls": true, "ca_file": "rsyslog/ca.pem"}])");
     agent.WritePolicy("90001", "agent_test_feature", Policy("syslog", 100));
     ASSERT_TRUE(agent.Start({}, {kGood}));
     ASSERT_TRUE(TestSupport::WaitFor(
@@ -244,7 +257,7 @@ TEST(AlertSinksEndToEnd, RsyslogGetsEveryAlertOnceOverItsUnixSocketAndOverTcp) {
     ASSERT_EQ(agent.Stop(), 0);
     const std::set<long> raised = Seqs(TestSupport::ReadText(agent.AlertsPath()), "syslog");
 
-    for (const std::string input : {"imuxsock", "imtcp"}) {
+    for (const std::string input : {"imuxsock", "imtcp", "tls"}) {
         std::string text;
         size_t count = 0;
         EXPECT_TRUE(TestSupport::WaitFor(
