@@ -25,7 +25,7 @@ public:
     ~Section() {
         for (const std::string& name : object_.getMemberNames()) {
             if (known_.count(name) == 0) {
-                problems_.push_back("unknown key \"" + prefix_ + name + "\" ignored");
+                problems_.push_back(prefix_ + name + ": unknown key, ignored");
             }
         }
     }
@@ -102,7 +102,7 @@ private:
     }
 
     void Problem(const char* key, const std::string& expected) {
-        problems_.push_back("\"" + prefix_ + key + "\" must be " + expected + "; using its default");
+        problems_.push_back(prefix_ + key + ": must be " + expected + "; using its default");
     }
 
     const Json::Value& object_;
@@ -121,7 +121,7 @@ bool IsLogLevel(const std::string& name) {
 }
 
 bool IsLogTarget(const std::string& name) {
-    return name == "file" || name == "stderr";
+    return name == "file" || name == "stderr" || name == "journal";
 }
 
 // Poco FileChannel size rotation: "<n>", "<n> K", "<n> M".
@@ -140,11 +140,27 @@ bool IsRotateSize(const std::string& text) {
     return unit.empty() || unit == "K" || unit == "M";
 }
 
+bool IsListenAddress(const std::string& text) {
+    if (text.empty()) {
+        return true;
+    }
+    const size_t colon = text.rfind(':');
+    if (colon == std::string::npos || colon + 1 == text.size() || text.size() - colon > 6) {
+        return false;
+    }
+    for (size_t index = colon + 1; index < text.size(); ++index) {
+        if (std::isdigit(static_cast<unsigned char>(text[index])) == 0) {
+            return false;
+        }
+    }
+    return std::stoi(text.substr(colon + 1)) <= 65535;
+}
+
 void ParseLog(Section& section, SDK::LogSettings& log) {
     int keepFiles = log.keepFiles;
     section.String("level", IsLogLevel, "a log level (error, warning, notice, information, debug, trace)",
                    log.level);
-    section.String("target", IsLogTarget, "\"file\" or \"stderr\"", log.target);
+    section.String("target", IsLogTarget, "\"file\", \"stderr\" or \"journal\"", log.target);
     section.String("directory", nullptr, "a path", log.directory);
     section.String("rotate_size", IsRotateSize, "a size such as \"10 M\", \"512 K\" or \"1048576\"",
                    log.rotateSize);
@@ -182,11 +198,11 @@ std::vector<std::string> AgentSettingsParser::Parse(const std::string& text, Age
         for (char& c : error) {
             c = (c == '\n') ? ' ' : c;
         }
-        problems.push_back("not valid JSON (" + error + "); using the default settings");
+        problems.push_back("-: not valid JSON (" + error + "); using the default settings");
         return problems;
     }
     if (!root.isObject()) {
-        problems.push_back("not a JSON object; using the default settings");
+        problems.push_back("-: not a JSON object; using the default settings");
         return problems;
     }
     {
@@ -204,6 +220,12 @@ std::vector<std::string> AgentSettingsParser::Parse(const std::string& text, Age
         if (top.Object("collect", object)) {
             Section collect(object, "collect.", problems);
             ParseCollect(collect, settings);
+        }
+        if (top.Object("metrics", object)) {
+            Section metrics(object, "metrics.", problems);
+            metrics.String("listen", IsListenAddress,
+                           "\"host:port\" such as \"127.0.0.1:9465\", or \"\" for off",
+                           settings.metricsListen);
         }
     }
     return problems;

@@ -37,8 +37,8 @@ TEST(AgentSettingsParser, BadValuesKeepTheirDefaultsAndAreNamed) {
     })",
                                                                                 settings);
     EXPECT_EQ(problems.size(), 7u);
-    for (const char* key : {"\"log.level\"", "\"log.rotate_size\"", "\"cpu_share\"", "\"alerts.stdout\"",
-                            "\"alerts.rotate_bytes\"", "\"collect.procs_refresh_seconds\"", "\"colect\""}) {
+    for (const char* key : {"log.level: ", "log.rotate_size: ", "cpu_share: ", "alerts.stdout: ",
+                            "alerts.rotate_bytes: ", "collect.procs_refresh_seconds: ", "colect: "}) {
         EXPECT_TRUE(Mentions(problems, key)) << key;
     }
     const Agent::AgentSettings defaults;
@@ -67,7 +67,7 @@ TEST(AgentSettingsParser, UnusableFilesLeaveEverythingAtDefaults) {
     const std::vector<std::string> problems =
         Agent::AgentSettings::LoadFile("/nonexistent/agent.json", settings);
     ASSERT_EQ(problems.size(), 1u);
-    EXPECT_TRUE(Mentions(problems, "/nonexistent/agent.json (No such file or directory)"));
+    EXPECT_TRUE(Mentions(problems, "/nonexistent/agent.json: -: cannot be read (No such file or directory)"));
 }
 
 TEST(CommandLine, ParsesEveryOptionInBothFormsAndRefusesMistakes) {
