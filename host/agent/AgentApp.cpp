@@ -287,12 +287,17 @@ void AgentApp::DeliverCollectSettings() {
     }
 }
 
-void AgentApp::Serve() {
-    DeliverCollectSettings();
+PolicySchemas AgentApp::LoadSchemas() const {
     PolicySchemas schemas;
     for (const std::string& error : schemas.LoadBeside(modulePaths_)) {
         HOST_CONSOLE_LOG_ERROR(error + "; the policies of that module are checked for JSON syntax only");
     }
+    return schemas;
+}
+
+void AgentApp::Serve() {
+    DeliverCollectSettings();
+    const PolicySchemas schemas = LoadSchemas();
     PolicyDirectory policies(paths_.policyDir);
     PolicyPublisher publisher(*this, policies, &schemas);
     publisher.PublishChanges();
@@ -320,10 +325,7 @@ void AgentApp::Serve() {
 
 int AgentApp::RunOnce() {
     DeliverCollectSettings();
-    PolicySchemas schemas;
-    for (const std::string& error : schemas.LoadBeside(modulePaths_)) {
-        HOST_CONSOLE_LOG_ERROR(error);
-    }
+    const PolicySchemas schemas = LoadSchemas();
     PolicyDirectory policies(paths_.policyDir);
     PolicyPublisher publisher(*this, policies, &schemas);
     publisher.PublishChanges();

@@ -14,6 +14,7 @@
 namespace Agent {
 
 class MetricsEndpoint;
+class PolicySchemas;
 class ModuleLoader;
 class ReportModule;
 
@@ -42,6 +43,8 @@ private:
     bool LoadModules(const std::vector<std::string>& explicitModules);
     void DeliverCollectSettings();
     void StartMetrics();
+    // The policy schemas beside the loaded modules.
+    PolicySchemas LoadSchemas() const;
     void Serve();
     int RunOnce();
     void ReloadSettings();
