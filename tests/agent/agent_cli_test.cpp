@@ -1,6 +1,7 @@
 // The agent's command line as an operator meets it: --check, --version, and the
 // starts that must fail rather than run an agent that detects nothing.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <cstdio>
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "support/AgentRunner.h"
+#include "support/FileText.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -89,6 +91,26 @@ TEST(AgentCommandLine, StartsThatWouldDetectNothingFailWithExitCode2) {
         EXPECT_EQ(RunAgent("--prefix " + AgentRunner::BuildDir() + " --log-level error " + args).status, 2)
             << args;
     }
+}
+
+TEST(AgentCommandLine, LinesToTheJournalCarryTheirSyslogPriority) {
+    const TestSupport::TempDir dir("journal");
+    const std::string config = dir.Write("agent.json", R"({"log": {"target": "stderr"}})");
+    const std::string err = dir.Write("stderr", "");
+    struct stat info {};
+    ASSERT_EQ(::stat(err.c_str(), &info), 0);
+    // Stands in for systemd, which names the stream it connected to stderr.
+    const std::string stream = std::to_string(info.st_dev) + ":" + std::to_string(info.st_ino);
+    FILE* pipe = ::popen(("JOURNAL_STREAM=" + stream + " " + AgentRunner::AgentBinary() + " --prefix " +
+                          AgentRunner::BuildDir() + " --config " + config + " --module " +
+                          AgentRunner::ModulePath("libnet_collect_module.so") + " 2>>" + err)
+                             .c_str(),
+                         "r");
+    ASSERT_NE(pipe, nullptr);
+    EXPECT_EQ(WEXITSTATUS(::pclose(pipe)), 2);
+    const std::string text = TestSupport::ReadText(err);
+    EXPECT_NE(text.find("<3>agent: no plug-in module loaded"), std::string::npos) << text;
+    EXPECT_NE(text.find("<6>agent: corvane-agent "), std::string::npos) << text;
 }
 
 TEST(AgentCommandLine, BadPolicyIsRefusedNamingFileAndKey) {
