@@ -7,6 +7,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   prometheus-cpp-dev libsystemd-dev systemd dpkg-dev fakeroot file
   procps libcap2-bin python3 yara
+  librdkafka-dev rsyslog openssl
 )
 missing=()
 for p in "${packages[@]}"; do

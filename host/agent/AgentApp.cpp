@@ -14,6 +14,7 @@
 #include "AgentSignals.h"
 #include "BuildInfo.h"
 #include "ConfigCheck.h"
+#include "DataReportTask.h"
 #include "MetricsEndpoint.h"
 #include "ModuleDirectory.h"
 #include "ModuleLoader.h"
@@ -178,6 +179,15 @@ void AgentApp::Configure(const AgentOptions& options) {
     } else {
         settings_.alerts.filePath = AgentPaths::Under(paths_.prefix, settings_.alerts.filePath);
     }
+    settings_.alerts.spoolDir = AgentPaths::Under(paths_.prefix, settings_.alerts.spoolDir);
+    for (SinkSettings& sink : settings_.alerts.sinks) {
+        for (std::string* path :
+             {&sink.path, &sink.socket, &sink.tokenFile, &sink.headerFile, &sink.caFile}) {
+            if (!path->empty()) {
+                *path = AgentPaths::Under(paths_.prefix, *path);
+            }
+        }
+    }
     SetUpLogging();
     for (const std::string& problem : problems) {
         HOST_CONSOLE_LOG_ERROR(problem);
@@ -307,6 +317,11 @@ void AgentApp::Serve() {
     watchdog.Start();
     for (;;) {
         const int signal = AgentSignals::Wait();
+        if (signal == SIGUSR1) {
+            HOST_CONSOLE_LOG_INFO("SIGUSR1: reopening the alert files");
+            report_->GetTask()->ReopenSinks();
+            continue;
+        }
         if (signal != SIGHUP) {
             ServiceNotifier::Stopping();
             HOST_CONSOLE_LOG_INFO(std::string("corvane-agent stopping on ") +
