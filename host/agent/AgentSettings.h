@@ -20,6 +20,7 @@ struct AgentSettings {
     ReportSettings alerts;
     int procsRefreshSeconds = 3;
     int netRefreshSeconds = 3;
+    std::string metricsListen;  // "host:port" of the Prometheus endpoint; empty: off
 
     // Reads and parses `path` into `out`. Returns the problems found, each a
     // complete sentence naming the file; what could not be used keeps its default.

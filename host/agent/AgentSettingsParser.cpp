@@ -27,7 +27,7 @@ public:
     ~Section() {
         for (const std::string& name : object_.getMemberNames()) {
             if (known_.count(name) == 0) {
-                problems_.push_back("unknown key \"" + prefix_ + name + "\" ignored");
+                problems_.push_back(prefix_ + name + ": unknown key, ignored");
             }
         }
     }
@@ -124,7 +124,7 @@ public:
             } else if (value.isIntegral()) {
                 out[name] = std::to_string(value.asInt64());
             } else {
-                problems_.push_back("\"" + prefix_ + key + "." + name + "\" must be a string; ignored");
+                problems_.push_back(prefix_ + key + "." + name + ": must be a string; ignored");
             }
         }
     }
@@ -140,7 +140,7 @@ private:
     }
 
     void Problem(const char* key, const std::string& expected) {
-        problems_.push_back("\"" + prefix_ + key + "\" must be " + expected + "; using its default");
+        problems_.push_back(prefix_ + key + ": must be " + expected + "; using its default");
     }
 
     const Json::Value& object_;
@@ -159,7 +159,7 @@ bool IsLogLevel(const std::string& name) {
 }
 
 bool IsLogTarget(const std::string& name) {
-    return name == "file" || name == "stderr";
+    return name == "file" || name == "stderr" || name == "journal";
 }
 
 // Poco FileChannel size rotation: "<n>", "<n> K", "<n> M".
@@ -178,11 +178,27 @@ bool IsRotateSize(const std::string& text) {
     return unit.empty() || unit == "K" || unit == "M";
 }
 
+bool IsListenAddress(const std::string& text) {
+    if (text.empty()) {
+        return true;
+    }
+    const size_t colon = text.rfind(':');
+    if (colon == std::string::npos || colon + 1 == text.size() || text.size() - colon > 6) {
+        return false;
+    }
+    for (size_t index = colon + 1; index < text.size(); ++index) {
+        if (std::isdigit(static_cast<unsigned char>(text[index])) == 0) {
+            return false;
+        }
+    }
+    return std::stoi(text.substr(colon + 1)) <= 65535;
+}
+
 void ParseLog(Section& section, SDK::LogSettings& log) {
     int keepFiles = log.keepFiles;
     section.String("level", IsLogLevel, "a log level (error, warning, notice, information, debug, trace)",
                    log.level);
-    section.String("target", IsLogTarget, "\"file\" or \"stderr\"", log.target);
+    section.String("target", IsLogTarget, "\"file\", \"stderr\" or \"journal\"", log.target);
     section.String("directory", nullptr, "a path", log.directory);
     section.String("rotate_size", IsRotateSize, "a size such as \"10 M\", \"512 K\" or \"1048576\"",
                    log.rotateSize);
@@ -245,7 +261,7 @@ void ParseSinks(const Json::Value& list, const std::string& prefix, std::vector<
     for (Json::ArrayIndex index = 0; index < list.size(); ++index) {
         const std::string where = prefix + "[" + std::to_string(index) + "]";
         if (!list[index].isObject()) {
-            problems.push_back("\"" + where + "\" must be an object; sink ignored");
+            problems.push_back(where + ": must be an object; sink ignored");
             continue;
         }
         Section section(list[index], where + ".", problems);
@@ -253,8 +269,8 @@ void ParseSinks(const Json::Value& list, const std::string& prefix, std::vector<
         section.String("type", nullptr, "a sink type", sink.type);
         if (sink.type != "stdout" && sink.type != "file" && sink.type != "syslog" && sink.type != "webhook" &&
             sink.type != "kafka") {
-            section.Report("\"" + where +
-                           ".type\" must be \"stdout\", \"file\", \"syslog\", \"webhook\" or "
+            section.Report(where +
+                           ".type: must be \"stdout\", \"file\", \"syslog\", \"webhook\" or "
                            "\"kafka\"; sink ignored");
             continue;
         }
@@ -262,15 +278,14 @@ void ParseSinks(const Json::Value& list, const std::string& prefix, std::vector<
         section.Bool("envelope", sink.envelope);
         std::string missing;
         if (!ParseSinkOptions(section, sink, missing)) {
-            section.Report("\"" + where + "\" (" + sink.type + ") needs \"" + missing + "\"; sink ignored");
+            section.Report(where + ": a " + sink.type + " sink needs \"" + missing + "\"; sink ignored");
             continue;
         }
         if (sink.name.empty()) {
             sink.name = names.count(sink.type) == 0 ? sink.type : sink.type + "-" + std::to_string(index);
         }
         if (!names.insert(sink.name).second) {
-            section.Report("\"" + where + ".name\" \"" + sink.name +
-                           "\" is taken by another sink; sink ignored");
+            section.Report(where + ".name: \"" + sink.name + "\" is taken by another sink; sink ignored");
             continue;
         }
         alerts.sinks.push_back(sink);
@@ -291,7 +306,7 @@ void ParseAlerts(Section& section, ReportSettings& alerts) {
         spool.String("directory", nullptr, "a path", alerts.spoolDir);
         spool.Size("max_bytes", 1ull << 40, alerts.spoolMaxBytes);
         if (alerts.spoolMaxBytes < (1u << 20)) {
-            spool.Report("\"" + section.prefix() + "spool.max_bytes\" below 1 MiB; using 1 MiB");
+            spool.Report(section.prefix() + "spool.max_bytes: below 1 MiB; using 1 MiB");
             alerts.spoolMaxBytes = 1u << 20;
         }
     }
@@ -319,11 +334,11 @@ std::vector<std::string> AgentSettingsParser::Parse(const std::string& text, Age
         for (char& c : error) {
             c = (c == '\n') ? ' ' : c;
         }
-        problems.push_back("not valid JSON (" + error + "); using the default settings");
+        problems.push_back("-: not valid JSON (" + error + "); using the default settings");
         return problems;
     }
     if (!root.isObject()) {
-        problems.push_back("not a JSON object; using the default settings");
+        problems.push_back("-: not a JSON object; using the default settings");
         return problems;
     }
     {
@@ -341,6 +356,12 @@ std::vector<std::string> AgentSettingsParser::Parse(const std::string& text, Age
         if (top.Object("collect", object)) {
             Section collect(object, "collect.", problems);
             ParseCollect(collect, settings);
+        }
+        if (top.Object("metrics", object)) {
+            Section metrics(object, "metrics.", problems);
+            metrics.String("listen", IsListenAddress,
+                           "\"host:port\" such as \"127.0.0.1:9465\", or \"\" for off",
+                           settings.metricsListen);
         }
     }
     return problems;

@@ -35,4 +35,11 @@ int AgentSignals::Wait() {
     }
 }
 
+int AgentSignals::WaitFor(long milliseconds) {
+    const sigset_t set = AgentSet();
+    const struct timespec timeout = {milliseconds / 1000, (milliseconds % 1000) * 1000000L};
+    const int signal = sigtimedwait(&set, nullptr, &timeout);
+    return signal > 0 ? signal : 0;
+}
+
 }  // namespace Agent

@@ -13,6 +13,8 @@ public:
     static void BlockInProcess();
     // Waits for one of the four and returns it.
     static int Wait();
+    // Waits up to `milliseconds` for one of the three; 0 when none came.
+    static int WaitFor(long milliseconds);
 };
 
 }  // namespace Agent

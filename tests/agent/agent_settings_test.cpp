@@ -37,8 +37,8 @@ TEST(AgentSettingsParser, BadValuesKeepTheirDefaultsAndAreNamed) {
     })",
                                                                                 settings);
     EXPECT_EQ(problems.size(), 7u);
-    for (const char* key : {"\"log.level\"", "\"log.rotate_size\"", "\"cpu_share\"", "\"alerts.stdout\"",
-                            "\"alerts.rotate_bytes\"", "\"collect.procs_refresh_seconds\"", "\"colect\""}) {
+    for (const char* key : {"log.level: ", "log.rotate_size: ", "cpu_share: ", "alerts.stdout: ",
+                            "alerts.rotate_bytes: ", "collect.procs_refresh_seconds: ", "colect: "}) {
         EXPECT_TRUE(Mentions(problems, key)) << key;
     }
     const Agent::AgentSettings defaults;
@@ -71,11 +71,11 @@ TEST(AgentSettingsParser, SinksAreCheckedEntryByEntryAndEachBadOneIsNamed) {
         ]}})",
                                                                                 settings);
     for (const char* needle :
-         {"\"alerts.spool.max_bytes\" below 1 MiB", "unknown key \"alerts.spool.dir\"",
-          "\"alerts.sinks[0].properties.x\" must be a string", "\"alerts.sinks[1].format\" must be",
-          "unknown key \"alerts.sinks[1].token\"", "\"alerts.sinks[2]\" (webhook) needs \"url\"",
-          "\"alerts.sinks[3]\" (syslog) needs \"port\"", "\"alerts.sinks[4].type\" must be",
-          "\"alerts.sinks[5].name\" \"kafka\" is taken", "\"alerts.sinks[7]\" must be an object"}) {
+         {"alerts.spool.max_bytes: below 1 MiB", "alerts.spool.dir: unknown key",
+          "alerts.sinks[0].properties.x: must be a string", "alerts.sinks[1].format: must be",
+          "alerts.sinks[1].token: unknown key", "alerts.sinks[2]: a webhook sink needs \"url\"",
+          "alerts.sinks[3]: a syslog sink needs \"port\"", "alerts.sinks[4].type: must be",
+          "alerts.sinks[5].name: \"kafka\" is taken", "alerts.sinks[7]: must be an object"}) {
         EXPECT_TRUE(Mentions(problems, needle)) << needle;
     }
     EXPECT_EQ(problems.size(), 10u);
@@ -100,7 +100,7 @@ TEST(AgentSettingsParser, UnusableFilesLeaveEverythingAtDefaults) {
     const std::vector<std::string> problems =
         Agent::AgentSettings::LoadFile("/nonexistent/agent.json", settings);
     ASSERT_EQ(problems.size(), 1u);
-    EXPECT_TRUE(Mentions(problems, "/nonexistent/agent.json (No such file or directory)"));
+    EXPECT_TRUE(Mentions(problems, "/nonexistent/agent.json: -: cannot be read (No such file or directory)"));
 }
 
 TEST(CommandLine, ParsesEveryOptionInBothFormsAndRefusesMistakes) {
