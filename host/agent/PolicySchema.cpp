@@ -167,6 +167,11 @@ void PolicySchema::CheckNode(const Json::Value& rawNode, const Json::Value& valu
                                     (node.isMember("min") ? node["min"].asString() : "") + ".." +
                                     (node.isMember("max") ? node["max"].asString() : "") + ")"});
         }
+    } else if (type == "scalar") {
+        // Lists of names take each element as text, numbers and booleans included.
+        if (!value.isString() && !value.isNumeric() && !value.isBool()) {
+            wrong("a string, number or boolean");
+        }
     } else if (type == "string" || type == "ipv4") {
         if (!value.isString()) {
             wrong(type == "ipv4" ? "a dotted IPv4 address" : "a string");
