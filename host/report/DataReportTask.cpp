@@ -12,6 +12,7 @@
 #include "AlertLine.h"
 #include "AlertSinkFactory.h"
 #include "framework/DataMessage.h"
+#include "framework/Metrics.h"
 #include "sdk/HostLog.h"
 
 #ifndef CORVANE_VERSION
@@ -41,6 +42,7 @@ DataReportTask::DataReportTask(const ReportSettings& settings)
       spool_(settings.spoolDir, settings.spoolMaxBytes) {}
 
 DataReportTask::~DataReportTask() {
+    Framework::Metrics::Instance().RemoveRefreshers(this);
     for (auto& pump : pumps_) {
         pump->Stop(std::chrono::milliseconds(0));
     }
@@ -84,6 +86,7 @@ int DataReportTask::Init() {
     for (auto& pump : pumps_) {
         pump->Start();
     }
+    PublishMetrics();
     return Framework::Task::Init();
 }
 
@@ -142,6 +145,31 @@ void DataReportTask::FlushBatch() {
     }
     batch_.clear();
     batchBytes_ = 0;
+}
+
+void DataReportTask::PublishMetrics() {
+    // The pumps stay as Init made them until the task is destroyed, which removes this first.
+    Framework::Metrics::Instance().AddRefresher(this, [this] {
+        Framework::Metrics& metrics = Framework::Metrics::Instance();
+        for (const auto& pump : pumps_) {
+            const Framework::MetricLabels sink{{"sink", pump->GetName()}};
+            metrics.Counter("corvane_sink_alerts_delivered_total", "Alerts a sink confirmed", sink)
+                .SetTotal(static_cast<double>(pump->GetDeliveredCount()));
+            metrics
+                .Counter("corvane_sink_delivery_failures_total", "Failed delivery attempts of a sink", sink)
+                .SetTotal(static_cast<double>(pump->GetFailedCount()));
+        }
+        metrics.Gauge("corvane_spool_bytes", "Bytes held in the alert spool")
+            .Set(static_cast<double>(spool_.GetBytes()));
+        metrics
+            .Counter("corvane_spool_alerts_dropped_total", "Alerts the spool dropped",
+                     {{"reason", "disk_full"}})
+            .SetTotal(static_cast<double>(spool_.GetDroppedFull()));
+        metrics
+            .Counter("corvane_spool_alerts_dropped_total", "Alerts the spool dropped",
+                     {{"reason", "max_bytes"}})
+            .SetTotal(static_cast<double>(spool_.GetDroppedEvicted()));
+    });
 }
 
 void DataReportTask::ReopenSinks() {

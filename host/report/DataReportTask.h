@@ -48,6 +48,8 @@ protected:
 private:
     void Take(const Framework::Message& message);
     void FlushBatch();
+    // Each sink's delivered and failed counts, the spool's size and drops, for the metrics endpoint.
+    void PublishMetrics();
 
     const ReportSettings settings_;
     AlertSpool spool_;

@@ -14,7 +14,6 @@ ReportModule::~ReportModule() {
 }
 
 int ReportModule::Init() {
-    // Per-sink figures (delivered, failed, spool bytes) belong here too, once the sinks count them.
     Framework::Metrics::Instance().AddRefresher(this, [this] {
         Framework::Metrics& metrics = Framework::Metrics::Instance();
         metrics.Counter("corvane_report_alerts_written_total", "Alerts the report task wrote to its sinks")

@@ -79,6 +79,8 @@ TEST(AgentService, MetricsAreServedAndMoveAsTheAgentWorks) {
     EXPECT_GE(first["corvane_processes_checked_total"], 1);
     EXPECT_EQ(first["corvane_policy_refreshes_total"], 1);
     EXPECT_EQ(first.count("corvane_report_alerts_written_total"), 1u);
+    EXPECT_EQ(first.count(R"(corvane_sink_alerts_delivered_total{sink="file"})"), 1u);
+    EXPECT_EQ(first.count("corvane_spool_bytes"), 1u);
     EXPECT_EQ(first.count("corvane_subscriber_backlog_messages"), 1u);
     EXPECT_EQ(
         first.count(R"(corvane_task_run_duration_seconds_bucket{task="detaction_full_task",le="+Inf"})"), 1u);
