@@ -8,6 +8,7 @@
 #include "ProcChangeLog.h"
 #include "ProcConnectorReader.h"
 #include "ProcessCollectModule.h"
+#include "framework/Metrics.h"
 #include "sdk/HostLog.h"
 #include "sdk/ProcessUtils.h"
 
@@ -120,6 +121,7 @@ int ProcsRealTask::Run() {
     }
     // The baseline is taken once the socket listens, so no process falls in between.
     known_.Reset(ScanIdentities());
+    Framework::Metrics::Instance().AddRefresher(this, [this] { PublishCounters(); });
     counters_.polling = opened != ProcConnectorReader::OpenResult::kOk;
     UpdateCounters();
     if (changeLog_) {
@@ -133,11 +135,35 @@ int ProcsRealTask::Run() {
         reader.Close();
         RunPolling();
     }
+    // Unsubscriptions sent by consumers that stopped before this task are applied, so
+    // that their references are released while their modules are still loaded.
+    ApplyPendingSubscriptions();
     if (changeLog_) {
         changeLog_->SetLive(false);
     }
     ready_.store(false);
+    Framework::Metrics::Instance().RemoveRefreshers(this);
     return 0;
+}
+
+void ProcsRealTask::PublishCounters() const {
+    const Counters counters = GetCounters();
+    Framework::Metrics& metrics = Framework::Metrics::Instance();
+    metrics.Counter("corvane_kernel_process_events_total", "Process-level events received from the kernel")
+        .SetTotal(static_cast<double>(counters.events));
+    metrics
+        .Counter("corvane_kernel_events_lost_total",
+                 "Receive buffer overruns (ENOBUFS): events lost by the kernel")
+        .SetTotal(static_cast<double>(counters.overruns));
+    metrics
+        .Counter("corvane_process_rescans_total", "Resynchronisations: /proc rescans after losses, or polls")
+        .SetTotal(static_cast<double>(counters.rescans));
+    metrics.Counter("corvane_subscriber_messages_dropped_total", "Process messages dropped at a full backlog")
+        .SetTotal(static_cast<double>(counters.dropped));
+    metrics.Gauge("corvane_subscriber_backlog_messages", "Process messages held back for slow subscribers")
+        .Set(static_cast<double>(counters.backlog));
+    metrics.Gauge("corvane_process_events_polling", "1 when /proc is polled instead of the kernel connector")
+        .Set(counters.polling ? 1 : 0);
 }
 
 bool ProcsRealTask::RunConnector(ProcConnectorReader& reader) {
@@ -145,6 +171,7 @@ bool ProcsRealTask::RunConnector(ProcConnectorReader& reader) {
     unsigned long overrunsLogged = 0;
     long long lastErrorLog = 0;
     while (!IsStopRequested()) {
+        MarkProgress();
         ApplyPendingSubscriptions();
         // With a backlog waiting, come back soon to offer it again.
         const int timeoutMs = dispatcher_.GetBacklogSize() > 0 ? 5 : 100;

@@ -69,6 +69,8 @@ public:
     bool InterceptMsg(std::shared_ptr<Framework::Message>& message) override;
 
     Counters GetCounters() const;
+    // Copies the counters into Framework::Metrics (run at each metrics read).
+    void PublishCounters() const;
     // True once Run is receiving events (or polling); for tests and benchmarks.
     bool IsReady() const { return ready_.load(); }
 
