@@ -199,7 +199,7 @@ void RunStorm(pid_t agent, int forks) {
     }
     std::printf(
         "storm: %d forks in %.1f s | agent CPU %.1f us per fork, forkstat %.1f us per fork, ratio %.2f | "
-        "RSS before %ld KiB, after 5 s %ld KiB, after 65 s %ld KiB, under 12 MiB %d s after the drain\n",
+        "RSS before %ld KiB, peak %ld KiB, after 65 s %ld KiB, under 12 MiB %d s after the drain\n",
         forks, stormSeconds, agentUs, forkstatUs, forkstatUs > 0 ? agentUs / forkstatUs : -1.0, rss0, peak,
         ReadRssKiB(agent), underAt);
 }

@@ -18,8 +18,33 @@ bool ProcFsReader::IsVanished(int error) {
 }
 
 bool ProcFsReader::MakePath(char* path, size_t size, int pid, const char* file) const {
-    const int written = std::snprintf(path, size, "%s/%d/%s", root_.c_str(), pid, file);
-    return written > 0 && static_cast<size_t>(written) < size;
+    // Four paths per record, for every process of a rescan and every fork event:
+    // snprintf's format machinery cost more than the rest of the record's parsing.
+    char digits[16];
+    size_t count = 0;
+    unsigned value = pid < 0 ? 0u - static_cast<unsigned>(pid) : static_cast<unsigned>(pid);
+    do {
+        digits[count++] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    if (pid < 0) {
+        digits[count++] = '-';
+    }
+    const size_t fileLength = std::strlen(file);
+    const size_t length = root_.size() + 1 + count + 1 + fileLength;
+    if (length >= size) {
+        return false;
+    }
+    char* out = path;
+    std::memcpy(out, root_.data(), root_.size());
+    out += root_.size();
+    *out++ = '/';
+    while (count > 0) {
+        *out++ = digits[--count];
+    }
+    *out++ = '/';
+    std::memcpy(out, file, fileLength + 1);
+    return true;
 }
 
 int ProcFsReader::ReadInto(const char* path, char* buffer, size_t capacity, size_t& size) {

@@ -36,6 +36,9 @@ constexpr size_t kOutboxLimit = 64;
 constexpr long kCoalesceMs = 10;
 // Events after which, once quiet again, freed memory is handed back to the system.
 constexpr unsigned long kTrimAfterEvents = 10000;
+// ... then again every kTrimIntervalMs while quiet, kTrimRounds times in all.
+constexpr int kTrimRounds = 7;
+constexpr long long kTrimIntervalMs = 10000;
 
 unsigned int FlagOf(ProcEvent::Kind kind) {
     switch (kind) {
@@ -228,14 +231,24 @@ bool ProcsRealTask::RunConnector(ProcConnectorReader& reader) {
 }
 
 void ProcsRealTask::GiveBackMemoryWhenQuiet() {
-    if (!events_.empty() || dispatcher_.GetBacklogSize() > 0 ||
-        counters_.events - eventsAtLastTrim_ < kTrimAfterEvents) {
+    if (!events_.empty() || dispatcher_.GetBacklogSize() > 0) {
         return;
     }
-    // A storm leaves records, messages and backlog blocks freed all over the heap;
-    // malloc keeps such pages unless asked.
-    eventsAtLastTrim_ = counters_.events;
+    const long long now = SteadyNowMs();
+    if (counters_.events - eventsAtLastTrim_ >= kTrimAfterEvents) {
+        eventsAtLastTrim_ = counters_.events;
+        trimsLeft_ = kTrimRounds;
+        nextTrimMs_ = now;
+    }
+    if (trimsLeft_ == 0 || now < nextTrimMs_) {
+        return;
+    }
+    // A storm leaves records, messages and backlog blocks freed all over the heap,
+    // and the subscribers free what they kept of it over the next checks; malloc
+    // keeps such pages unless asked.
     ::malloc_trim(0);
+    --trimsLeft_;
+    nextTrimMs_ = now + kTrimIntervalMs;
 }
 
 void ProcsRealTask::RunPolling() {

@@ -97,7 +97,8 @@ private:
     void FillParentFields(ProcsMessage::procInfo& record);
     void EnsureScanner();
     void UpdateCounters();
-    // Trims the heap once events stop after a storm.
+    // Trims the heap when events stop after a storm, and a few times more over the
+    // next minute.
     void GiveBackMemoryWhenQuiet();
 
     struct ParentFacts {
@@ -117,6 +118,8 @@ private:
     std::vector<std::pair<unsigned int, std::shared_ptr<Framework::Message>>> outbox_;
     Counters counters_;
     unsigned long eventsAtLastTrim_ = 0;
+    int trimsLeft_ = 0;
+    long long nextTrimMs_ = 0;
     std::shared_ptr<ProcChangeLog> changeLog_;
     std::vector<int> changedPids_;  // noted in changeLog_ once per batch
     std::vector<int> exitedPids_;
