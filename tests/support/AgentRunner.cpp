@@ -26,6 +26,10 @@ void MakeDir(const std::string& path) {
     Poco::File(path).createDirectories();
 }
 
+std::string ModulePath(const std::string& fileName) {
+    return std::string(CORVANE_BUILD_DIR) + "/module/" + fileName;
+}
+
 }  // namespace
 
 AgentRunner::AgentRunner(const std::string& name) {
@@ -69,21 +73,16 @@ void AgentRunner::RemovePolicy(const std::string& id, const std::string& feature
     std::remove((PolicyDir() + "/" + id + "/" + feature + ".json").c_str());
 }
 
-std::string AgentRunner::BuildDir() {
-    return CORVANE_BUILD_DIR;
-}
-
-std::string AgentRunner::AgentBinary() {
-    return BuildDir() + "/bin/corvane-agent";
-}
-
-std::string AgentRunner::ModulePath(const std::string& fileName) {
-    return BuildDir() + "/module/" + fileName;
-}
-
 bool AgentRunner::Start(const std::vector<std::string>& extraArgs, const std::vector<std::string>& modules) {
-    std::vector<std::string> args = {AgentBinary(), "--prefix",   prefix_,       "--policy-dir", PolicyDir(),
-                                     "--alerts",    AlertsPath(), "--log-level", "debug"};
+    std::vector<std::string> args = {std::string(CORVANE_BUILD_DIR) + "/bin/corvane-agent",
+                                     "--prefix",
+                                     prefix_,
+                                     "--policy-dir",
+                                     PolicyDir(),
+                                     "--alerts",
+                                     AlertsPath(),
+                                     "--log-level",
+                                     "debug"};
     std::vector<std::string> moduleList = modules;
     if (moduleList.empty()) {
         moduleList = {ModulePath("libprocess_collect_module.so"), ModulePath("libnet_collect_module.so"),
@@ -118,18 +117,6 @@ bool AgentRunner::Start(const std::vector<std::string>& extraArgs, const std::ve
         sigprocmask(SIG_SETMASK, &none, nullptr);
         execv(argv[0], argv.data());
         _exit(127);
-    }
-    return true;
-}
-
-bool AgentRunner::IsRunning() {
-    if (pid_ <= 0) {
-        return false;
-    }
-    int status = 0;
-    if (waitpid(pid_, &status, WNOHANG) == pid_) {
-        pid_ = -1;
-        return false;
     }
     return true;
 }
@@ -198,25 +185,43 @@ bool AgentRunner::WaitForLog(const std::string& needle, long timeoutMs) const {
     return WaitFor([&] { return ReadLog().find(needle) != std::string::npos; }, timeoutMs);
 }
 
-std::vector<Json::Value> FindProcessEntries(const std::vector<Json::Value>& alerts,
-                                            const std::string& eventClass,
-                                            const std::function<bool(const Json::Value&)>& match) {
-    std::vector<Json::Value> entries;
-    for (const Json::Value& alert : alerts) {
-        if (!alert.isObject() || alert.get("event_classid", "").asString() != eventClass) {
+size_t AgentRunner::CountInLog(const std::string& needle) const {
+    const std::string log = ReadLog();
+    size_t count = 0;
+    for (size_t at = log.find(needle); at != std::string::npos; at = log.find(needle, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+bool AgentRunner::WaitForMoreLog(const std::string& needle, size_t more, long timeoutMs) const {
+    const size_t seen = CountInLog(needle);
+    return WaitFor([&] { return CountInLog(needle) >= seen + more; }, timeoutMs);
+}
+
+std::vector<AgentRunner::Finding> AgentRunner::Findings(const std::string& eventClass, int pid,
+                                                        unsigned ruleMask) const {
+    std::vector<Finding> found;
+    for (const Json::Value& alert : ReadAlerts()) {
+        if (!alert.isObject() || alert.get("event_classid", "").asString() != eventClass ||
+            !alert["process_info"].isArray()) {
             continue;
         }
-        const Json::Value& processes = alert["process_info"];
-        if (!processes.isArray()) {
-            continue;
-        }
-        for (const Json::Value& entry : processes) {
-            if (match(entry)) {
-                entries.push_back(entry);
+        for (const Json::Value& entry : alert["process_info"]) {
+            if (entry["process_pid"].asInt() == pid &&
+                (ruleMask == 0 || (entry["rule"].asUInt() & ruleMask) != 0)) {
+                found.push_back({alert, entry});
             }
         }
     }
-    return entries;
+    return found;
+}
+
+AgentRunner::Finding AgentRunner::WaitForFinding(const std::string& eventClass, int pid, unsigned ruleMask,
+                                                 long timeoutMs) const {
+    std::vector<Finding> found;
+    WaitFor([&] { return !(found = Findings(eventClass, pid, ruleMask)).empty(); }, timeoutMs);
+    return found.empty() ? Finding{} : found.front();
 }
 
 }  // namespace TestSupport

@@ -10,13 +10,11 @@ class LogCapture::Channel : public Poco::Channel {
 public:
     void log(const Poco::Message& message) override {
         std::lock_guard<std::mutex> lock(mutex);
-        lines.push_back({message.getPriority(), message.getText(),
-                         message.getSourceFile() != nullptr ? message.getSourceFile() : "",
-                         message.getSourceLine()});
+        lines.push_back(message.getText());
     }
 
     mutable std::mutex mutex;
-    std::vector<Line> lines;
+    std::vector<std::string> lines;
 };
 
 LogCapture::LogCapture(const std::string& loggerName, int level) : name_(loggerName), channel_(new Channel) {
@@ -42,16 +40,11 @@ LogCapture::~LogCapture() {
     logger.setLevel(previousLevel_);
 }
 
-std::vector<LogCapture::Line> LogCapture::GetLines() const {
-    std::lock_guard<std::mutex> lock(channel_->mutex);
-    return channel_->lines;
-}
-
 size_t LogCapture::Count(const std::string& needle) const {
     std::lock_guard<std::mutex> lock(channel_->mutex);
     size_t count = 0;
-    for (const Line& line : channel_->lines) {
-        if (line.text.find(needle) != std::string::npos) {
+    for (const std::string& line : channel_->lines) {
+        if (line.find(needle) != std::string::npos) {
             ++count;
         }
     }
