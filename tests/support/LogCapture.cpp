@@ -10,11 +10,13 @@ class LogCapture::Channel : public Poco::Channel {
 public:
     void log(const Poco::Message& message) override {
         std::lock_guard<std::mutex> lock(mutex);
-        lines.push_back(message.getText());
+        lines.push_back({message.getPriority(), message.getText(),
+                         message.getSourceFile() != nullptr ? message.getSourceFile() : "",
+                         message.getSourceLine()});
     }
 
     mutable std::mutex mutex;
-    std::vector<std::string> lines;
+    std::vector<Line> lines;
 };
 
 LogCapture::LogCapture(const std::string& loggerName, int level) : name_(loggerName), channel_(new Channel) {
@@ -40,11 +42,16 @@ LogCapture::~LogCapture() {
     logger.setLevel(previousLevel_);
 }
 
+std::vector<LogCapture::Line> LogCapture::GetLines() const {
+    std::lock_guard<std::mutex> lock(channel_->mutex);
+    return channel_->lines;
+}
+
 size_t LogCapture::Count(const std::string& needle) const {
     std::lock_guard<std::mutex> lock(channel_->mutex);
     size_t count = 0;
-    for (const std::string& line : channel_->lines) {
-        if (line.find(needle) != std::string::npos) {
+    for (const Line& line : channel_->lines) {
+        if (line.text.find(needle) != std::string::npos) {
             ++count;
         }
     }

@@ -14,9 +14,17 @@ namespace TestSupport {
 // given level for the life of the object; restores the logger afterwards.
 class LogCapture {
 public:
+    struct Line {
+        Poco::Message::Priority priority;
+        std::string text;
+        std::string file;
+        int line;
+    };
+
     explicit LogCapture(const std::string& loggerName, int level = Poco::Message::PRIO_DEBUG);
     ~LogCapture();
 
+    std::vector<Line> GetLines() const;
     // Number of captured lines whose text contains `needle`.
     size_t Count(const std::string& needle) const;
     bool Contains(const std::string& needle) const { return Count(needle) > 0; }
