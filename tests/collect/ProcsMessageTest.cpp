@@ -29,6 +29,13 @@ TEST(ProcsMessages, SubscriptionsAreCountedPerFlag) {
     Engine::ProcsRegistMessage regist(Engine::PROCS_EVENT_FORK, consumer);
     Engine::ProcsUnRegistMessage unregist(Engine::PROCS_EVENT_FORK, consumer);
 
+    // An event handed to a task that takes no process events is dropped.
+    auto* plain =
+        new PlainTask("plain_task", "collect_test_feature", Framework::TaskCondition::TASK_TYPE_MESSAGE, 16);
+    Engine::ProcsMessage event(1, Engine::PROCS_EVENT_FORK, nullptr);
+    EXPECT_EQ(0, event.MessageHandle(static_cast<Framework::Task*>(plain)));
+    plain->release();
+
     EXPECT_EQ(0, regist.MessageHandle(static_cast<Framework::Task*>(producer)));
     EXPECT_EQ(0, regist.MessageHandle(static_cast<Framework::Task*>(producer)));
     EXPECT_EQ(2, producer->GetSubscriptionCount(Engine::PROCS_EVENT_FORK));
@@ -46,12 +53,6 @@ TEST(ProcsMessages, SubscriptionsAreCountedPerFlag) {
     EXPECT_EQ(0, unregist.MessageHandle(static_cast<Framework::Task*>(producer)));
     EXPECT_TRUE(producer->GetSubscriptions().empty());
 
-    // An event handed to a task that takes no process events is dropped.
-    auto* plain =
-        new PlainTask("plain_task", "collect_test_feature", Framework::TaskCondition::TASK_TYPE_MESSAGE, 16);
-    Engine::ProcsMessage event(1, Engine::PROCS_EVENT_FORK, nullptr);
-    EXPECT_EQ(0, event.MessageHandle(static_cast<Framework::Task*>(plain)));
-    plain->release();
     consumer->release();
     producer->release();
 }
