@@ -26,10 +26,6 @@ void MakeDir(const std::string& path) {
     Poco::File(path).createDirectories();
 }
 
-std::string ModulePath(const std::string& fileName) {
-    return std::string(CORVANE_BUILD_DIR) + "/module/" + fileName;
-}
-
 }  // namespace
 
 AgentRunner::AgentRunner(const std::string& name) {
@@ -73,16 +69,21 @@ void AgentRunner::RemovePolicy(const std::string& id, const std::string& feature
     std::remove((PolicyDir() + "/" + id + "/" + feature + ".json").c_str());
 }
 
+std::string AgentRunner::BuildDir() {
+    return CORVANE_BUILD_DIR;
+}
+
+std::string AgentRunner::AgentBinary() {
+    return BuildDir() + "/bin/corvane-agent";
+}
+
+std::string AgentRunner::ModulePath(const std::string& fileName) {
+    return BuildDir() + "/module/" + fileName;
+}
+
 bool AgentRunner::Start(const std::vector<std::string>& extraArgs, const std::vector<std::string>& modules) {
-    std::vector<std::string> args = {std::string(CORVANE_BUILD_DIR) + "/bin/corvane-agent",
-                                     "--prefix",
-                                     prefix_,
-                                     "--policy-dir",
-                                     PolicyDir(),
-                                     "--alerts",
-                                     AlertsPath(),
-                                     "--log-level",
-                                     "debug"};
+    std::vector<std::string> args = {AgentBinary(), "--prefix",   prefix_,       "--policy-dir", PolicyDir(),
+                                     "--alerts",    AlertsPath(), "--log-level", "debug"};
     std::vector<std::string> moduleList = modules;
     if (moduleList.empty()) {
         moduleList = {ModulePath("libprocess_collect_module.so"), ModulePath("libnet_collect_module.so"),
@@ -117,6 +118,18 @@ bool AgentRunner::Start(const std::vector<std::string>& extraArgs, const std::ve
         sigprocmask(SIG_SETMASK, &none, nullptr);
         execv(argv[0], argv.data());
         _exit(127);
+    }
+    return true;
+}
+
+bool AgentRunner::IsRunning() {
+    if (pid_ <= 0) {
+        return false;
+    }
+    int status = 0;
+    if (waitpid(pid_, &status, WNOHANG) == pid_) {
+        pid_ = -1;
+        return false;
     }
     return true;
 }

@@ -32,6 +32,7 @@ public:
     // Starts the agent; `modules` empty means the collect modules and the detection
     // module of the build. Returns false when it could not be started.
     bool Start(const std::vector<std::string>& extraArgs = {}, const std::vector<std::string>& modules = {});
+    bool IsRunning();
     pid_t pid() const { return pid_; }
     void Reload();  // SIGHUP
     // SIGTERM and wait (up to `timeoutMs`, then SIGKILL); returns the exit status or -1.
@@ -61,6 +62,11 @@ public:
     // Waits until the log holds `more` lines with `needle` beyond those there now.
     bool WaitForMoreLog(const std::string& needle, size_t more, long timeoutMs = 60000) const;
     size_t CountInLog(const std::string& needle) const;
+
+    // Paths in the build tree.
+    static std::string BuildDir();
+    static std::string AgentBinary();
+    static std::string ModulePath(const std::string& fileName);  // build/module/<fileName>
 
 private:
     std::string prefix_;

@@ -29,6 +29,7 @@ public:
     Framework::Engine& engine() { return *engine_; }
     FakeProcsFullTask& procs() { return *procs_; }
     FakeNetProcsFullTask& net() { return *net_; }
+    FakeProcsRealTask& real() { return *real_; }
     CaptureReportTask& report() { return *report_; }
 
 private:
