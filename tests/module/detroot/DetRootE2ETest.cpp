@@ -112,11 +112,13 @@ private:
 };
 
 // Waits for the step `name` of `tree`, lets the fork event of that process reach
-// the task, then lets it go on (trigger "go"). Returns its pid.
-int Release(const ProcessTree& tree, const std::string& name = "B") {
+// the task (two more passes of its loop, which takes events first, and at least
+// two seconds), then lets it go on (trigger "go"). Returns its pid.
+int Release(const AgentRunner& agent, const ProcessTree& tree, const std::string& name = "B") {
     const int pid = tree.WaitPid(name);
     EXPECT_GT(pid, 0) << tree.Errors();
     std::this_thread::sleep_for(std::chrono::seconds(2));
+    agent.WaitForMoreLog("detroot once check end", 2, kDeadlineMs);
     tree.Trigger("go");
     return pid;
 }
@@ -156,10 +158,10 @@ TEST(DetRootE2E, SavedRootRegainedAlarmsOnceWhiteListedAndIgnoredProgramsNever) 
     ProcessTree tree("regain", helper,
                      {"pid:H", "resuid:1000,1000,0", "fork", "pid:B", "waitfile:go", "seteuid:0",
                       "waitfile:again", "seteuid:1000", "seteuid:0"});
-    const int suidPid = Release(suid);
-    const int ignoredPid = Release(ignoredTree);
+    const int suidPid = Release(agent, suid);
+    const int ignoredPid = Release(agent, ignoredTree);
     const int h = tree.WaitPid("H");
-    const int b = Release(tree);
+    const int b = Release(agent, tree);
 
     const Json::Value alert = agent.WaitForFinding("procdet_0002", b, 0, kDeadlineMs).alert;
     ASSERT_FALSE(alert.isNull()) << tree.Errors() << agent.ReadLog();
