@@ -5,7 +5,9 @@ packages=(
   build-essential cmake pkg-config clang-format
   libpoco-dev libjsoncpp-dev libssl-dev libcurl4-openssl-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  prometheus-cpp-dev libsystemd-dev systemd dpkg-dev fakeroot file
   procps libcap2-bin python3 yara
+  librdkafka-dev rsyslog rsyslog-openssl openssl
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -3,6 +3,7 @@
 #include <new>
 
 #include "ProcDetLog.h"
+#include "ProcDetMetrics.h"
 #include "feature_detaction/ProcDetActionFullTask.h"
 #include "framework/DataMessage.h"
 #include "sdk/CryptoCodeUtils.h"
@@ -13,6 +14,13 @@
 #include "sdk/TimeUtils.h"
 
 namespace Engine {
+
+namespace {
+
+// Log lines and CPU governor calls name the class, not this file.
+constexpr const char* kProcDetSource = "module/module_procdet/feature_detaction/ProcDetActionFullTask";
+
+}  // namespace
 
 namespace {
 
@@ -54,6 +62,7 @@ void ProcDetActionFullTask::DetActionNotify(const std::map<int, ProcCheckInfo>& 
     auto* message = new (std::nothrow) Framework::DataMessage(kAlertDataType, text);
     if (message != nullptr) {
         SendDirectMsg(kReportTaskName, message);
+        ProcDetMetrics::CountAlertSent("procdet_0001");
     }
 }
 

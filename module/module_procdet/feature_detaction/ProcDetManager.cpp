@@ -5,11 +5,19 @@
 #include <ctime>
 
 #include "ProcDetLog.h"
+#include "ProcDetMetrics.h"
 #include "collect/ProcsFullTask.h"
 #include "framework/Engine.h"
 #include "sdk/ProcessUtils.h"
 
 namespace Engine {
+
+namespace {
+
+// Log lines and CPU governor calls name the class, not this file.
+constexpr const char* kProcDetSource = "module/module_procdet/feature_detaction/ProcDetManager";
+
+}  // namespace
 
 namespace {
 
@@ -95,6 +103,7 @@ void ProcDetManager::Check(int elapsed, const Framework::Task* task) {
             }
             PROCDET_PACE_CPU(kTaskName);
         }
+        ProcDetMetrics::CountProcessesChecked(table.size());
         PROCDET_DEBUG(logger_, "CHECK FINISHED");
     }
 

@@ -8,12 +8,20 @@
 #include <vector>
 
 #include "ProcDetLog.h"
+#include "ProcDetMetrics.h"
 #include "feature_detaction/ProcDetNetstat.h"
 #include "sdk/FileUtils.h"
 #include "sdk/HttpUtils.h"
 #include "sdk/StrUtils.h"
 
 namespace Engine {
+
+namespace {
+
+// Log lines and CPU governor calls name the class, not this file.
+constexpr const char* kProcDetSource = "module/module_procdet/feature_detaction/ProcDetNetstat";
+
+}  // namespace
 
 namespace {
 
@@ -69,12 +77,17 @@ bool ProcDetNetstat::IsBlackIp(long ip) {
 
 bool ProcDetNetstat::CheckAndUpdateLib() {
     if (LoadLib(libPath, libHash, libBlackIps)) {
+        ProcDetMetrics::SetBlacklist(true, libBlackIps.size());
         return true;
     }
     const int status = SDK::HttpUtils::GetInstance()->Download(libUrl, libPath, "", "", "");
+    ProcDetMetrics::CountBlacklistDownload(status);
     if (status == kHttpOk) {
-        return LoadLib(libPath, libHash, libBlackIps);
+        const bool loaded = LoadLib(libPath, libHash, libBlackIps);
+        ProcDetMetrics::SetBlacklist(loaded, loaded ? libBlackIps.size() : 0);
+        return loaded;
     }
+    ProcDetMetrics::SetBlacklist(false, 0);
     PROCDET_ERROR(Logger(), "download failed. [%s] [%s] [%d]", libUrl, libPath, status);
     return false;
 }
