@@ -4,8 +4,8 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config clang-format
   libpoco-dev libjsoncpp-dev libssl-dev libcurl4-openssl-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
-  procps libcap2-bin python3 yara
+  libsystemd-dev libgtest-dev libgmock-dev libbenchmark-dev
+  procps libcap2-bin python3 yara login bsdutils util-linux
 )
 missing=()
 for p in "${packages[@]}"; do
