@@ -4,8 +4,10 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config clang-format
   libpoco-dev libjsoncpp-dev libssl-dev libcurl4-openssl-dev
-  libsystemd-dev libgtest-dev libgmock-dev libbenchmark-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  prometheus-cpp-dev libsystemd-dev systemd dpkg-dev fakeroot file
   procps libcap2-bin python3 yara login bsdutils util-linux
+  librdkafka-dev rsyslog rsyslog-openssl openssl
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -6,15 +6,28 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "AgentSignals.h"
+#include "BuildInfo.h"
+#include "ConfigCheck.h"
+#include "DataReportTask.h"
+#include "MetricsEndpoint.h"
 #include "ModuleDirectory.h"
 #include "ModuleLoader.h"
 #include "PolicyDirectory.h"
 #include "PolicyPublisher.h"
+#include "PolicySchema.h"
 #include "ReportModule.h"
+#include "ServiceNotifier.h"
+#include "TaskWatchdog.h"
+#include "TextFile.h"
 #include "collect/CollectSettings.h"
+#include "framework/Metrics.h"
+#include "framework/Task.h"
 #include "sdk/HostLog.h"
 #include "sdk/InnerCpuCtrlUtils.h"
 #include "sdk/JsonUtils.h"
@@ -39,6 +52,30 @@ void MakeDirectory(const std::string& dir) {
     }
 }
 
+// The settings file as plain JSON (null when unreadable), to compare sections across a reload.
+Json::Value ReadRawSettings(const std::string& path) {
+    std::string text;
+    std::string error;
+    Json::Value root;
+    if (!TextFile::Read(path, 1024 * 1024, text, error) || !ParseStrictJson(text, root, error)) {
+        return Json::Value();
+    }
+    return root;
+}
+
+// Detection reads every process's /proc entries; without the privilege to read
+// another user's, most of what it checks is missing.
+void WarnWithoutPrivileges() {
+    char target[256];
+    if (::readlink("/proc/1/exe", target, sizeof(target)) >= 0 || (errno != EACCES && errno != EPERM)) {
+        return;
+    }
+    HOST_CONSOLE_LOG_WARNING(std::string("running without the privileges detection needs: /proc/1/exe: ") +
+                             std::strerror(errno) +
+                             "; processes of other users go unchecked and process events may be refused. "
+                             "Run as root, or with CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH and CAP_NET_ADMIN");
+}
+
 }  // namespace
 
 AgentApp::AgentApp() = default;
@@ -60,28 +97,75 @@ int AgentApp::main(const std::vector<std::string>& args) {
         std::fputs(CommandLine::Usage().c_str(), stdout);
         return 0;
     }
+    if (options.version) {
+        std::printf("corvane-agent %s (revision %s)\n", CORVANE_VERSION, CORVANE_REVISION);
+        return 0;
+    }
+    options_ = options;
+    paths_ = AgentPaths::Resolve(options, ThisExecutable(), Poco::Path::current());
+    if (options.check) {
+        return Check(options);
+    }
+    if (!ExplicitPathsExist(options)) {
+        return kExitUsage;
+    }
     Configure(options);
+    WarnWithoutPrivileges();
 
     report_ = std::make_unique<ReportModule>(settings_.alerts);
     if (report_->Init() != 0) {
         HOST_CONSOLE_LOG_ERROR(
             "the report task \"data_comm_report_task\" could not be started; alerts are lost");
     }
+    StartMetrics();
     loader_ = std::make_unique<ModuleLoader>(*this);
     if (!LoadModules(options.modules)) {
         Shutdown();
         return kExitUsage;
     }
-    Serve();
+    int status = 0;
+    if (options.once) {
+        status = RunOnce();
+    } else {
+        Serve();
+    }
     Shutdown();
-    return 0;
+    return status;
+}
+
+int AgentApp::Check(const AgentOptions& options) const {
+    const std::vector<std::string> problems = ConfigCheck::Run(paths_, options.modules);
+    for (const std::string& problem : problems) {
+        std::printf("%s\n", problem.c_str());
+    }
+    std::fprintf(stderr, "corvane-agent --check: %zu problems in %s and %s\n", problems.size(),
+                 paths_.config.c_str(), paths_.policyDir.c_str());
+    return problems.empty() ? 0 : kExitProblems;
+}
+
+bool AgentApp::ExplicitPathsExist(const AgentOptions& options) const {
+    bool exist = true;
+    const struct {
+        const std::string& given;
+        const std::string& resolved;
+        const char* option;
+    } named[] = {{options.config, paths_.config, "--config"},
+                 {options.policyDir, paths_.policyDir, "--policy-dir"}};
+    for (const auto& path : named) {
+        if (!path.given.empty() && ::access(path.resolved.c_str(), F_OK) != 0) {
+            std::fprintf(stderr, "corvane-agent: %s %s: %s\n", path.option, path.resolved.c_str(),
+                         std::strerror(errno));
+            exist = false;
+        }
+    }
+    return exist;
 }
 
 void AgentApp::Configure(const AgentOptions& options) {
-    paths_ = AgentPaths::Resolve(options, ThisExecutable(), Poco::Path::current());
     SDK::PathUtils::SetInstallationPath(paths_.prefix);
 
     const std::vector<std::string> problems = AgentSettings::LoadFile(paths_.config, settings_);
+    rawSettings_ = ReadRawSettings(paths_.config);
     if (!options.logLevel.empty()) {
         settings_.log.level = options.logLevel;
     }
@@ -94,6 +178,15 @@ void AgentApp::Configure(const AgentOptions& options) {
         settings_.alerts.filePath = AgentPaths::Under(Poco::Path::current(), options.alerts);
     } else {
         settings_.alerts.filePath = AgentPaths::Under(paths_.prefix, settings_.alerts.filePath);
+    }
+    settings_.alerts.spoolDir = AgentPaths::Under(paths_.prefix, settings_.alerts.spoolDir);
+    for (SinkSettings& sink : settings_.alerts.sinks) {
+        for (std::string* path :
+             {&sink.path, &sink.socket, &sink.tokenFile, &sink.headerFile, &sink.caFile}) {
+            if (!path->empty()) {
+                *path = AgentPaths::Under(paths_.prefix, *path);
+            }
+        }
     }
     SetUpLogging();
     for (const std::string& problem : problems) {
@@ -116,6 +209,32 @@ void AgentApp::SetUpLogging() {
     SDK::HostLog::SetConsoleErrorEcho(settings_.log.target == "file");
 }
 
+void AgentApp::StartMetrics() {
+    if (settings_.metricsListen.empty()) {
+        return;
+    }
+    Framework::Metrics::Instance().AddRefresher(this, [] {
+        Framework::Metrics& metrics = Framework::Metrics::Instance();
+        metrics
+            .Counter("corvane_cpu_governor_sleeps_total", "Times the CPU governor made a task thread sleep")
+            .SetTotal(static_cast<double>(SDK::InnerCpuCtrlUtils::GetSleepCount()));
+        metrics
+            .Counter("corvane_cpu_governor_sleep_seconds_total",
+                     "Time task threads slept for the CPU governor")
+            .SetTotal(SDK::InnerCpuCtrlUtils::GetSleptSeconds());
+    });
+    metrics_ = std::make_unique<MetricsEndpoint>();
+    std::string error;
+    if (!metrics_->Start(settings_.metricsListen, error)) {
+        HOST_CONSOLE_LOG_ERROR(error + "; running without metrics");
+        metrics_.reset();
+        Framework::Metrics::Instance().RemoveRefreshers(this);
+        return;
+    }
+    HOST_CONSOLE_LOG_INFO("metrics served on port " + std::to_string(metrics_->GetPort()) + " (" +
+                          settings_.metricsListen + ")");
+}
+
 bool AgentApp::LoadModules(const std::vector<std::string>& explicitModules) {
     std::string error;
     if (!explicitModules.empty()) {
@@ -124,22 +243,31 @@ bool AgentApp::LoadModules(const std::vector<std::string>& explicitModules) {
                 HOST_CONSOLE_LOG_ERROR(error + "; stopping");
                 return false;
             }
+            modulePaths_.push_back(path);
         }
-        return true;
-    }
-    std::vector<std::string> discovered;
-    if (!ModuleDirectory::List(paths_.moduleDir, discovered, error)) {
-        HOST_CONSOLE_LOG_ERROR("cannot read the module directory " + paths_.moduleDir + ": " + error +
-                               "; running without modules");
-        return true;
-    }
-    for (const std::string& path : discovered) {
-        if (loader_->Load(path, error) == nullptr) {
-            HOST_CONSOLE_LOG_ERROR(error + "; skipped");
+    } else {
+        std::vector<std::string> discovered;
+        if (!ModuleDirectory::List(paths_.moduleDir, discovered, error)) {
+            HOST_CONSOLE_LOG_ERROR("cannot read the module directory " + paths_.moduleDir + ": " + error +
+                                   "; stopping");
+            return false;
+        }
+        for (const std::string& path : discovered) {
+            if (loader_->Load(path, error) == nullptr) {
+                Framework::Metrics::Instance()
+                    .Counter("corvane_module_load_errors_total", "Module libraries that could not be loaded")
+                    .Increment();
+                HOST_CONSOLE_LOG_ERROR(error + "; skipped");
+            } else {
+                modulePaths_.push_back(path);
+            }
         }
     }
-    if (loader_->GetCount() == 0) {
-        HOST_CONSOLE_LOG_WARNING("no module loaded from " + paths_.moduleDir);
+    if (std::all_of(modulePaths_.begin(), modulePaths_.end(), ModuleDirectory::IsHostModule)) {
+        HOST_CONSOLE_LOG_ERROR("no plug-in module loaded" +
+                               (explicitModules.empty() ? " from " + paths_.moduleDir : std::string()) +
+                               ": nothing would be detected; stopping");
+        return false;
     }
     return true;
 }
@@ -169,22 +297,123 @@ void AgentApp::DeliverCollectSettings() {
     }
 }
 
+PolicySchemas AgentApp::LoadSchemas() const {
+    PolicySchemas schemas;
+    for (const std::string& error : schemas.LoadBeside(modulePaths_)) {
+        HOST_CONSOLE_LOG_ERROR(error + "; the policies of that module are checked for JSON syntax only");
+    }
+    return schemas;
+}
+
 void AgentApp::Serve() {
     DeliverCollectSettings();
+    const PolicySchemas schemas = LoadSchemas();
     PolicyDirectory policies(paths_.policyDir);
-    PolicyPublisher publisher(*this, policies);
+    PolicyPublisher publisher(*this, policies, &schemas);
     publisher.PublishChanges();
     HOST_CONSOLE_LOG_INFO("corvane-agent running with " + std::to_string(loader_->GetCount()) + " modules");
+    TaskWatchdog watchdog(*this);
+    ServiceNotifier::Ready(watchdog.Summary());
+    watchdog.Start();
     for (;;) {
         const int signal = AgentSignals::Wait();
+        if (signal == SIGUSR1) {
+            HOST_CONSOLE_LOG_INFO("SIGUSR1: reopening the alert files");
+            report_->GetTask()->ReopenSinks();
+            continue;
+        }
         if (signal != SIGHUP) {
+            ServiceNotifier::Stopping();
             HOST_CONSOLE_LOG_INFO(std::string("corvane-agent stopping on ") +
                                   (signal == SIGINT ? "SIGINT" : "SIGTERM"));
             return;
         }
-        HOST_CONSOLE_LOG_INFO("SIGHUP: re-reading the policies in " + paths_.policyDir);
+        HOST_CONSOLE_LOG_INFO("SIGHUP: re-reading " + paths_.config + " and the policies in " +
+                              paths_.policyDir);
+        ServiceNotifier::Reloading();
+        ReloadSettings();
         const int delivered = publisher.PublishChanges();
         HOST_CONSOLE_LOG_INFO("SIGHUP: " + std::to_string(delivered) + " changed policies delivered");
+        ServiceNotifier::Ready(watchdog.Summary());
+    }
+}
+
+int AgentApp::RunOnce() {
+    DeliverCollectSettings();
+    const PolicySchemas schemas = LoadSchemas();
+    PolicyDirectory policies(paths_.policyDir);
+    PolicyPublisher publisher(*this, policies, &schemas);
+    publisher.PublishChanges();
+    // A periodic task has checked once when one Run returned; a resident one when it
+    // made progress after one repeat interval (plus slack for the pass in flight).
+    const int64_t start = Framework::Task::ProgressClockMs();
+    int64_t longest = 0;
+    for (;;) {
+        std::vector<std::string> waiting;
+        for (const TaskStatus& task : GetTaskStatus()) {
+            if (task.system) {
+                continue;
+            }
+            longest = std::max(longest, task.intervalSeconds);
+            const bool done = task.periodic
+                                  ? task.completedRuns > 0
+                                  : task.lastProgressMs >= start + (task.intervalSeconds + 2) * 1000;
+            if (!done) {
+                waiting.push_back(task.name);
+            }
+        }
+        if (waiting.empty()) {
+            HOST_CONSOLE_LOG_INFO("--once: every plug-in task has checked once");
+            return publisher.GetRefusedCount() == 0 ? 0 : kExitProblems;
+        }
+        const int signal = AgentSignals::WaitFor(200);
+        if (signal == SIGTERM || signal == SIGINT) {
+            HOST_CONSOLE_LOG_ERROR("--once: interrupted before the tasks checked once");
+            return kExitProblems;
+        }
+        if (Framework::Task::ProgressClockMs() - start > (longest + 120) * 1000) {
+            std::string names;
+            for (const std::string& name : waiting) {
+                names += (names.empty() ? "" : ", ") + name;
+            }
+            HOST_CONSOLE_LOG_ERROR("--once: gave up waiting for " + names);
+            return kExitProblems;
+        }
+    }
+}
+
+void AgentApp::ReloadSettings() {
+    AgentSettings fresh;
+    for (const std::string& problem : AgentSettings::LoadFile(paths_.config, fresh)) {
+        HOST_CONSOLE_LOG_ERROR(problem);
+    }
+    if (options_.logLevel.empty() && fresh.log.level != settings_.log.level) {
+        SDK::LoggerUtils::GetInstance()->SetLevel(fresh.log.level);
+        settings_.log.level = fresh.log.level;
+    }
+    if (fresh.cpuShare != settings_.cpuShare) {
+        SDK::InnerCpuCtrlUtils::SetCpuShare(fresh.cpuShare);
+        settings_.cpuShare = fresh.cpuShare;
+    }
+    if (fresh.procsRefreshSeconds != settings_.procsRefreshSeconds ||
+        fresh.netRefreshSeconds != settings_.netRefreshSeconds) {
+        settings_.procsRefreshSeconds = fresh.procsRefreshSeconds;
+        settings_.netRefreshSeconds = fresh.netRefreshSeconds;
+        DeliverCollectSettings();
+    }
+    // Sinks, log files and listeners are opened once; say so rather than half-apply a change.
+    const Json::Value raw = ReadRawSettings(paths_.config);
+    for (const char* section : {"log", "alerts", "metrics"}) {
+        Json::Value before = rawSettings_.isObject() ? rawSettings_[section] : Json::Value();
+        Json::Value after = raw.isObject() ? raw[section] : Json::Value();
+        if (before.isObject() && after.isObject()) {
+            before.removeMember("level");
+            after.removeMember("level");
+        }
+        if (before != after) {
+            HOST_CONSOLE_LOG_WARNING(std::string("SIGHUP: \"") + section + "\" changed in " + paths_.config +
+                                     "; it takes effect only when the agent restarts");
+        }
     }
 }
 
@@ -197,6 +426,7 @@ void AgentApp::Shutdown() {
     if (report_) {
         report_->UnInit();
     }
+    metrics_.reset();
     HOST_CONSOLE_LOG_INFO("corvane-agent stopped");
 }
 

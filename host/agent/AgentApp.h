@@ -1,5 +1,7 @@
 #pragma once
 
+#include <json/json.h>
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -11,6 +13,8 @@
 
 namespace Agent {
 
+class MetricsEndpoint;
+class PolicySchemas;
 class ModuleLoader;
 class ReportModule;
 
@@ -18,6 +22,9 @@ class ReportModule;
 // loads the modules, delivers the policies, and then waits for signals.
 class AgentApp : public Framework::Engine {
 public:
+    // Exit status: 0 done; kExitProblems when --check found problems or --once could
+    // not finish; kExitUsage when the agent could not start.
+    static constexpr int kExitProblems = 1;
     static constexpr int kExitUsage = 2;
 
     AgentApp();
@@ -29,17 +36,28 @@ protected:
     int main(const std::vector<std::string>& args) override;
 
 private:
+    int Check(const AgentOptions& options) const;
+    bool ExplicitPathsExist(const AgentOptions& options) const;
     void Configure(const AgentOptions& options);
     void SetUpLogging();
     bool LoadModules(const std::vector<std::string>& explicitModules);
     void DeliverCollectSettings();
+    void StartMetrics();
+    // The policy schemas beside the loaded modules.
+    PolicySchemas LoadSchemas() const;
     void Serve();
+    int RunOnce();
+    void ReloadSettings();
     void Shutdown();
 
+    AgentOptions options_;
     AgentPaths paths_;
+    Json::Value rawSettings_;  // the settings file as read, to tell what a reload changed
+    std::vector<std::string> modulePaths_;
     AgentSettings settings_;
     std::unique_ptr<ReportModule> report_;
     std::unique_ptr<ModuleLoader> loader_;
+    std::unique_ptr<MetricsEndpoint> metrics_;
 };
 
 }  // namespace Agent

@@ -15,7 +15,7 @@ std::vector<std::string> AgentSettings::LoadFile(const std::string& path, AgentS
     std::string text;
     std::string error;
     if (!TextFile::Read(path, kMaxConfigBytes, text, error)) {
-        return {"cannot read " + path + " (" + error + "); using the default settings"};
+        return {path + ": -: cannot be read (" + error + "); using the default settings"};
     }
     std::vector<std::string> problems = AgentSettingsParser::Parse(text, out);
     for (std::string& problem : problems) {

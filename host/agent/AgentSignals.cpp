@@ -13,6 +13,7 @@ sigset_t AgentSet() {
     sigaddset(&set, SIGHUP);
     sigaddset(&set, SIGTERM);
     sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGUSR1);
     return set;
 }
 
@@ -32,6 +33,13 @@ int AgentSignals::Wait() {
             return signal;
         }
     }
+}
+
+int AgentSignals::WaitFor(long milliseconds) {
+    const sigset_t set = AgentSet();
+    const struct timespec timeout = {milliseconds / 1000, (milliseconds % 1000) * 1000000L};
+    const int signal = sigtimedwait(&set, nullptr, &timeout);
+    return signal > 0 ? signal : 0;
 }
 
 }  // namespace Agent

@@ -37,6 +37,13 @@ Poco::Util::OptionSet MakeOptions() {
                           .argument("FILE"));
     options.addOption(
         Option("log-level", "", "error, warning, notice, information, debug or trace").argument("LEVEL"));
+    options.addOption(Option("check", "",
+                             "check the settings and every policy in the policy directory, print "
+                             "each problem as FILE: key: what is wrong, and exit"));
+    options.addOption(Option("once", "",
+                             "run each plug-in task's check once over this machine, write its "
+                             "alerts, and exit"));
+    options.addOption(Option("version", "V", "show the version and the revision it was built from"));
     options.addOption(Option("help", "h", "show this help and exit"));
     return options;
 }
@@ -56,6 +63,12 @@ void Store(const std::string& name, const std::string& value, AgentOptions& opti
         options.logLevel = value;
     } else if (name == "help") {
         options.help = true;
+    } else if (name == "version") {
+        options.version = true;
+    } else if (name == "check") {
+        options.check = true;
+    } else if (name == "once") {
+        options.once = true;
     }
 }
 
@@ -76,7 +89,11 @@ bool CommandLine::Parse(const std::vector<std::string>& args, AgentOptions& opti
             if (name.empty()) {
                 continue;
             }
-            if (value.empty() && name != "help") {
+            if (value.empty() && !set.getOption(name).takesArgument()) {
+                Store(name, value, options);
+                continue;
+            }
+            if (value.empty()) {
                 error = "option --" + name + " needs a value";
                 return false;
             }
@@ -85,6 +102,10 @@ bool CommandLine::Parse(const std::vector<std::string>& args, AgentOptions& opti
         processor.checkRequired();
     } catch (const Poco::Util::OptionException& failure) {
         error = failure.displayText();
+        return false;
+    }
+    if (options.check && options.once) {
+        error = "--check and --once exclude each other";
         return false;
     }
     if (!options.logLevel.empty()) {
@@ -106,7 +127,10 @@ std::string CommandLine::Usage() {
     formatter.setUsage("[OPTIONS]");
     formatter.setHeader(
         "The host-security agent: loads its modules, delivers their policies and writes their "
-        "alerts. SIGHUP re-reads the policy directory; SIGTERM or SIGINT stops it.");
+        "alerts. SIGHUP re-reads the settings and the policy directory; SIGTERM or SIGINT stops it.\n"
+        "Exit status: 0 done; 1 --check found problems, or --once could not finish; 2 the agent could "
+        "not start (usage error, a --config or --policy-dir that does not exist, a module that cannot "
+        "be loaded, no plug-in module).");
     std::ostringstream text;
     formatter.format(text);
     return text.str();

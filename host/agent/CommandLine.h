@@ -14,6 +14,9 @@ struct AgentOptions {
     std::string alerts;  // "-": standard output only
     std::string logLevel;
     bool help = false;
+    bool version = false;
+    bool check = false;  // check the settings and policies, start nothing
+    bool once = false;   // run each plug-in task's check once, then exit
 };
 
 // Parses the agent's options (GNU style: "--name value" or "--name=value").

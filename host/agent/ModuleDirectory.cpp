@@ -30,6 +30,12 @@ int Rank(const std::string& name) {
 
 }  // namespace
 
+bool ModuleDirectory::IsHostModule(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return Rank(slash == std::string::npos ? path : path.substr(slash + 1)) <
+           static_cast<int>(std::size(kHostModules));
+}
+
 std::vector<std::string> ModuleDirectory::Order(std::vector<std::string> fileNames) {
     fileNames.erase(std::remove_if(fileNames.begin(), fileNames.end(),
                                    [](const std::string& name) { return !IsModuleName(name); }),

@@ -4,7 +4,9 @@
 
 #include <memory>
 
+#include "ConfigCheck.h"
 #include "framework/Engine.h"
+#include "framework/Metrics.h"
 #include "sdk/HostLog.h"
 
 namespace Agent {
@@ -29,14 +31,24 @@ bool CheckJson(const std::string& text, std::string& error) {
 
 }  // namespace
 
-PolicyPublisher::PolicyPublisher(Framework::Engine& engine, PolicyDirectory& directory)
-    : engine_(engine), directory_(directory) {}
+PolicyPublisher::PolicyPublisher(Framework::Engine& engine, PolicyDirectory& directory,
+                                 const PolicySchemas* schemas)
+    : engine_(engine), directory_(directory), schemas_(schemas) {}
 
 int PolicyPublisher::PublishChanges() {
     int delivered = 0;
     for (const PolicyDirectory::Change& change : directory_.FindChanges()) {
         if (Publish(change)) {
             ++delivered;
+            Framework::Metrics::Instance()
+                .Counter("corvane_policy_refreshes_total", "Policies delivered to the modules")
+                .Increment();
+        } else {
+            ++refused_;
+            Framework::Metrics::Instance()
+                .Counter("corvane_policy_refusals_total",
+                         "Policy files not delivered (bad JSON, schema, refused)")
+                .Increment();
         }
     }
     return delivered;
@@ -49,6 +61,19 @@ bool PolicyPublisher::Publish(const PolicyDirectory::Change& change) {
         HOST_CONSOLE_LOG_ERROR("policy file " + change.path + " is not valid JSON (" + error + "); the " +
                                what + " in force stays");
         return false;
+    }
+    if (!change.removed && schemas_ != nullptr) {
+        const std::vector<std::string> problems =
+            ConfigCheck::CheckPolicy(*schemas_, change.path, change.id, change.feature, change.text);
+        for (const std::string& problem : problems) {
+            HOST_CONSOLE_LOG_ERROR("policy file " + problem);
+        }
+        if (!problems.empty()) {
+            HOST_CONSOLE_LOG_ERROR("policy file " + change.path + " not delivered (" +
+                                   std::to_string(problems.size()) + " problems); the " + what +
+                                   " in force stays");
+            return false;
+        }
     }
     const int result = engine_.DeliverPolicy(change.id, change.feature, change.text);
     if (result == -2) {

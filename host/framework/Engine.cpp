@@ -59,6 +59,26 @@ std::vector<std::string> Engine::GetTaskNames() const {
     return names;
 }
 
+std::vector<Engine::TaskStatus> Engine::GetTaskStatus() const {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    std::vector<TaskStatus> statuses;
+    for (const auto& entry : tasks_) {
+        if (entry.second->stopping) {
+            continue;
+        }
+        const Task& task = *entry.second->task;
+        TaskStatus status;
+        status.name = entry.first;
+        status.system = entry.second->system;
+        status.periodic = task.GetTaskType() == TaskCondition::TASK_TYPE_PERIODIC;
+        status.intervalSeconds = task.GetTaskCondition().GetTaskCondition().repeatInterval;
+        status.lastProgressMs = task.GetLastProgressMs();
+        status.completedRuns = task.GetCompletedRuns();
+        statuses.push_back(status);
+    }
+    return statuses;
+}
+
 int Engine::RegisterTask(Module* owner, Task* task, bool system) {
     if (task == nullptr) {
         HOST_LOG_ERROR("cannot register a null task");

@@ -9,6 +9,7 @@
 #include <limits>
 
 #include "framework/FeaturePolicy.h"
+#include "framework/Metrics.h"
 #include "framework/TaskPolicy.h"
 #include "sdk/HostLog.h"
 
@@ -162,12 +163,22 @@ void Task::Execute() {
         return;
     }
     setState(TASK_RUNNING);
+    MarkProgress();
     // A cancel() between the check above and setState must stay visible.
     if (IsStopRequested()) {
         setState(TASK_CANCELLING);
     }
     RunGuarded(name(), "life cycle", [this] { runTask(); });
     setState(TASK_FINISHED);
+}
+
+void Task::MarkProgress() {
+    lastProgressMs_.store(ProgressClockMs());
+}
+
+int64_t Task::ProgressClockMs() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(SteadyClock::now().time_since_epoch())
+        .count();
 }
 
 void Task::PrepareRestart() {
@@ -204,10 +215,22 @@ void Task::runTask() {
 }
 
 void Task::RunPeriodic() {
+    Metrics& metrics = Metrics::Instance();
+    MetricCounter& runs = metrics.Counter("corvane_task_runs_total",
+                                          "Runs (detection cycles) of periodic tasks", {{"task", name()}});
+    MetricHistogram& duration =
+        metrics.Histogram("corvane_task_run_duration_seconds", "How long one run of a periodic task took",
+                          {0.01, 0.05, 0.1, 0.5, 1, 2, 5, 10, 30, 60, 120}, {{"task", name()}});
     const TaskCondition::Record first = GetTaskCondition().GetTaskCondition();
     auto next = SteadyClock::now() + std::chrono::seconds(FirstRunDelay(first, std::time(nullptr)));
     while (SleepUntil(*this, next)) {
+        MarkProgress();
+        const auto started = SteadyClock::now();
         RunGuarded(name(), "Run", [this] { Run(); });
+        MarkProgress();
+        ++completedRuns_;
+        runs.Increment();
+        duration.Observe(std::chrono::duration<double>(SteadyClock::now() - started).count());
         // Fixed rate: the next slot follows the previous one, and slots missed by a
         // long Run are skipped rather than run back to back.
         const std::chrono::seconds interval(IntervalSeconds(GetTaskCondition().GetTaskCondition()));

@@ -59,6 +59,7 @@ int Task::HandleMsg(const Message* /*message*/) {
 }
 
 int Task::BulkConsumeMsg(int maxCount) {
+    MarkProgress();
     int handled = 0;
     while (handled < maxCount) {
         std::shared_ptr<Message> message;
@@ -84,9 +85,13 @@ int Task::BulkConsumeMsg(int maxCount) {
 }
 
 bool Task::WaitForMsg(long milliseconds) {
+    MarkProgress();
     std::unique_lock<std::mutex> lock(queueMutex_);
     queueCond_.wait_for(lock, std::chrono::milliseconds(milliseconds),
                         [this] { return !queue_.empty() || stopRequested_.load(); });
+    lock.unlock();
+    MarkProgress();
+    std::lock_guard<std::mutex> relock(queueMutex_);
     return !queue_.empty();
 }
 

@@ -1,10 +1,14 @@
 #include "ProcsRealTask.h"
 
+#include <malloc.h>
+
 #include <chrono>
 #include <utility>
 
+#include "ProcChangeLog.h"
 #include "ProcConnectorReader.h"
 #include "ProcessCollectModule.h"
+#include "framework/Metrics.h"
 #include "sdk/HostLog.h"
 #include "sdk/ProcessUtils.h"
 
@@ -26,6 +30,12 @@ constexpr size_t kParentCacheLimit = 4096;
 // are waiting): waking a subscriber mid-batch tends to cost the producer its CPU
 // for milliseconds on a busy machine, while the kernel's events pile up.
 constexpr size_t kOutboxLimit = 64;
+// After a batch of events the producer lets the kernel gather the next ones this
+// long instead of waking for each: a storm then costs a wake-up per batch, not
+// per event (the receive buffer holds seconds of a storm).
+constexpr long kCoalesceMs = 10;
+// Events after which, once quiet again, freed memory is handed back to the system.
+constexpr unsigned long kTrimAfterEvents = 10000;
 
 unsigned int FlagOf(ProcEvent::Kind kind) {
     switch (kind) {
@@ -108,18 +118,49 @@ int ProcsRealTask::Run() {
     }
     // The baseline is taken once the socket listens, so no process falls in between.
     known_.Reset(ScanIdentities());
+    Framework::Metrics::Instance().AddRefresher(this, [this] { PublishCounters(); });
     counters_.polling = opened != ProcConnectorReader::OpenResult::kOk;
     UpdateCounters();
+    if (changeLog_) {
+        changeLog_->SetLive(opened == ProcConnectorReader::OpenResult::kOk);
+    }
     ready_.store(true);
     if (opened != ProcConnectorReader::OpenResult::kOk || !RunConnector(reader)) {
+        if (changeLog_) {
+            changeLog_->SetLive(false);
+        }
         reader.Close();
         RunPolling();
     }
     // Unsubscriptions sent by consumers that stopped before this task are applied, so
     // that their references are released while their modules are still loaded.
     ApplyPendingSubscriptions();
+    if (changeLog_) {
+        changeLog_->SetLive(false);
+    }
     ready_.store(false);
+    Framework::Metrics::Instance().RemoveRefreshers(this);
     return 0;
+}
+
+void ProcsRealTask::PublishCounters() const {
+    const Counters counters = GetCounters();
+    Framework::Metrics& metrics = Framework::Metrics::Instance();
+    metrics.Counter("corvane_kernel_process_events_total", "Process-level events received from the kernel")
+        .SetTotal(static_cast<double>(counters.events));
+    metrics
+        .Counter("corvane_kernel_events_lost_total",
+                 "Receive buffer overruns (ENOBUFS): events lost by the kernel")
+        .SetTotal(static_cast<double>(counters.overruns));
+    metrics
+        .Counter("corvane_process_rescans_total", "Resynchronisations: /proc rescans after losses, or polls")
+        .SetTotal(static_cast<double>(counters.rescans));
+    metrics.Counter("corvane_subscriber_messages_dropped_total", "Process messages dropped at a full backlog")
+        .SetTotal(static_cast<double>(counters.dropped));
+    metrics.Gauge("corvane_subscriber_backlog_messages", "Process messages held back for slow subscribers")
+        .Set(static_cast<double>(counters.backlog));
+    metrics.Gauge("corvane_process_events_polling", "1 when /proc is polled instead of the kernel connector")
+        .Set(counters.polling ? 1 : 0);
 }
 
 bool ProcsRealTask::RunConnector(ProcConnectorReader& reader) {
@@ -127,6 +168,7 @@ bool ProcsRealTask::RunConnector(ProcConnectorReader& reader) {
     unsigned long overrunsLogged = 0;
     long long lastErrorLog = 0;
     while (!IsStopRequested()) {
+        MarkProgress();
         ApplyPendingSubscriptions();
         // With a backlog waiting, come back soon to offer it again.
         const int timeoutMs = dispatcher_.GetBacklogSize() > 0 ? 5 : 100;
@@ -143,7 +185,11 @@ bool ProcsRealTask::RunConnector(ProcConnectorReader& reader) {
             }
             HandleEvent(event);
         }
+        FlushChangeNotes();
         if (result == ProcConnectorReader::ReadResult::kOverrun) {
+            if (changeLog_) {
+                changeLog_->NoteLost();
+            }
             ++counters_.overruns;
             const long long now = SteadyNowMs();
             if (now - lastOverrunLog >= kLogIntervalMs) {
@@ -163,6 +209,7 @@ bool ProcsRealTask::RunConnector(ProcConnectorReader& reader) {
         FlushOutbox();
         dispatcher_.Offer();
         UpdateCounters();
+        GiveBackMemoryWhenQuiet();
         const long long now = SteadyNowMs();
         if (now - lastErrorLog >= kLogIntervalMs && scanner_->GetErrorCount() > 0) {
             HOST_MODULE_LOG_ERROR(
@@ -172,8 +219,23 @@ bool ProcsRealTask::RunConnector(ProcConnectorReader& reader) {
             scanner_->ResetErrors();
             lastErrorLog = now;
         }
+        if (!events_.empty() && events_.size() < kEventsPerBatch && dispatcher_.GetBacklogSize() == 0 &&
+            sleep(kCoalesceMs)) {
+            break;
+        }
     }
     return true;
+}
+
+void ProcsRealTask::GiveBackMemoryWhenQuiet() {
+    if (!events_.empty() || dispatcher_.GetBacklogSize() > 0 ||
+        counters_.events - eventsAtLastTrim_ < kTrimAfterEvents) {
+        return;
+    }
+    // A storm leaves records, messages and backlog blocks freed all over the heap;
+    // malloc keeps such pages unless asked.
+    eventsAtLastTrim_ = counters_.events;
+    ::malloc_trim(0);
 }
 
 void ProcsRealTask::RunPolling() {
@@ -195,7 +257,42 @@ void ProcsRealTask::RunPolling() {
     }
 }
 
+void ProcsRealTask::NoteChange(const ProcEvent& event) {
+    if (!changeLog_ || !event.IsProcessLevel()) {
+        return;
+    }
+    switch (event.kind) {
+        case ProcEvent::Kind::kFork:
+        case ProcEvent::Kind::kExec:
+        case ProcEvent::Kind::kUid:
+        case ProcEvent::Kind::kGid:
+        case ProcEvent::Kind::kComm:
+            changedPids_.push_back(event.tgid);
+            break;
+        case ProcEvent::Kind::kExit:
+            exitedPids_.push_back(event.tgid);
+            break;
+        default:
+            break;
+    }
+}
+
+void ProcsRealTask::FlushChangeNotes() {
+    if (!changeLog_) {
+        return;
+    }
+    if (!changedPids_.empty()) {
+        changeLog_->NoteChanged(changedPids_);
+        changedPids_.clear();
+    }
+    if (!exitedPids_.empty()) {
+        changeLog_->NoteExited(exitedPids_);
+        exitedPids_.clear();
+    }
+}
+
 void ProcsRealTask::HandleEvent(const ProcEvent& event) {
+    NoteChange(event);
     const unsigned int flag = FlagOf(event.kind);
     // Thread creation and thread exit are no process events.
     if (flag == 0 || !event.IsProcessLevel()) {

@@ -1,6 +1,7 @@
 #include "ReportModule.h"
 
 #include "DataReportTask.h"
+#include "framework/Metrics.h"
 
 namespace Agent {
 
@@ -8,10 +9,19 @@ ReportModule::ReportModule(const ReportSettings& settings)
     : Framework::Module(kModuleName), task_(new DataReportTask(settings)) {}
 
 ReportModule::~ReportModule() {
+    Framework::Metrics::Instance().RemoveRefreshers(this);
     task_->release();
 }
 
 int ReportModule::Init() {
+    // Per-sink figures (delivered, failed, spool bytes) belong here too, once the sinks count them.
+    Framework::Metrics::Instance().AddRefresher(this, [this] {
+        Framework::Metrics& metrics = Framework::Metrics::Instance();
+        metrics.Counter("corvane_report_alerts_written_total", "Alerts the report task wrote to its sinks")
+            .SetTotal(static_cast<double>(task_->GetWrittenCount()));
+        metrics.Counter("corvane_report_alerts_refused_total", "Alerts the report task could not take")
+            .SetTotal(static_cast<double>(task_->GetRefusedCount()));
+    });
     task_->SetTaskEnabled(true);
     const int result = RegisterTask(task_, true);
     Framework::Module::Init();

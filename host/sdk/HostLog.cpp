@@ -7,6 +7,7 @@
 #include <cstring>
 #include <exception>
 
+#include "sdk/JournalLog.h"
 #include "sdk/LoggerUtils.h"
 #include "sdk/PathUtils.h"
 
@@ -90,6 +91,10 @@ void HostLog::Console(Poco::Message::Priority priority, const std::string& text,
     Write(logger, priority, text, file, line);
     const bool echo = priority <= Poco::Message::PRIO_ERROR && g_consoleErrorEcho.load();
     if (logger == nullptr || echo) {
+        static const bool journal = JournalLog::StderrIsJournal();
+        if (journal) {
+            std::fprintf(stderr, "<%d>", JournalLog::SyslogPriority(priority));
+        }
         std::fprintf(stderr, "corvane-agent: %s: %s\n", Label(priority), text.c_str());
         std::fflush(stderr);
     }

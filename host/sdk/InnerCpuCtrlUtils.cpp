@@ -53,7 +53,18 @@ void LogSleep(const char* file, int line, const char* taskName, long long usedMs
     }
 }
 
+std::atomic<unsigned long> g_sleeps{0};
+std::atomic<unsigned long long> g_sleptMs{0};
+
 }  // namespace
+
+unsigned long InnerCpuCtrlUtils::GetSleepCount() {
+    return g_sleeps.load();
+}
+
+double InnerCpuCtrlUtils::GetSleptSeconds() {
+    return static_cast<double>(g_sleptMs.load()) / 1000.0;
+}
 
 void InnerCpuCtrlUtils::SetCpuShare(int percent) {
     g_share.store(std::clamp(percent, 0, 100));
@@ -71,8 +82,11 @@ unsigned long InnerCpuCtrlUtils::GetSuggestedRunTick() {
     return kSuggestedRunTickMs;
 }
 
-void InnerCpuCtrlUtils::AdjustThreadCpu(const char* file, int line, const char* taskName, unsigned long tick,
-                                        unsigned long used) {
+void InnerCpuCtrlUtils::AdjustThreadCpu(const char* file, int line, const char* taskName,
+                                        unsigned long /*tick*/, unsigned long used) {
+    // The caller's tick may be a cached reading a few ms old; here, where a sleep
+    // is decided, the thread's clock is read afresh.
+    const unsigned long tick = TimeUtils::GetThreadCpuMs();
     const int share = g_share.load();
     const long long nowMs = MonotonicMs();
     long long usedMs = 0;
@@ -93,10 +107,12 @@ void InnerCpuCtrlUtils::AdjustThreadCpu(const char* file, int line, const char* 
     }
     if (sleepMs > 0) {
         LogSleep(file, line, taskName, usedMs, wallMs, sleepMs);
+        g_sleeps.fetch_add(1);
+        g_sleptMs.fetch_add(static_cast<unsigned long long>(sleepMs));
         std::this_thread::sleep_for(std::chrono::milliseconds(sleepMs));
     }
     t_lastWallMs = MonotonicMs();
-    t_lastCpuMs = TimeUtils::GetCurrentSystemTickUsed();
+    t_lastCpuMs = TimeUtils::GetThreadCpuMs();
 }
 
 }  // namespace SDK

@@ -7,12 +7,19 @@
 #include <Poco/FileChannel.h>
 #include <Poco/FormattingChannel.h>
 #include <Poco/PatternFormatter.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <Poco/Formatter.h>
+#include <Poco/Message.h>
 
 #include <exception>
 #include <map>
 #include <vector>
 
+#include "sdk/JournalLog.h"
 #include "sdk/PathUtils.h"
+#include "sdk/PrivateFile.h"
 
 namespace SDK {
 
@@ -37,6 +44,25 @@ Poco::AutoPtr<Poco::Channel> ConsoleChannel() {
     return Formatted(Poco::Channel::Ptr(new Poco::ConsoleChannel));
 }
 
+// Lines for journald's stream reader: "<N>" syslog priority first (so that
+// `journalctl -p err` selects), no time stamp (the journal keeps its own).
+class JournalFormatter : public Poco::Formatter {
+public:
+    void format(const Poco::Message& message, std::string& text) override {
+        text = "<" + std::to_string(JournalLog::SyslogPriority(message.getPriority())) + ">";
+        std::string rest;
+        pattern_->format(message, rest);
+        text += rest;
+    }
+
+private:
+    Poco::AutoPtr<Poco::PatternFormatter> pattern_{new Poco::PatternFormatter("%s: %t (%U:%u)")};
+};
+
+Poco::AutoPtr<Poco::Channel> JournalChannel() {
+    return new Poco::FormattingChannel(new JournalFormatter, Poco::Channel::Ptr(new Poco::ConsoleChannel));
+}
+
 std::string LogDirectory(const LogSettings& settings) {
     if (!settings.directory.empty()) {
         return settings.directory;
@@ -50,6 +76,9 @@ std::string LogDirectory(const LogSettings& settings) {
 // opened, with the reason in `error`.
 Poco::AutoPtr<Poco::Channel> BuildChannel(const LogSettings& settings, const std::string& fileName,
                                           std::string& error) {
+    if (settings.target == "journal" || (settings.target == "stderr" && JournalLog::StderrIsJournal())) {
+        return JournalChannel();
+    }
     if (settings.target != "file") {
         if (settings.target != "stderr") {
             error = "unknown log target \"" + settings.target + "\", logging to stderr";
@@ -59,6 +88,15 @@ Poco::AutoPtr<Poco::Channel> BuildChannel(const LogSettings& settings, const std
     const std::string path = LogDirectory(settings) + "/" + fileName;
     try {
         Poco::File(LogDirectory(settings)).createDirectories();
+        // The log carries every alert in full: create it private (and fix an
+        // older one) before Poco opens it, and never through a link.
+        std::string refused;
+        const int fd = PrivateFile::Open(path, O_WRONLY | O_APPEND | O_CREAT, refused);
+        if (fd < 0) {
+            error = "cannot log to " + refused + ", logging to stderr";
+            return ConsoleChannel();
+        }
+        ::close(fd);
         Poco::AutoPtr<Poco::FileChannel> file(new Poco::FileChannel(path));
         file->setProperty("rotation", settings.rotateSize);
         file->setProperty("archive", "number");

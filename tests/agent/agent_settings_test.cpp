@@ -37,8 +37,8 @@ TEST(AgentSettingsParser, BadValuesKeepTheirDefaultsAndAreNamed) {
     })",
                                                                                 settings);
     EXPECT_EQ(problems.size(), 7u);
-    for (const char* key : {"\"log.level\"", "\"log.rotate_size\"", "\"cpu_share\"", "\"alerts.stdout\"",
-                            "\"alerts.rotate_bytes\"", "\"collect.procs_refresh_seconds\"", "\"colect\""}) {
+    for (const char* key : {"log.level: ", "log.rotate_size: ", "cpu_share: ", "alerts.stdout: ",
+                            "alerts.rotate_bytes: ", "collect.procs_refresh_seconds: ", "colect: "}) {
         EXPECT_TRUE(Mentions(problems, key)) << key;
     }
     const Agent::AgentSettings defaults;
@@ -55,6 +55,39 @@ TEST(AgentSettingsParser, BadValuesKeepTheirDefaultsAndAreNamed) {
     EXPECT_EQ(settings.netRefreshSeconds, 7);
 }
 
+TEST(AgentSettingsParser, SinksAreCheckedEntryByEntryAndEachBadOneIsNamed) {
+    Agent::AgentSettings settings;
+    const std::vector<std::string> problems = Agent::AgentSettingsParser::Parse(R"({"alerts": {
+        "spool": {"max_bytes": 1000, "dir": "x"},
+        "sinks": [
+            {"type": "kafka", "brokers": "k:9092", "topic": "t", "properties": {"acks": 1, "x": [1]}},
+            {"type": "webhook", "url": "https://siem/in", "format": "xml", "token": "inline"},
+            {"type": "webhook"},
+            {"type": "syslog", "host": "relay"},
+            {"type": "pigeon"},
+            {"type": "file", "name": "kafka", "path": "a.json"},
+            {"type": "syslog", "envelope": true},
+            7
+        ]}})",
+                                                                                settings);
+    for (const char* needle :
+         {"alerts.spool.max_bytes: below 1 MiB", "alerts.spool.dir: unknown key",
+          "alerts.sinks[0].properties.x: must be a string", "alerts.sinks[1].format: must be",
+          "alerts.sinks[1].token: unknown key", "alerts.sinks[2]: a webhook sink needs \"url\"",
+          "alerts.sinks[3]: a syslog sink needs \"port\"", "alerts.sinks[4].type: must be",
+          "alerts.sinks[5].name: \"kafka\" is taken", "alerts.sinks[7]: must be an object"}) {
+        EXPECT_TRUE(Mentions(problems, needle)) << needle;
+    }
+    EXPECT_EQ(problems.size(), 10u);
+    ASSERT_EQ(settings.alerts.sinks.size(), 3u);
+    EXPECT_EQ(settings.alerts.sinks[0].properties.at("acks"), "1");
+    EXPECT_EQ(settings.alerts.sinks[1].name, "webhook");
+    EXPECT_EQ(settings.alerts.sinks[1].format, "lines");
+    EXPECT_EQ(settings.alerts.sinks[2].socket, "/dev/log");
+    EXPECT_TRUE(settings.alerts.sinks[2].envelope);
+    EXPECT_EQ(settings.alerts.spoolMaxBytes, 1u << 20);
+}
+
 TEST(AgentSettingsParser, UnusableFilesLeaveEverythingAtDefaults) {
     for (const std::string text : {"{\"cpu_share\": 20", "[1, 2]", "", "{\"cpu_share\": 20} {}"}) {
         Agent::AgentSettings settings;
@@ -67,7 +100,7 @@ TEST(AgentSettingsParser, UnusableFilesLeaveEverythingAtDefaults) {
     const std::vector<std::string> problems =
         Agent::AgentSettings::LoadFile("/nonexistent/agent.json", settings);
     ASSERT_EQ(problems.size(), 1u);
-    EXPECT_TRUE(Mentions(problems, "/nonexistent/agent.json (No such file or directory)"));
+    EXPECT_TRUE(Mentions(problems, "/nonexistent/agent.json: -: cannot be read (No such file or directory)"));
 }
 
 TEST(CommandLine, ParsesEveryOptionInBothFormsAndRefusesMistakes) {

@@ -3,6 +3,7 @@
 #include <Poco/Util/Application.h>
 
 #include <condition_variable>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -31,6 +32,17 @@ public:
     // task is registered; host tasks stay registered until StopAll.
     Task* FindTask(const std::string& taskName);
     std::vector<std::string> GetTaskNames() const;
+
+    // What the agent's watchdog and status line need to know of a registered task.
+    struct TaskStatus {
+        std::string name;
+        bool system = false;
+        bool periodic = false;
+        int64_t intervalSeconds = 0;  // the repeat interval of a periodic task
+        int64_t lastProgressMs = 0;   // Task::GetLastProgressMs
+        unsigned long completedRuns = 0;
+    };
+    std::vector<TaskStatus> GetTaskStatus() const;
 
     // Task registry (modules reach it through Module::RegisterTask / UnRegisterTask).
     int RegisterTask(Module* owner, Task* task, bool system);

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <map>
 #include <memory>
@@ -116,8 +117,22 @@ public:
     void PrepareRestart();
 
     // Poco::Task's sleep: returns true when cancelled. Public so that helpers a
-    // task owns can pace themselves.
-    using Poco::Task::sleep;
+    // task owns can pace themselves. Sleeping between steps counts as progress.
+    bool sleep(long milliseconds) {
+        MarkProgress();
+        return Poco::Task::sleep(milliseconds);
+    }
+
+    // --- Progress, for the agent's watchdog ---
+    // A task loop that neither sleeps nor drains messages for long (a blocking
+    // read with a timeout) calls this once per pass. The framework stamps the
+    // other loops itself: around each periodic Run, in sleep, in message waits.
+    void MarkProgress();
+    // Steady-clock milliseconds of the last stamp; 0 before the thread ran.
+    int64_t GetLastProgressMs() const { return lastProgressMs_.load(); }
+    // Periodic tasks: how many Run calls have returned.
+    unsigned long GetCompletedRuns() const { return completedRuns_.load(); }
+    static int64_t ProgressClockMs();
 
 protected:
     ~Task() override;
@@ -139,6 +154,8 @@ private:
     const size_t capacity_;
     std::atomic<bool> enabled_{false};
     std::atomic<bool> stopRequested_{false};
+    std::atomic<int64_t> lastProgressMs_{0};
+    std::atomic<unsigned long> completedRuns_{0};
 
     mutable std::mutex policyMutex_;
     TaskPolicy* taskPolicy_ = nullptr;

@@ -11,6 +11,9 @@ class InnerCpuCtrlUtils {
 public:
     // Share of one CPU in percent, 0 to 100; 0 disables the governor.
     static void SetCpuShare(int percent);
+    // How often and how long AdjustThreadCpu made threads sleep, for the agent's metrics.
+    static unsigned long GetSleepCount();
+    static double GetSleptSeconds();
     static int GetCpuShare();
     static bool IsEnabled();
     // CPU milliseconds a loop may use between two checks.

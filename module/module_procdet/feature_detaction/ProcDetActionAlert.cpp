@@ -3,6 +3,7 @@
 #include <new>
 
 #include "ProcDetLog.h"
+#include "ProcDetMetrics.h"
 #include "feature_detaction/ProcDetActionFullTask.h"
 #include "framework/DataMessage.h"
 #include "sdk/CryptoCodeUtils.h"
@@ -61,6 +62,7 @@ void ProcDetActionFullTask::DetActionNotify(const std::map<int, ProcCheckInfo>& 
     auto* message = new (std::nothrow) Framework::DataMessage(kAlertDataType, text);
     if (message != nullptr) {
         SendDirectMsg(kReportTaskName, message);
+        ProcDetMetrics::CountAlertSent("procdet_0001");
     }
 }
 

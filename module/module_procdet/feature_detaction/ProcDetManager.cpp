@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include "ProcDetLog.h"
+#include "ProcDetMetrics.h"
 #include "collect/ProcsFullTask.h"
 #include "framework/Engine.h"
 #include "sdk/ProcessUtils.h"
@@ -102,6 +103,7 @@ void ProcDetManager::Check(int elapsed, const Framework::Task* task) {
             }
             PROCDET_PACE_CPU(kTaskName);
         }
+        ProcDetMetrics::CountProcessesChecked(table.size());
         PROCDET_DEBUG(logger_, "CHECK FINISHED");
     }
 

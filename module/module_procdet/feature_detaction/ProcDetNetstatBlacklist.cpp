@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "ProcDetLog.h"
+#include "ProcDetMetrics.h"
 #include "feature_detaction/ProcDetNetstat.h"
 #include "sdk/FileUtils.h"
 #include "sdk/HttpUtils.h"
@@ -76,12 +77,17 @@ bool ProcDetNetstat::IsBlackIp(long ip) {
 
 bool ProcDetNetstat::CheckAndUpdateLib() {
     if (LoadLib(libPath, libHash, libBlackIps)) {
+        ProcDetMetrics::SetBlacklist(true, libBlackIps.size());
         return true;
     }
     const int status = SDK::HttpUtils::GetInstance()->Download(libUrl, libPath, "", "", "");
+    ProcDetMetrics::CountBlacklistDownload(status);
     if (status == kHttpOk) {
-        return LoadLib(libPath, libHash, libBlackIps);
+        const bool loaded = LoadLib(libPath, libHash, libBlackIps);
+        ProcDetMetrics::SetBlacklist(loaded, loaded ? libBlackIps.size() : 0);
+        return loaded;
     }
+    ProcDetMetrics::SetBlacklist(false, 0);
     PROCDET_ERROR(Logger(), "download failed. [%s] [%s] [%d]", libUrl, libPath, status);
     return false;
 }

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "ProcDetLog.h"
+#include "ProcDetMetrics.h"
 
 namespace Engine {
 
@@ -141,7 +142,10 @@ bool ProcDetStrings::MatchStrings(std::string path, bool skipSizeCheck, const bo
     }
 
     auto entry = stringsInfoMap.find(path);
-    if (entry != stringsInfoMap.end() && entry->second.checked && entry->second.fileSize == size) {
+    const bool cached =
+        entry != stringsInfoMap.end() && entry->second.checked && entry->second.fileSize == size;
+    ProcDetMetrics::CountStringsCache(cached);
+    if (cached) {
         entry->second.lastAccess = now;
         result = entry->second.matchResult;
         return true;

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "ProcDetLog.h"
+#include "ProcDetMetrics.h"
 #include "feature_detroot/ProcDetRootFullTask.h"
 #include "framework/DataMessage.h"
 #include "sdk/CryptoCodeUtils.h"
@@ -111,6 +112,7 @@ void ProcDetRootFullTask::SendAlarm(ProcInfoPtr process, ProcInfoPtr parent, int
         return;
     }
     SendDirectMsg("data_comm_report_task", message);
+    ProcDetMetrics::CountAlertSent("procdet_0002");
 }
 
 }  // namespace Engine

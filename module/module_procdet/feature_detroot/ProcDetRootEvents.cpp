@@ -1,4 +1,5 @@
 #include "ProcDetLog.h"
+#include "ProcDetMetrics.h"
 #include "feature_detroot/ProcDetRootFullTask.h"
 #include "sdk/ProcessUtils.h"
 
@@ -15,6 +16,9 @@ void ProcDetRootFullTask::ProcsMessageAction(int pid, unsigned int flag, ProcInf
     if (!record) {
         return;
     }
+    ProcDetMetrics::CountProcessEvent(flag == PROCS_EVENT_UID    ? "identity"
+                                      : flag == PROCS_EVENT_FORK ? "fork"
+                                                                 : "other");
     PROCDET_PACE_CPU(kTaskName);
     if (flag == PROCS_EVENT_UID) {
         // Only a change to non-root real and effective users is a drop.

@@ -12,6 +12,7 @@ bool TestFeaturePolicy::Parse(const std::string& content) {
     value = SDK::JsonUtils::GetStringValue(root, "value", "");
     burst = SDK::JsonUtils::GetIntValue(root, "burst", 1);
     sentLog = SDK::JsonUtils::GetStringValue(root, "sent_log", "");
+    hang = SDK::JsonUtils::GetBoolValue(root, "hang", false);
     return true;
 }
 

@@ -6,7 +6,7 @@
 
 namespace AgentTest {
 
-// {"enabled": true, "value": "...", "burst": N, "sent_log": "/path"}
+// {"enabled": true, "value": "...", "burst": N, "sent_log": "/path", "hang": false}
 class TestFeaturePolicy : public Framework::FeaturePolicy {
 public:
     explicit TestFeaturePolicy(const std::string& featureName) : Framework::FeaturePolicy(featureName) {}
@@ -16,6 +16,7 @@ public:
     std::string value;
     int burst = 1;        // reports per run
     std::string sentLog;  // where the task records how many reports it sent
+    bool hang = false;    // Run blocks, making no progress, until the task is stopped
 };
 
 }  // namespace AgentTest

@@ -1,7 +1,9 @@
 #include "TestReportTask.h"
 
+#include <chrono>
 #include <cstdio>
 #include <fstream>
+#include <thread>
 
 #include "TestFeaturePolicy.h"
 #include "framework/DataMessage.h"
@@ -17,11 +19,15 @@ int TestReportTask::Init() {
         value_ = policy->value;
         burst_ = policy->burst;
         sentLog_ = policy->sentLog;
+        hang_ = policy->hang;
     }
     return Framework::Task::Init();
 }
 
 int TestReportTask::Run() {
+    while (hang_ && !IsStopRequested()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));  // not Task::sleep: no progress stamp
+    }
     for (int index = 0; index < burst_; ++index) {
         Json::Value body;
         body["test_value"] = value_;

@@ -30,6 +30,7 @@ private:
     std::string sentLog_;
     long sent_ = 0;
     long refused_ = 0;
+    bool hang_ = false;
 };
 
 }  // namespace AgentTest

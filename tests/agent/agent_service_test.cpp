@@ -1,0 +1,173 @@
+// The agent as a supervised service: its Prometheus endpoint scraped over HTTP,
+// and its systemd watchdog heartbeat read from a notification socket.
+#include <Poco/Net/HTTPClientSession.h>
+#include <Poco/Net/HTTPRequest.h>
+#include <Poco/Net/HTTPResponse.h>
+#include <Poco/StreamCopier.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+
+#include <fstream>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <string>
+
+#include "support/AgentRunner.h"
+#include "support/TempDir.h"
+#include "support/WaitFor.h"
+
+namespace {
+
+using TestSupport::AgentRunner;
+const long kDeadlineMs = 30000;
+
+// Series ("name{labels}") to value, from the Prometheus text format; fails the
+// test on a line that is neither a comment nor a sample.
+std::map<std::string, double> Scrape(int port) {
+    Poco::Net::HTTPClientSession session("127.0.0.1", static_cast<Poco::UInt16>(port));
+    Poco::Net::HTTPRequest request(Poco::Net::HTTPRequest::HTTP_GET, "/metrics");
+    session.sendRequest(request);
+    Poco::Net::HTTPResponse response;
+    std::istream& body = session.receiveResponse(response);
+    EXPECT_EQ(response.getStatus(), Poco::Net::HTTPResponse::HTTP_OK);
+    std::string text;
+    Poco::StreamCopier::copyToString(body, text);
+    std::map<std::string, double> series;
+    const std::regex sample(R"(^([a-zA-Z_:][a-zA-Z0-9_:]*(\{.*\})?) ([-+0-9.eE]+|NaN|Nan|[+-]Inf)$)");
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        std::smatch parts;
+        if (line.empty() || line[0] == '#') {
+            continue;
+        }
+        EXPECT_TRUE(std::regex_match(line, parts, sample)) << line;
+        if (!parts.empty()) {
+            series[parts[1]] = std::stod(parts[3]);
+        }
+    }
+    return series;
+}
+
+int MetricsPort(const AgentRunner& agent) {
+    std::smatch port;
+    const std::string log = agent.ReadLog();
+    return std::regex_search(log, port, std::regex("metrics served on port ([0-9]+)")) ? std::stoi(port[1])
+                                                                                       : 0;
+}
+
+TEST(AgentService, MetricsAreServedAndMoveAsTheAgentWorks) {
+    AgentRunner agent("metrics");
+    std::ofstream(agent.prefix() + "/conf/agent.json") << R"({"metrics": {"listen": "127.0.0.1:0"}})";
+    agent.WritePolicy("10001", "proc_detaction_feature",
+                      R"({"enabled": true, "content": {"detaction_full_task": {
+        "task_condition": {"repeat_interval": 1}, "score": {"tmp": 1}}}})");
+    ASSERT_TRUE(agent.Start());
+    ASSERT_TRUE(agent.WaitForLog("metrics served on port", kDeadlineMs)) << agent.ReadLog();
+    const int port = MetricsPort(agent);
+    ASSERT_GT(port, 0);
+
+    const std::string cycles = R"(corvane_task_runs_total{task="detaction_full_task"})";
+    std::map<std::string, double> first;
+    ASSERT_TRUE(TestSupport::WaitFor([&] { return (first = Scrape(port))[cycles] >= 1; }, kDeadlineMs));
+    EXPECT_GE(first["corvane_processes_checked_total"], 1);
+    EXPECT_EQ(first["corvane_policy_refreshes_total"], 1);
+    EXPECT_EQ(first.count("corvane_report_alerts_written_total"), 1u);
+    EXPECT_EQ(first.count("corvane_subscriber_backlog_messages"), 1u);
+    EXPECT_EQ(
+        first.count(R"(corvane_task_run_duration_seconds_bucket{task="detaction_full_task",le="+Inf"})"), 1u);
+    ASSERT_TRUE(TestSupport::WaitFor([&] { return Scrape(port)[cycles] > first[cycles]; }, kDeadlineMs));
+
+    // A broken policy shows up as a refusal.
+    agent.WritePolicy("10001", "proc_detroot_feature", R"({"enabled": "yes"})");
+    agent.Reload();
+    EXPECT_TRUE(TestSupport::WaitFor([&] { return Scrape(port)["corvane_policy_refusals_total"] == 1; },
+                                     kDeadlineMs));
+}
+
+}  // namespace
+
+namespace {
+
+// A datagram socket standing in for systemd's NOTIFY_SOCKET.
+class NotifySocket {
+public:
+    NotifySocket() : path_(dir_.path() + "/notify") {
+        fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path_.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        EXPECT_EQ(::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    }
+    ~NotifySocket() { ::close(fd_); }
+    const std::string& path() const { return path_; }
+
+    // Every datagram that arrives within `ms`, joined by newlines.
+    std::string Read(long ms) {
+        std::string all;
+        pollfd ready{fd_, POLLIN, 0};
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+        while (std::chrono::steady_clock::now() < end) {
+            if (::poll(&ready, 1, 100) == 1) {
+                char buffer[4096];
+                const ssize_t got = ::recv(fd_, buffer, sizeof(buffer), 0);
+                all.append(buffer, got > 0 ? static_cast<size_t>(got) : 0).push_back('\n');
+            }
+        }
+        return all;
+    }
+
+private:
+    TestSupport::TempDir dir_{"notify"};
+    std::string path_;
+    int fd_ = -1;
+};
+
+size_t Count(const std::string& text, const std::string& needle) {
+    size_t count = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+TEST(AgentService, WatchdogHeartbeatStopsWhenATaskHangs) {
+    const std::string module = std::string(CORVANE_BUILD_DIR) + "/tests/modules/libagent_test_module.so";
+    NotifySocket notify;
+    AgentRunner agent("watchdog");
+    agent.WritePolicy("90001", "agent_test_feature", R"({"enabled": true, "value": "w", "burst": 1})");
+    ::setenv("NOTIFY_SOCKET", notify.path().c_str(), 1);
+    ::setenv("WATCHDOG_USEC", "1000000", 1);
+    const bool started = agent.Start({}, {module});
+    ::unsetenv("NOTIFY_SOCKET");
+    ::unsetenv("WATCHDOG_USEC");
+    ASSERT_TRUE(started);
+
+    const std::string healthy = notify.Read(4000);
+    EXPECT_NE(healthy.find("READY=1"), std::string::npos) << healthy;
+    EXPECT_NE(healthy.find("STATUS="), std::string::npos) << healthy;
+    EXPECT_GE(Count(healthy, "WATCHDOG=1"), 3u) << healthy;
+
+    agent.WritePolicy("90001", "agent_test_feature", R"({"enabled": true, "value": "w", "hang": true})");
+    agent.Reload();
+    // Drained while waiting: a full socket would block the agent's notifications.
+    ASSERT_TRUE(TestSupport::WaitFor(
+        [&] {
+            notify.Read(200);
+            return agent.ReadLog().find("watchdog: task agent_test_task has made no progress") !=
+                   std::string::npos;
+        },
+        kDeadlineMs))
+        << agent.ReadLog();
+    notify.Read(600);  // a heartbeat already in flight
+    EXPECT_EQ(Count(notify.Read(3000), "WATCHDOG=1"), 0u);
+    EXPECT_EQ(agent.Stop(kDeadlineMs), 0);
+}
+
+}  // namespace
