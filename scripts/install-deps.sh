@@ -6,7 +6,7 @@ packages=(
   libpoco-dev libjsoncpp-dev libssl-dev libcurl4-openssl-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   prometheus-cpp-dev libsystemd-dev systemd dpkg-dev fakeroot file
-  procps libcap2-bin python3 yara
+  procps libcap2-bin python3 yara login bsdutils util-linux
   librdkafka-dev rsyslog rsyslog-openssl openssl
 )
 missing=()

@@ -1,11 +1,13 @@
 // Loading module libraries.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <string>
 
 #include "ModuleDirectory.h"
 #include "ModuleLoader.h"
 #include "framework/Engine.h"
+#include "support/FileText.h"
 
 namespace {
 
@@ -39,4 +41,30 @@ TEST(ModuleDirectory, CollectModulesLoadFirstAndOnlyLibrariesCount) {
                                        "libprocess_collect_module.so", "lib.so", "libx.so.1"}),
         (std::vector<std::string>{"libprocess_collect_module.so", "libnet_collect_module.so", "libalpha.so",
                                   "libzeta.so"}));
+}
+
+// The detection module needs the four host libraries only and searches exactly three
+// places; no installed binary carries the build machine's source paths.
+TEST(ModuleLoader, BinariesNameTheirLibrariesAndNoBuildPaths) {
+    const std::string build = std::string(CORVANE_BUILD_DIR) + "/";
+    std::string dynamic;
+    FILE* readelf = popen(("readelf -d " + build + "module/libproc_det_module.so").c_str(), "r");
+    ASSERT_NE(readelf, nullptr);
+    for (char line[512]; fgets(line, sizeof(line), readelf) != nullptr;) {
+        dynamic += line;
+    }
+    pclose(readelf);
+    for (const char* library :
+         {"libframework.so", "libsdk.so", "libprocess_collect_module.so", "libnet_collect_module.so"}) {
+        EXPECT_NE(dynamic.find(std::string("[") + library + "]"), std::string::npos) << library;
+    }
+    EXPECT_EQ(dynamic.find("libprocs_message"), std::string::npos);
+    EXPECT_NE(dynamic.find("runpath: [$ORIGIN/:/usr/local/corvane/lib/:/usr/local/corvane/module/]"),
+              std::string::npos)
+        << dynamic;
+    for (const char* binary : {"bin/corvane-agent", "lib/libsdk.so", "lib/libframework.so",
+                               "module/libproc_det_module.so", "module/libprocess_collect_module.so"}) {
+        EXPECT_EQ(TestSupport::ReadText(build + binary).find(CORVANE_SOURCE_DIR "/"), std::string::npos)
+            << binary;
+    }
 }

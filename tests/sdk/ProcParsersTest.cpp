@@ -107,12 +107,6 @@ TEST(ProcParsers, SmallTexts) {
         EXPECT_FALSE(SDK::ParseSocketLink(other, inode)) << other;
     }
 
-    std::string session;
-    EXPECT_TRUE(SDK::ParseAuditSessionId("42\n", session));
-    EXPECT_EQ(session, "42");
-    EXPECT_FALSE(SDK::ParseAuditSessionId("4294967295", session));
-    EXPECT_FALSE(SDK::ParseAuditSessionId("", session));
-
     long long uptimeMs = 0;
     EXPECT_TRUE(SDK::ParseUptimeText("1234.56 2000.00\n", uptimeMs));
     EXPECT_EQ(uptimeMs, 1234560);

@@ -1,14 +1,21 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <utmpx.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
+#include <set>
+#include <string>
 
 #include "SessionLookup.h"
 #include "sdk/ProcessUtils.h"
 #include "support/ChildProcess.h"
+#include "support/FileText.h"
 #include "support/TempDir.h"
+#include "support/WaitFor.h"
 
 namespace {
 
@@ -87,36 +94,18 @@ TEST(ProcessUtils, FakeProcTreeWithBrokenFiles) {
     ProcessUtils::procStatus status;
     EXPECT_NE(ProcessUtils::GetProcessStatusInfo(10, status), 0);
     EXPECT_NE(ProcessUtils::GetProcessExePath(10, text), 0);
-    std::string session;
-    EXPECT_EQ(ProcessUtils::GetProcessSessionId(10, session), 0) << "no audit session: the stat session";
-    EXPECT_EQ(session, "10");
     ProcessUtils::SetProcRoot("/proc");
 }
 
-TEST(ProcessUtils, SessionRecordsFromLogindAndUtmp) {
+TEST(ProcessUtils, SessionRecordsFromUtmpByLoginPid) {
     TempDir dir;
-    const std::string& sessions = dir.path();
-    dir.Write("7", "# private\nUSER=bob\nREMOTE_HOST=192.0.2.9\nTTY=pts/1\nREALTIME=1600000000000000\n");
-    dir.Write("9", "UID=0\nTTY=tty1\n");  // no user: no session record
-    ProcessUtils::SessionInfo info;
-    EXPECT_TRUE(SDK::HasLogindSession(sessions, "7"));
-    ASSERT_EQ(SDK::ReadLogindSession(sessions, "7", info), 0);
-    EXPECT_EQ(info.user, "bob");
-    EXPECT_EQ(info.host, "192.0.2.9");
-    EXPECT_EQ(info.terminal, "pts/1");
-    EXPECT_EQ(info.loginTime, 1600000000L);
-    EXPECT_FALSE(SDK::HasLogindSession(sessions, "8"));
-    EXPECT_NE(SDK::ReadLogindSession(sessions, "9", info), 0);
-    EXPECT_FALSE(SDK::HasLogindSession(sessions, "../7"));
-
-    // utmp: a dead entry with the same session, then the login entry.
-    const std::string utmp = sessions + "/utmp";
+    const std::string utmp = dir.path() + "/utmp";
     std::FILE* file = std::fopen(utmp.c_str(), "wb");
     ASSERT_NE(file, nullptr);
-    struct utmpx entries[3];
+    struct utmpx entries[2];
     std::memset(entries, 0, sizeof(entries));
     entries[0].ut_type = DEAD_PROCESS;
-    entries[0].ut_session = 4321;
+    entries[0].ut_pid = 999;
     std::strncpy(entries[0].ut_user, "ghost", sizeof(entries[0].ut_user));
     entries[1].ut_type = USER_PROCESS;
     entries[1].ut_pid = 999;
@@ -125,21 +114,49 @@ TEST(ProcessUtils, SessionRecordsFromLogindAndUtmp) {
     std::strncpy(entries[1].ut_line, "pts/4", sizeof(entries[1].ut_line));
     std::memset(entries[1].ut_host, 'h', sizeof(entries[1].ut_host));  // full field, no NUL
     entries[1].ut_tv.tv_sec = 1650000000;
-    entries[2].ut_type = USER_PROCESS;
-    entries[2].ut_pid = 5555;
-    std::strncpy(entries[2].ut_user, "dave", sizeof(entries[2].ut_user));
-    std::fwrite(entries, sizeof(entries[0]), 3, file);
+    std::fwrite(entries, sizeof(entries[0]), 2, file);
     std::fclose(file);
 
-    ASSERT_EQ(SDK::FindUtmpSession(utmp, 4321, info), 0);
+    ProcessUtils::SessionInfo info;
+    ASSERT_EQ(SDK::FindUtmpSession(utmp, 999, info), 0);
     EXPECT_EQ(info.user, "carol");
     EXPECT_EQ(info.terminal, "pts/4");
     EXPECT_EQ(info.host, std::string(sizeof(entries[1].ut_host), 'h'));
     EXPECT_EQ(info.loginTime, 1650000000L);
-    ASSERT_EQ(SDK::FindUtmpSession(utmp, 5555, info), 0);
-    EXPECT_EQ(info.user, "dave");
-    EXPECT_NE(SDK::FindUtmpSession(utmp, 1234, info), 0);
-    EXPECT_NE(SDK::FindUtmpSession(sessions + "/missing", 4321, info), 0);
+    EXPECT_EQ(SDK::ReadUtmpLoginPids(utmp), std::set<long>{999});
+    EXPECT_NE(SDK::FindUtmpSession(utmp, 4321, info), 0) << "a session id is no login pid";
+    EXPECT_NE(SDK::FindUtmpSession(dir.path() + "/missing", 999, info), 0);
+}
+
+// A real login (login on the pseudo-terminal of script) and, as under sshd, a process
+// in a session of its own below it: found through its ancestors.
+TEST(ProcessUtils, ProcessOfARealLoginFindsItsSession) {
+    if (geteuid() != 0 || access("/usr/bin/login", X_OK) != 0 || access("/usr/bin/script", X_OK) != 0) {
+        GTEST_SKIP() << "needs root, login and script";
+    }
+    // Without the utmp file (containers) login records nothing: made for the run.
+    const bool madeUtmp = access(SDK::kUtmpFile, F_OK) != 0;
+    ASSERT_TRUE(!madeUtmp || std::fclose(std::fopen(SDK::kUtmpFile, "w")) == 0);
+    TempDir dir;
+    const std::string pidFile = dir.path() + "/pid";
+    const std::string input = "setsid -w sh -c 'echo $$ > " + pidFile + "; exec sleep 30'\n";
+    // In a process group of its own, so that script and its input go with it at the end.
+    ChildProcess login({"/usr/bin/setsid", "/bin/sh", "-c",
+                        "(printf '%s' \"$1\"; sleep 30) | script -qfc 'login -f root' /dev/null", "sh",
+                        input});
+    ASSERT_TRUE(TestSupport::WaitFor([&] { return !TestSupport::ReadText(pidFile).empty(); }));
+    const int pid = std::stoi(TestSupport::ReadText(pidFile));
+    std::string session;
+    ASSERT_EQ(ProcessUtils::GetProcessSessionId(pid, session), 0);
+    ProcessUtils::SessionInfo info;
+    ASSERT_EQ(ProcessUtils::GetSessionInfo(session, info), 0);
+    EXPECT_EQ(info.user, "root");
+    EXPECT_EQ(info.terminal.rfind("pts/", 0), 0u) << info.terminal;
+    EXPECT_LE(std::labs(info.loginTime - time(nullptr)), 60L);
+    kill(-login.pid(), SIGKILL);  // script's end hangs the terminal up: login and its shell go too
+    if (madeUtmp) {
+        unlink(SDK::kUtmpFile);
+    }
 }
 
 }  // namespace
