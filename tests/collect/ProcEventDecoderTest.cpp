@@ -110,32 +110,4 @@ TEST(ProcEventDecoder, DecodesEveryKindFromOneBuffer) {
     EXPECT_EQ(1u, events[4].realId);
 }
 
-TEST(ProcEventDecoder, SkipsWhatItCannotTrust) {
-    std::vector<unsigned char> buffer;
-    // A thread creation is decoded (the collector tells it apart by pid != tgid).
-    AppendMessage(buffer, Fork(100, 100, 301, 300), sizeof(proc_event));
-    // A fork event cut inside its payload.
-    AppendMessage(buffer, Fork(1, 1, 2, 2), offsetof(proc_event, event_data) + 8);
-    // Another connector's message.
-    AppendMessage(buffer, Fork(1, 1, 3, 3), sizeof(proc_event), CN_IDX_PROC + 1);
-    AppendMessage(buffer, Fork(1, 1, 4, 4), sizeof(proc_event));
-
-    std::vector<ProcEvent> events;
-    auto result = ProcEventDecoder::Decode(buffer.data(), buffer.size(), events);
-    EXPECT_EQ(2u, result.malformed);
-    ASSERT_EQ(2u, events.size());
-    EXPECT_FALSE(events[0].IsProcessLevel());
-    EXPECT_EQ(4, events[1].pid);
-
-    // A netlink length running past the end of what was received stops decoding.
-    events.clear();
-    result = ProcEventDecoder::Decode(buffer.data(), buffer.size() - 4, events);
-    EXPECT_EQ(3u, result.malformed);
-    EXPECT_EQ(1u, events.size());
-
-    events.clear();
-    result = ProcEventDecoder::Decode(buffer.data(), 3, events);
-    EXPECT_EQ(0u, result.events);
-}
-
 }  // namespace

@@ -59,19 +59,4 @@ TEST(JsonUtils, GettersGiveTheDefaultForMissingOrMistypedMembers) {
     EXPECT_EQ(JsonUtils::GetIntValue(doc, nullptr, 4), 4);
 }
 
-TEST(JsonUtils, JsonToStringIsOneCompactLineThatParsesBack) {
-    Json::Value value;
-    value["name"] = "a \"quoted\"\nline";
-    value["list"].append(1);
-    value["list"].append(Json::Value(Json::objectValue));
-    value["big"] = Json::Int64(1700000000123LL);
-    const std::string text = JsonUtils::JsonToString(value);
-    EXPECT_EQ(text.find('\n'), std::string::npos);
-    EXPECT_EQ(text.find(": "), std::string::npos);
-    Json::Value back;
-    ASSERT_EQ(Parse(text, back), 0);
-    EXPECT_EQ(back, value);
-    EXPECT_EQ(JsonUtils::JsonToString(Json::Value(Json::objectValue)), "{}");
-}
-
 }  // namespace

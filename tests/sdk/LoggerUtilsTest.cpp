@@ -1,10 +1,7 @@
-#include <Poco/AutoPtr.h>
-#include <Poco/Channel.h>
 #include <Poco/Message.h>
 #include <gtest/gtest.h>
 
 #include <regex>
-#include <vector>
 
 #include "sdk/FileUtils.h"
 #include "sdk/LoggerUtils.h"
@@ -15,12 +12,6 @@ namespace {
 using TestSupport::TempDir;
 
 using SDK::LoggerUtils;
-
-class CaptureChannel : public Poco::Channel {
-public:
-    void log(const Poco::Message& message) override { texts.push_back(message.getText()); }
-    std::vector<std::string> texts;
-};
 
 class LoggerUtilsTest : public ::testing::Test {
 protected:
@@ -43,40 +34,6 @@ protected:
     TempDir dir_;
     SDK::LogSettings settings_;
 };
-
-TEST_F(LoggerUtilsTest, ModuleLoggerIsConfiguredOnceAndAgainBySetup) {
-    LoggerUtils* utils = LoggerUtils::GetInstance();
-    if (!utils->IsSetUp()) {
-        EXPECT_EQ(utils->GetModuleLogger("proc_det_module", false), nullptr);
-        EXPECT_EQ(utils->GetAgentLogger(), nullptr);
-    }
-    utils->Setup(settings_);
-    Poco::Logger* logger = utils->GetModuleLogger("proc_det_module", false);
-    ASSERT_NE(logger, nullptr);
-    EXPECT_EQ(logger->getLevel(), Poco::Message::PRIO_INFORMATION);
-
-    // A test (or the agent) takes the logger over; asking again must not undo that.
-    Poco::AutoPtr<CaptureChannel> capture(new CaptureChannel);
-    logger->setChannel(capture);
-    logger->setLevel(Poco::Message::PRIO_DEBUG);
-    ASSERT_EQ(utils->GetModuleLogger("proc_det_module", false), logger);
-    logger->debug("kept");
-    ASSERT_EQ(capture->texts, std::vector<std::string>{"kept"});
-
-    utils->SetLevel("nonsense");
-    EXPECT_EQ(logger->getLevel(), Poco::Message::PRIO_DEBUG);
-    utils->SetLevel("error");
-    EXPECT_EQ(logger->getLevel(), Poco::Message::PRIO_ERROR);
-    EXPECT_EQ(utils->GetAgentLogger()->getLevel(), Poco::Message::PRIO_ERROR);
-
-    // Setup again reconfigures every logger it handed out.
-    settings_.level = "warning";
-    utils->Setup(settings_);
-    EXPECT_EQ(logger->getLevel(), Poco::Message::PRIO_WARNING);
-    logger->warning("to the file");
-    EXPECT_EQ(capture->texts.size(), 1u);
-    EXPECT_NE(Read("agent.log").find("to the file"), std::string::npos);
-}
 
 TEST_F(LoggerUtilsTest, FormattedLinesInSharedAndOwnFiles) {
     LoggerUtils* utils = LoggerUtils::GetInstance();

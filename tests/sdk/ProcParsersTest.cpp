@@ -2,6 +2,7 @@
 
 #include <fstream>
 #include <sstream>
+#include <tuple>
 
 #include "ProcParsers.h"
 #include "support/FileText.h"
@@ -16,13 +17,9 @@ TEST(ProcParsers, StatOfCapturedProcesses) {
     SDK::ProcStat stat;
     // comm "x) (y z" holds blanks and both parentheses.
     ASSERT_TRUE(SDK::ParseStatText(Sample("stat_comm_paren"), stat));
-    EXPECT_EQ(stat.pid, 5293);
-    EXPECT_EQ(stat.comm, "x) (y z");
-    EXPECT_EQ(stat.state, 'S');
-    EXPECT_EQ(stat.ppid, 5292);
-    EXPECT_EQ(stat.pgrp, 5286);
-    EXPECT_EQ(stat.session, 3251);
-    EXPECT_EQ(stat.startTime, 53584);
+    EXPECT_EQ(
+        std::make_tuple(stat.pid, stat.comm, stat.state, stat.ppid, stat.pgrp, stat.session, stat.startTime),
+        std::make_tuple(5293, std::string("x) (y z"), 'S', 5292, 5286, 3251, 53584LL));
 
     ASSERT_TRUE(SDK::ParseStatText(Sample("stat_python"), stat));
     EXPECT_EQ(stat.comm, "python3");
@@ -54,18 +51,12 @@ TEST(ProcParsers, StatusIdentitiesAndCapabilities) {
     SDK::ProcessUtils::procStatus status;
     ASSERT_TRUE(SDK::ParseStatusText(Sample("status_dropped"), status));
     EXPECT_EQ(status.name, "python3");
-    EXPECT_EQ(status.ppid, 5286);
-    EXPECT_EQ(status.uid, 1000u);
-    EXPECT_EQ(status.euid, 1001u);
-    EXPECT_EQ(status.suid, 1002u);
-    EXPECT_EQ(status.fsuid, 1001u);
-    EXPECT_EQ(status.gid, 65534u);
-    EXPECT_EQ(status.egid, 65533u);
-    EXPECT_EQ(status.sgid, 65532u);
-    EXPECT_EQ(status.fsgid, 65533u);
-    EXPECT_EQ(status.capPrm, 0u);
-    EXPECT_EQ(status.capEff, 0u);
-    EXPECT_EQ(status.capBnd, 0x1fffeffffffULL);
+    EXPECT_EQ(std::make_tuple(status.ppid, status.uid, status.euid, status.suid, status.fsuid),
+              std::make_tuple(5286, 1000u, 1001u, 1002u, 1001u));
+    EXPECT_EQ(std::make_tuple(status.gid, status.egid, status.sgid, status.fsgid),
+              std::make_tuple(65534u, 65533u, 65532u, 65533u));
+    EXPECT_EQ(std::make_tuple(status.capPrm, status.capEff, status.capBnd),
+              std::make_tuple(0ULL, 0ULL, 0x1fffeffffffULL));
 
     ASSERT_TRUE(SDK::ParseStatusText(Sample("status_root"), status));
     EXPECT_EQ(status.name, "x) (y z");
