@@ -123,7 +123,7 @@ int Release(const AgentRunner& agent, const ProcessTree& tree, const std::string
     return pid;
 }
 
-// A rise to root by the helper is reported once, with the facts of the process
+// A rise to root by the helper is reported once, with the alert header and the facts of the process
 // and its parent; the same rise by a white-listed set-uid program or by an
 // ignored program is not. The alarm types of the other rises are met by
 // DetRootTaskTest.
@@ -165,7 +165,18 @@ TEST(DetRootE2E, SavedRootRegainedAlarmsOnceWhiteListedAndIgnoredProgramsNever) 
 
     const Json::Value alert = agent.WaitForFinding("procdet_0002", b, 0, kDeadlineMs).alert;
     ASSERT_FALSE(alert.isNull()) << tree.Errors() << agent.ReadLog();
-    EXPECT_EQ(alert["alarm_type"].asInt(), 5);
+    EXPECT_EQ(alert["event_id"].asString().size(), 36u);
+    ExpectFields(alert, {{"event_classid", "procdet_0002"},
+                         {"event_name", "detroot"},
+                         {"event_category", "3000"},
+                         {"event_type", "3003"},
+                         {"severity", "3"},
+                         {"event_count", "1"},
+                         {"attack_phase", "4"},
+                         {"attack_tag", "4"},
+                         {"confidence", "70"},
+                         {"detect_module", "proc_det_module"},
+                         {"alarm_type", "5"}});
     const passwd* user = getpwuid(1000);
     ExpectFields(alert["process_info"][0], {{"process_name", "detroot_helper"},
                                             {"process_uid", kUser},

@@ -18,7 +18,6 @@ public:
     static std::map<std::string, ProcDetStrings::STRINGS_INFO>& Cache(ProcDetStrings& detector) {
         return detector.stringsInfoMap;
     }
-    static time_t& LastCleanTime(ProcDetStrings& detector) { return detector.lastCleanTime; }
 };
 
 }  // namespace Engine
