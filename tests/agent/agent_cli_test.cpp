@@ -113,16 +113,4 @@ TEST(AgentCommandLine, LinesToTheJournalCarryTheirSyslogPriority) {
     EXPECT_NE(text.find("<6>agent: corvane-agent "), std::string::npos) << text;
 }
 
-TEST(AgentCommandLine, BadPolicyIsRefusedNamingFileAndKey) {
-    AgentRunner agent("badpolicy");
-    agent.WritePolicy("10001", "proc_detaction_feature", Detaction(R"("report_score": 0)"));
-    ASSERT_TRUE(agent.Start());
-    EXPECT_TRUE(
-        agent.WaitForLog("proc_detaction_feature.json: content.detaction_full_task.report_score: 0 is "
-                         "out of range",
-                         30000))
-        << agent.ReadLog();
-    EXPECT_TRUE(agent.WaitForLog("not delivered", 30000));
-}
-
 }  // namespace
