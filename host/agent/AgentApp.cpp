@@ -14,6 +14,7 @@
 #include "PolicyDirectory.h"
 #include "PolicyPublisher.h"
 #include "ReportModule.h"
+#include "TrustedPath.h"
 #include "collect/CollectSettings.h"
 #include "sdk/HostLog.h"
 #include "sdk/InnerCpuCtrlUtils.h"
@@ -30,6 +31,10 @@ std::string ThisExecutable() {
     const ssize_t length = ::readlink("/proc/self/exe", buffer, sizeof(buffer) - 1);
     return length > 0 ? std::string(buffer, static_cast<size_t>(length)) : std::string();
 }
+
+const char* const kTrustHint =
+    "files the agent loads must be owned by root and writable by no one else; CORVANE_INSECURE_DEV_TREE=1 "
+    "lifts this for development trees";
 
 void MakeDirectory(const std::string& dir) {
     try {
@@ -61,6 +66,9 @@ int AgentApp::main(const std::vector<std::string>& args) {
         return 0;
     }
     Configure(options);
+    if (!CheckTrusted(options.modules.empty())) {
+        return kExitUsage;
+    }
 
     report_ = std::make_unique<ReportModule>(settings_.alerts);
     if (report_->Init() != 0) {
@@ -116,10 +124,29 @@ void AgentApp::SetUpLogging() {
     SDK::HostLog::SetConsoleErrorEcho(settings_.log.target == "file");
 }
 
+bool AgentApp::CheckTrusted(bool moduleDirUsed) {
+    std::vector<std::string> paths = {paths_.config, paths_.policyDir};
+    if (moduleDirUsed) {
+        paths.push_back(paths_.moduleDir);
+    }
+    std::string error;
+    for (const std::string& path : paths) {
+        if (!TrustedPath::Check(path, error)) {
+            HOST_CONSOLE_LOG_ERROR(error + "; stopping (" + kTrustHint + ")");
+            return false;
+        }
+    }
+    return true;
+}
+
 bool AgentApp::LoadModules(const std::vector<std::string>& explicitModules) {
     std::string error;
     if (!explicitModules.empty()) {
         for (const std::string& path : explicitModules) {
+            if (!TrustedPath::Check(path, error)) {
+                HOST_CONSOLE_LOG_ERROR("module " + path + ": " + error + "; stopping (" + kTrustHint + ")");
+                return false;
+            }
             if (loader_->Load(path, error) == nullptr) {
                 HOST_CONSOLE_LOG_ERROR(error + "; stopping");
                 return false;
@@ -134,6 +161,10 @@ bool AgentApp::LoadModules(const std::vector<std::string>& explicitModules) {
         return true;
     }
     for (const std::string& path : discovered) {
+        if (!TrustedPath::Check(path, error)) {
+            HOST_CONSOLE_LOG_ERROR("module " + path + ": " + error + "; stopping (" + kTrustHint + ")");
+            return false;
+        }
         if (loader_->Load(path, error) == nullptr) {
             HOST_CONSOLE_LOG_ERROR(error + "; skipped");
         }

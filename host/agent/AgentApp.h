@@ -30,6 +30,9 @@ protected:
 
 private:
     void Configure(const AgentOptions& options);
+    // Whether agent.json, the policy directory and (when modules are found there) the module
+    // directory pass TrustedPath; logs the first that does not.
+    bool CheckTrusted(bool moduleDirUsed);
     void SetUpLogging();
     bool LoadModules(const std::vector<std::string>& explicitModules);
     void DeliverCollectSettings();
