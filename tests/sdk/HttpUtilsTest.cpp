@@ -66,6 +66,16 @@ TEST_F(HttpUtilsTest, SuccessRedirectAndNotFound) {
     EXPECT_LT(Download("/loop"), 0) << "endless redirects";
     EXPECT_EQ(Target(), "earlier");
     EXPECT_EQ(EntriesInDir(), 1);
+
+    // Answers over the 10 MiB cap, announced or not, are cut off and discarded.
+    const std::string huge(50u << 20, '1');
+    server_.Serve("/huge", huge);
+    server_.Serve("/huge-chunked", huge, true);
+    for (const char* path : {"/huge", "/huge-chunked"}) {
+        EXPECT_EQ(Download(path), -63) << path;
+        EXPECT_EQ(Target(), "earlier") << path;
+        EXPECT_EQ(EntriesInDir(), 1) << path;
+    }
 }
 
 TEST_F(HttpUtilsTest, TransportFailuresAreNegative) {

@@ -22,6 +22,7 @@ public:
         std::string body;
         std::string location;
         bool found = false;
+        bool chunked = false;
         {
             std::lock_guard<std::mutex> lock(state_->mutex);
             const std::string path = request.getURI();
@@ -33,6 +34,7 @@ public:
             } else if (file != state_->bodies.end()) {
                 body = file->second;
                 found = true;
+                chunked = state_->chunked.count(path) != 0;
             }
         }
         if (!location.empty()) {
@@ -42,7 +44,11 @@ public:
             response.send() << "not found";
         } else {
             response.setContentType("application/octet-stream");
-            response.setContentLength(static_cast<std::streamsize>(body.size()));
+            if (chunked) {
+                response.setChunkedTransferEncoding(true);
+            } else {
+                response.setContentLength(static_cast<std::streamsize>(body.size()));
+            }
             response.send() << body;
         }
     }
@@ -82,9 +88,12 @@ HttpTestServer::~HttpTestServer() {
     server_->stopAll(true);
 }
 
-void HttpTestServer::Serve(const std::string& path, const std::string& body) {
+void HttpTestServer::Serve(const std::string& path, const std::string& body, bool chunked) {
     std::lock_guard<std::mutex> lock(state_->mutex);
     state_->bodies[path] = body;
+    if (chunked) {
+        state_->chunked.insert(path);
+    }
 }
 
 void HttpTestServer::Redirect(const std::string& path, const std::string& target) {

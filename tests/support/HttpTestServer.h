@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 
 namespace TestSupport {
@@ -21,7 +22,8 @@ public:
     HttpTestServer(const HttpTestServer&) = delete;
     HttpTestServer& operator=(const HttpTestServer&) = delete;
 
-    void Serve(const std::string& path, const std::string& body);
+    // `chunked`: sent without a length, so the client learns the size only while reading.
+    void Serve(const std::string& path, const std::string& body, bool chunked = false);
     // Answers `path` with 302 to `target` (a path of this server).
     void Redirect(const std::string& path, const std::string& target);
 
@@ -33,6 +35,7 @@ public:
         std::map<std::string, std::string> bodies;
         std::map<std::string, std::string> redirects;
         std::map<std::string, int> requests;
+        std::set<std::string> chunked;
     };
 
 private:
