@@ -17,10 +17,13 @@ cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir build-asan --output-on-failure -j"$jobs" -L unit --timeout 600
 
-# ThreadSanitizer over the framework, the collectors and the report task: their unit tests.
+# ThreadSanitizer over the framework, the collectors and the report task: their unit tests, and the
+# collectors' end-to-end tests, whose event and snapshot threads run against the real kernel.
+tsan_suites="framework_test collect_unit_tests collect_e2e_tests report_test"
 cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCORVANE_TSAN=ON -DCORVANE_BUILD_BENCH=OFF
-cmake --build build-tsan -j"$jobs" --target framework_test collect_unit_tests report_test
-for suite in framework_test collect_unit_tests report_test; do
+# shellcheck disable=SC2086
+cmake --build build-tsan -j"$jobs" --target $tsan_suites
+for suite in $tsan_suites; do
   TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 timeout 900 "build-tsan/tests/$suite"
 done
 
