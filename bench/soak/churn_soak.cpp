@@ -4,6 +4,7 @@
 // the soak, seen by an independent process-connector listener, and lost by the agent's own account.
 //
 //   churn_soak [--minutes N] [--idle N] [--rate N per second] [--sample-seconds N]
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/cn_proc.h>
 #include <linux/connector.h>
@@ -188,6 +189,20 @@ pid_t Spawn(const std::vector<std::string>& args, const std::string& output) {
     return child;
 }
 
+// Processes on the host: the agent's snapshots grow with them, the soak's or not.
+int CountProcesses() {
+    DIR* proc = opendir("/proc");
+    if (proc == nullptr) {
+        return -1;
+    }
+    int count = 0;
+    while (const dirent* entry = readdir(proc)) {
+        count += entry->d_name[0] >= '0' && entry->d_name[0] <= '9' ? 1 : 0;
+    }
+    closedir(proc);
+    return count;
+}
+
 // Occurrences of `needle` in `text`.
 long Count(const std::string& text, const std::string& needle) {
     long count = 0;
@@ -291,7 +306,7 @@ int main(int argc, char** argv) {
         "churn soak: %d idle processes, %d short-lived/s, detaction every 2 s, detroot every 3 s, "
         "%d min, prefix %s\n",
         options.idle, options.rate, options.minutes, prefix.c_str());
-    std::printf("%8s %10s %12s %12s\n", "second", "RSS KiB", "forks made", "witnessed");
+    std::printf("%8s %10s %12s %12s %10s\n", "second", "RSS KiB", "forks made", "witnessed", "host procs");
     const auto start = Clock::now();
     const int total = options.minutes * 60;
     bool alive = true;
@@ -303,8 +318,8 @@ int main(int argc, char** argv) {
             alive = false;
             break;
         }
-        std::printf("%8d %10ld %12ld %12ld\n", second, rss, std::atol(ReadText(prefix + "/made").c_str()),
-                    witness.forks());
+        std::printf("%8d %10ld %12ld %12ld %10d\n", second, rss,
+                    std::atol(ReadText(prefix + "/made").c_str()), witness.forks(), CountProcesses());
         std::fflush(stdout);
     }
 
