@@ -12,9 +12,9 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const std::string path = std::string(access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp") +
-                                     "/corvane-fuzz-pupbip-" + std::to_string(getpid());
-    std::ofstream(path, std::ios::binary | std::ios::trunc).write(reinterpret_cast<const char*>(data),
-                                                                  static_cast<std::streamsize>(size));
+                                    "/corvane-fuzz-pupbip-" + std::to_string(getpid());
+    std::ofstream(path, std::ios::binary | std::ios::trunc)
+        .write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
     std::string digest;
     SDK::FileUtils::GetFileSha256(path, digest, 0xA00000);
     static Engine::ProcDetNetstat detector;

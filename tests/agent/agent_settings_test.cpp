@@ -57,8 +57,8 @@ TEST(AgentSettingsParser, BadValuesKeepTheirDefaultsAndAreNamed) {
 
 TEST(AgentSettingsParser, UnusableFilesLeaveEverythingAtDefaults) {
     for (const std::string& text : {std::string("{\"cpu_share\": 20"), std::string("[1, 2]"), std::string(),
-                                   std::string("{\"cpu_share\": 20} {}"),
-                                   "{\"log\": " + std::string(20000, '[') + std::string(20000, ']') + "}"}) {
+                                    std::string("{\"cpu_share\": 20} {}"),
+                                    "{\"log\": " + std::string(20000, '[') + std::string(20000, ']') + "}"}) {
         Agent::AgentSettings settings;
         const std::vector<std::string> problems = Agent::AgentSettingsParser::Parse(text, settings);
         ASSERT_EQ(problems.size(), 1u) << text;
