@@ -20,5 +20,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static Engine::ProcDetNetstat detector;
     std::set<long> addresses;
     detector.LoadLib(path, digest, addresses);
+    unlink(path.c_str());  // libFuzzer may end the process without running exit handlers
     return 0;
 }
