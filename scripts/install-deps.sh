@@ -6,6 +6,7 @@ packages=(
   libpoco-dev libjsoncpp-dev libssl-dev libcurl4-openssl-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   procps libcap2-bin python3 yara
+  librdkafka-dev rsyslog rsyslog-openssl openssl
   clang-14 libfuzzer-14-dev libclang-rt-14-dev
 )
 missing=()

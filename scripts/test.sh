@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is needed, builds, and runs every test; then rebuilds with
 # AddressSanitizer and UndefinedBehaviorSanitizer and runs the unit tests again; then the
-# framework, collector and report unit tests under ThreadSanitizer; then every fuzz target.
+# framework, collector and report unit tests and the collectors' end-to-end tests under
+# ThreadSanitizer; then every fuzz target.
 # Usage: sudo bash scripts/test.sh      (run from the repository root, as root)
 set -euo pipefail
 cd "$(dirname "$0")/.."

@@ -1,13 +1,19 @@
 // Runs the agent for a while and samples what it costs: resident memory
 // (VmRSS) and CPU time (utime + stime) of the agent process, optionally with
-// extra idle processes on the host.
+// extra idle processes on the host, and optionally a fork storm afterwards
+// measured side by side with forkstat.
 //
-//   agent_footprint [--agent PATH] [--seconds N] [--extra-procs N] [--warmup N] [-- agent args...]
+//   agent_footprint [--agent PATH] [--seconds N] [--extra-procs N] [--warmup N]
+//                   [--storm FORKS] [-- agent args...]
+//
+// The idle processes and forkstat die with this program, however it ends.
 //
 // Default agent: /usr/local/corvane/bin/corvane-agent, run with its own
 // prefix, settings and policies.
 #include <dirent.h>
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,6 +30,8 @@
 #include <thread>
 #include <vector>
 
+#include "../IdleProcesses.h"
+
 namespace {
 
 struct Options {
@@ -31,6 +39,7 @@ struct Options {
     int seconds = 60;
     int warmup = 10;
     int extraProcs = 0;
+    int stormForks = 0;
     std::vector<std::string> agentArgs;
 };
 
@@ -49,29 +58,16 @@ bool ParseOptions(int argc, char** argv, Options& options) {
             options.warmup = std::atoi(argv[++index]);
         } else if (arg == "--extra-procs" && hasValue) {
             options.extraProcs = std::atoi(argv[++index]);
+        } else if (arg == "--storm" && hasValue) {
+            options.stormForks = std::atoi(argv[++index]);
         } else {
             return false;
         }
     }
-    return options.seconds > options.warmup && options.warmup >= 0 && options.extraProcs >= 0;
-}
-
-std::vector<pid_t> StartIdleProcesses(int count) {
-    std::vector<pid_t> children;
-    for (int index = 0; index < count; ++index) {
-        const pid_t child = fork();
-        if (child == 0) {
-            for (;;) {
-                pause();
-            }
-        }
-        if (child < 0) {
-            std::perror("fork");
-            break;
-        }
-        children.push_back(child);
-    }
-    return children;
+    // Bounded: far below pid_max and threads-max of any usual host.
+    return options.seconds > options.warmup && options.warmup >= 0 && options.extraProcs >= 0 &&
+           options.extraProcs <= BenchSupport::kMaxIdleProcesses && options.stormForks >= 0 &&
+           options.stormForks <= 1000000;
 }
 
 pid_t StartAgent(const Options& options) {
@@ -137,6 +133,77 @@ int CountProcesses() {
     return count;
 }
 
+pid_t StartForkstat() {
+    const pid_t child = fork();
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        const int null = open("/dev/null", O_WRONLY);
+        dup2(null, STDOUT_FILENO);
+        execlp("forkstat", "forkstat", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    return child;
+}
+
+// `forks` children that exit at once, reaped 64 at a time (by pid: the idle
+// processes and the agent are children too).
+void ForkStorm(int forks) {
+    std::vector<pid_t> batch;
+    for (int index = 0; index < forks; ++index) {
+        const pid_t child = fork();
+        if (child == 0) {
+            _exit(0);
+        }
+        if (child > 0) {
+            batch.push_back(child);
+        }
+        if (batch.size() >= 64 || index + 1 == forks) {
+            for (const pid_t pid : batch) {
+                waitpid(pid, nullptr, 0);
+            }
+            batch.clear();
+        }
+    }
+}
+
+// A storm measured side by side with forkstat (its default events, output to
+// /dev/null); then the agent's RSS once a second for a minute.
+void RunStorm(pid_t agent, int forks) {
+    const pid_t forkstat = StartForkstat();
+    std::this_thread::sleep_for(std::chrono::seconds(2));  // forkstat subscribed
+    const double ticks = static_cast<double>(sysconf(_SC_CLK_TCK));
+    const long agent0 = ReadCpuTicks(agent);
+    const long forkstat0 = ReadCpuTicks(forkstat);
+    const long rss0 = ReadRssKiB(agent);
+    const auto start = std::chrono::steady_clock::now();
+    ForkStorm(forks);
+    const double stormSeconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    // Both drain what the kernel queued for them.
+    std::this_thread::sleep_for(std::chrono::seconds(5));
+    const long agent1 = ReadCpuTicks(agent);
+    const long forkstat1 = ReadCpuTicks(forkstat);
+    kill(forkstat, SIGKILL);
+    waitpid(forkstat, nullptr, 0);
+    const double agentUs = (agent1 - agent0) / ticks * 1e6 / forks;
+    const double forkstatUs = (forkstat1 - forkstat0) / ticks * 1e6 / forks;
+    long peak = ReadRssKiB(agent);
+    int underAt = -1;
+    for (int second = 1; second <= 60; ++second) {
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        const long rss = ReadRssKiB(agent);
+        peak = std::max(peak, rss);
+        if (underAt < 0 && rss >= 0 && rss < 12 * 1024) {
+            underAt = second;
+        }
+    }
+    std::printf(
+        "storm: %d forks in %.1f s | agent CPU %.1f us per fork, forkstat %.1f us per fork, ratio %.2f | "
+        "RSS before %ld KiB, after 5 s %ld KiB, after 65 s %ld KiB, under 12 MiB %d s after the drain\n",
+        forks, stormSeconds, agentUs, forkstatUs, forkstatUs > 0 ? agentUs / forkstatUs : -1.0, rss0, peak,
+        ReadRssKiB(agent), underAt);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -147,7 +214,7 @@ int main(int argc, char** argv) {
             argv[0]);
         return 2;
     }
-    const std::vector<pid_t> idle = StartIdleProcesses(options.extraProcs);
+    const std::vector<pid_t> idle = BenchSupport::StartIdleProcesses(options.extraProcs);
     const pid_t agent = StartAgent(options);
     const double ticks = static_cast<double>(sysconf(_SC_CLK_TCK));
 
@@ -177,13 +244,13 @@ int main(int argc, char** argv) {
         }
     }
     const long finalRss = ReadRssKiB(agent);
+    if (options.stormForks > 0) {
+        RunStorm(agent, options.stormForks);
+    }
     kill(agent, SIGTERM);
     int status = 0;
     waitpid(agent, &status, 0);
-    for (const pid_t child : idle) {
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
-    }
+    BenchSupport::StopIdleProcesses(idle);
 
     const double measured = options.seconds - options.warmup;
     const double cpuPercent = warmTicks < 0 ? -1 : 100.0 * (lastTicks - warmTicks) / ticks / measured;

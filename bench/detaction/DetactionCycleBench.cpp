@@ -4,11 +4,10 @@
 // read again through descriptors kept open. Also checks that cycles over an
 // unchanged host send no alert and keep the live heap flat.
 //
-//   detaction_bench [children (2000)] [cycles (12)]
+//   detaction_bench [children (2000)] [cycles (12)] [cpu share (10; 0: governor off)]
 #include <fcntl.h>
 #include <malloc.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -23,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "../IdleProcesses.h"
 #include "collect/ProcsFullTask.h"
 #include "feature_detaction/ProcDetActionFullTask.h"
 #include "feature_detaction/ProcDetActionFullTaskPolicy.h"
@@ -31,7 +31,6 @@
 #include "sdk/CpuCalcUtils.h"
 #include "sdk/InnerCpuCtrlUtils.h"
 
-extern char** environ;
 
 // Live heap bytes of the whole process, for the growth check.
 namespace {
@@ -152,20 +151,12 @@ const char* kSection = R"({"task_condition": {"start_time": 0, "repeat_interval"
 int main(int argc, char** argv) {
     const int children = argc > 1 ? std::atoi(argv[1]) : 2000;
     const int cycles = std::max(3, argc > 2 ? std::atoi(argv[2]) : 12);
-    // The governor would hold the thread back and measure itself; off for the timing.
-    SDK::InnerCpuCtrlUtils::SetCpuShare(0);
+    // On as in the agent: its sleeps lengthen the wall time, the CPU columns are the cost.
+    const int share = argc > 3 ? std::atoi(argv[3]) : 10;
+    SDK::InnerCpuCtrlUtils::SetCpuShare(share);
 
-    std::vector<pid_t> spawned;
-    char sleepPath[] = "/bin/sleep";
-    char seconds[] = "3600";
-    char* args[] = {sleepPath, seconds, nullptr};
-    for (int i = 0; i < children; ++i) {
-        pid_t pid = -1;
-        if (posix_spawn(&pid, sleepPath, nullptr, nullptr, args, environ) == 0) {
-            spawned.push_back(pid);
-        }
-    }
-    std::printf("idle children started: %zu\n", spawned.size());
+    const std::vector<pid_t> spawned = BenchSupport::StartIdleProcesses(children);
+    std::printf("idle children started: %zu, cpu share %d %%\n", spawned.size(), share);
 
     {
         Framework::Engine engine;
@@ -284,11 +275,6 @@ int main(int argc, char** argv) {
         procs->release();
     }
 
-    for (pid_t pid : spawned) {
-        kill(pid, SIGKILL);
-    }
-    for (pid_t pid : spawned) {
-        waitpid(pid, nullptr, 0);
-    }
+    BenchSupport::StopIdleProcesses(spawned);
     return 0;
 }

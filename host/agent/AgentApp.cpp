@@ -9,6 +9,7 @@
 #include <cstdio>
 
 #include "AgentSignals.h"
+#include "DataReportTask.h"
 #include "ModuleDirectory.h"
 #include "ModuleLoader.h"
 #include "PolicyDirectory.h"
@@ -102,6 +103,15 @@ void AgentApp::Configure(const AgentOptions& options) {
         settings_.alerts.filePath = AgentPaths::Under(Poco::Path::current(), options.alerts);
     } else {
         settings_.alerts.filePath = AgentPaths::Under(paths_.prefix, settings_.alerts.filePath);
+    }
+    settings_.alerts.spoolDir = AgentPaths::Under(paths_.prefix, settings_.alerts.spoolDir);
+    for (SinkSettings& sink : settings_.alerts.sinks) {
+        for (std::string* path :
+             {&sink.path, &sink.socket, &sink.tokenFile, &sink.headerFile, &sink.caFile}) {
+            if (!path->empty()) {
+                *path = AgentPaths::Under(paths_.prefix, *path);
+            }
+        }
     }
     SetUpLogging();
     for (const std::string& problem : problems) {
@@ -208,6 +218,11 @@ void AgentApp::Serve() {
     HOST_CONSOLE_LOG_INFO("corvane-agent running with " + std::to_string(loader_->GetCount()) + " modules");
     for (;;) {
         const int signal = AgentSignals::Wait();
+        if (signal == SIGUSR1) {
+            HOST_CONSOLE_LOG_INFO("SIGUSR1: reopening the alert files");
+            report_->GetTask()->ReopenSinks();
+            continue;
+        }
         if (signal != SIGHUP) {
             HOST_CONSOLE_LOG_INFO(std::string("corvane-agent stopping on ") +
                                   (signal == SIGINT ? "SIGINT" : "SIGTERM"));

@@ -10,7 +10,10 @@ namespace Agent {
 
 // Everything conf/agent.json sets. Relative paths are relative to the prefix.
 struct AgentSettings {
-    AgentSettings() { alerts.filePath = "log/alerts.json"; }
+    AgentSettings() {
+        alerts.filePath = "log/alerts.json";
+        alerts.spoolDir = "var/spool";
+    }
 
     SDK::LogSettings log;
     int cpuShare = 10;  // percent of one CPU per task thread; 0 turns the governor off

@@ -4,8 +4,10 @@
 #include <Poco/Logger.h>
 #include <json/json.h>
 
+#include <algorithm>
 #include <cctype>
 #include <initializer_list>
+#include <map>
 #include <set>
 #include <string>
 #include <utility>
@@ -94,7 +96,43 @@ public:
         return true;
     }
 
+    // The member `key` as an array; false (reported when present) otherwise.
+    bool Array(const char* key, Json::Value& out) {
+        const Json::Value* value = Find(key);
+        if (value == nullptr) {
+            return false;
+        }
+        if (!value->isArray()) {
+            Problem(key, "a list");
+            return false;
+        }
+        out = *value;
+        return true;
+    }
+
+    // An object of string values (numbers and booleans are taken as their text).
+    void StringMap(const char* key, std::map<std::string, std::string>& out) {
+        Json::Value object;
+        if (!Object(key, object)) {
+            return;
+        }
+        for (const std::string& name : object.getMemberNames()) {
+            const Json::Value& value = object[name];
+            if (value.isString()) {
+                out[name] = value.asString();
+            } else if (value.isBool()) {
+                out[name] = value.asBool() ? "true" : "false";
+            } else if (value.isIntegral()) {
+                out[name] = std::to_string(value.asInt64());
+            } else {
+                problems_.push_back("\"" + prefix_ + key + "." + name + "\" must be a string; ignored");
+            }
+        }
+    }
+
     const std::string& prefix() const { return prefix_; }
+    std::vector<std::string>& problems() { return problems_; }
+    void Report(const std::string& problem) { problems_.push_back(problem); }
 
 private:
     const Json::Value* Find(const char* key) {
@@ -153,15 +191,114 @@ void ParseLog(Section& section, SDK::LogSettings& log) {
     log.keepFiles = keepFiles;
 }
 
+bool IsSinkName(const std::string& name) {
+    return !name.empty() && name.size() <= 64 && std::all_of(name.begin(), name.end(), [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_' || c == '-';
+    });
+}
+
+bool IsWebhookFormat(const std::string& format) {
+    return format == "lines" || format == "array";
+}
+
+// The keys of one sink's type; false (with the missing key named) when it cannot work.
+bool ParseSinkOptions(Section& section, SinkSettings& sink, std::string& missing) {
+    if (sink.type == "file") {
+        section.String("path", nullptr, "a path", sink.path);
+        section.Size("rotate_bytes", 1ull << 40, sink.rotateBytes);
+        section.Int("keep_files", 0, 1000, sink.keepFiles);
+        missing = sink.path.empty() ? "path" : "";
+    } else if (sink.type == "syslog") {
+        section.String("socket", nullptr, "a path", sink.socket);
+        section.String("host", nullptr, "a host name or address", sink.host);
+        section.Int("port", 1, 65535, sink.port);
+        section.Bool("tls", sink.tls);
+        section.String("ca_file", nullptr, "a path", sink.caFile);
+        if (sink.socket.empty() && sink.host.empty()) {
+            sink.socket = "/dev/log";
+        }
+        missing = (!sink.host.empty() && sink.port == 0) ? "port" : "";
+    } else if (sink.type == "webhook") {
+        int batch = static_cast<int>(sink.batch);
+        section.String("url", nullptr, "a URL", sink.url);
+        section.String("format", IsWebhookFormat, "\"lines\" or \"array\"", sink.format);
+        section.String("token_file", nullptr, "a path", sink.tokenFile);
+        section.String("header_file", nullptr, "a path", sink.headerFile);
+        section.Bool("verify", sink.verify);
+        section.String("ca_file", nullptr, "a path", sink.caFile);
+        section.Int("timeout_seconds", 1, 600, sink.timeoutSeconds);
+        section.Int("batch", 1, 10000, batch);
+        sink.batch = static_cast<size_t>(batch);
+        missing = sink.url.empty() ? "url" : "";
+    } else if (sink.type == "kafka") {
+        section.String("brokers", nullptr, "a list of host:port", sink.brokers);
+        section.String("topic", nullptr, "a topic name", sink.topic);
+        section.String("key", nullptr, "a string", sink.key);
+        section.StringMap("properties", sink.properties);
+        missing = sink.brokers.empty() ? "brokers" : sink.topic.empty() ? "topic" : "";
+    }
+    return missing.empty();
+}
+
+void ParseSinks(const Json::Value& list, const std::string& prefix, std::vector<std::string>& problems,
+                ReportSettings& alerts) {
+    std::set<std::string> names = {alerts.toStdout ? "stdout" : "", alerts.filePath.empty() ? "" : "file"};
+    for (Json::ArrayIndex index = 0; index < list.size(); ++index) {
+        const std::string where = prefix + "[" + std::to_string(index) + "]";
+        if (!list[index].isObject()) {
+            problems.push_back("\"" + where + "\" must be an object; sink ignored");
+            continue;
+        }
+        Section section(list[index], where + ".", problems);
+        SinkSettings sink;
+        section.String("type", nullptr, "a sink type", sink.type);
+        if (sink.type != "stdout" && sink.type != "file" && sink.type != "syslog" && sink.type != "webhook" &&
+            sink.type != "kafka") {
+            section.Report("\"" + where +
+                           ".type\" must be \"stdout\", \"file\", \"syslog\", \"webhook\" or "
+                           "\"kafka\"; sink ignored");
+            continue;
+        }
+        section.String("name", IsSinkName, "letters, digits, '_' and '-' (at most 64)", sink.name);
+        section.Bool("envelope", sink.envelope);
+        std::string missing;
+        if (!ParseSinkOptions(section, sink, missing)) {
+            section.Report("\"" + where + "\" (" + sink.type + ") needs \"" + missing + "\"; sink ignored");
+            continue;
+        }
+        if (sink.name.empty()) {
+            sink.name = names.count(sink.type) == 0 ? sink.type : sink.type + "-" + std::to_string(index);
+        }
+        if (!names.insert(sink.name).second) {
+            section.Report("\"" + where + ".name\" \"" + sink.name +
+                           "\" is taken by another sink; sink ignored");
+            continue;
+        }
+        alerts.sinks.push_back(sink);
+    }
+}
+
 void ParseAlerts(Section& section, ReportSettings& alerts) {
-    uint64_t backlog = alerts.backlogBytes;
     section.Bool("stdout", alerts.toStdout);
     section.String("file", nullptr, "a path (\"\" for none)", alerts.filePath);
     section.Size("rotate_bytes", 1ull << 40, alerts.rotateBytes);
     section.Int("keep_files", 0, 1000, alerts.keepFiles);
-    section.Size("backlog_bytes", 1ull << 32, backlog);
     section.Int("retry_seconds", 1, 3600, alerts.retrySeconds);
-    alerts.backlogBytes = static_cast<size_t>(backlog);
+    section.Int("retry_max_seconds", 1, 86400, alerts.retryMaxSeconds);
+    section.Int("stop_drain_seconds", 0, 3600, alerts.stopDrainSeconds);
+    Json::Value object;
+    if (section.Object("spool", object)) {
+        Section spool(object, section.prefix() + "spool.", section.problems());
+        spool.String("directory", nullptr, "a path", alerts.spoolDir);
+        spool.Size("max_bytes", 1ull << 40, alerts.spoolMaxBytes);
+        if (alerts.spoolMaxBytes < (1u << 20)) {
+            spool.Report("\"" + section.prefix() + "spool.max_bytes\" below 1 MiB; using 1 MiB");
+            alerts.spoolMaxBytes = 1u << 20;
+        }
+    }
+    if (section.Array("sinks", object)) {
+        ParseSinks(object, section.prefix() + "sinks", section.problems(), alerts);
+    }
 }
 
 void ParseCollect(Section& section, AgentSettings& settings) {

@@ -13,6 +13,7 @@ sigset_t AgentSet() {
     sigaddset(&set, SIGHUP);
     sigaddset(&set, SIGTERM);
     sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGUSR1);
     return set;
 }
 

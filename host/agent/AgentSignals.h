@@ -3,14 +3,15 @@
 namespace Agent {
 
 // The agent's signals are taken synchronously by the main thread: SIGHUP
-// (reload the policies), SIGTERM and SIGINT (stop).
+// (reload the policies), SIGUSR1 (reopen the alert files, after logrotate),
+// SIGTERM and SIGINT (stop).
 class AgentSignals {
 public:
-    // Blocks the three signals in the calling thread, so every thread started
+    // Blocks the four signals in the calling thread, so every thread started
     // afterwards inherits the mask, and ignores SIGPIPE (a closed reader of
     // standard output must show up as EPIPE). Call first thing in main.
     static void BlockInProcess();
-    // Waits for one of the three and returns it.
+    // Waits for one of the four and returns it.
     static int Wait();
 };
 

@@ -1,4 +1,5 @@
 #include <Poco/Exception.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <exception>
@@ -9,6 +10,8 @@
 int main(int argc, char** argv) {
     // Before any thread exists, so that all of them leave these signals to main's sigwait.
     Agent::AgentSignals::BlockInProcess();
+    // Everything the agent creates (logs, alerts, spool, rotated copies) is root's alone.
+    ::umask(077);
     try {
         Agent::AgentApp app;
         app.init(argc, argv);

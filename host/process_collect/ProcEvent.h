@@ -7,7 +7,7 @@ namespace Engine {
 // One process event from the kernel's process connector, reduced to what the
 // collector uses.
 struct ProcEvent {
-    enum class Kind { kAck, kFork, kExec, kUid, kGid, kExit, kOther };
+    enum class Kind { kAck, kFork, kExec, kUid, kGid, kComm, kExit, kOther };
 
     Kind kind = Kind::kOther;
     int pid = 0;                   // the thread concerned (fork: the child thread)

@@ -25,6 +25,7 @@ using fork_proc_event = decltype(std::declval<EventData>().fork);
 using exec_proc_event = decltype(std::declval<EventData>().exec);
 using id_proc_event = decltype(std::declval<EventData>().id);
 using exit_proc_event = decltype(std::declval<EventData>().exit);
+using comm_proc_event = decltype(std::declval<EventData>().comm);
 
 constexpr size_t kEventHeader = offsetof(proc_event, event_data);
 
@@ -41,6 +42,8 @@ size_t NeededPayload(uint32_t what) {
         case proc_event::PROC_EVENT_UID:
         case proc_event::PROC_EVENT_GID:
             return sizeof(id_proc_event);
+        case proc_event::PROC_EVENT_COMM:
+            return offsetof(comm_proc_event, comm);
         case proc_event::PROC_EVENT_EXIT:
             return offsetof(exit_proc_event, parent_pid);
         default:
@@ -84,6 +87,11 @@ bool DecodeEvent(const unsigned char* at, size_t length, ProcEvent& event) {
             event.tgid = Load<int32_t>(data + offsetof(id_proc_event, process_tgid));
             event.realId = Load<uint32_t>(data + offsetof(id_proc_event, r));
             event.effectiveId = Load<uint32_t>(data + offsetof(id_proc_event, e));
+            break;
+        case proc_event::PROC_EVENT_COMM:
+            event.kind = ProcEvent::Kind::kComm;
+            event.pid = Load<int32_t>(data + offsetof(comm_proc_event, process_pid));
+            event.tgid = Load<int32_t>(data + offsetof(comm_proc_event, process_tgid));
             break;
         case proc_event::PROC_EVENT_EXIT:
             event.kind = ProcEvent::Kind::kExit;

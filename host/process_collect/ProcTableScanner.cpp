@@ -81,7 +81,7 @@ bool ProcTableScanner::ListPids(std::vector<int>& pids, std::string& error) cons
     return true;
 }
 
-bool ProcTableScanner::ReadRecord(int pid, unsigned parts, ProcsMessage::procInfo& out) {
+bool ProcTableScanner::ReadRecord(int pid, unsigned parts, ProcsMessage::procInfo& out, bool* zombie) {
     const ProcRecordParser& parser = Parser();
     ProcFsBuffers buffers;
     if (!reader_.Read(pid, parts | ProcFsReader::kStat, buffers)) {
@@ -120,6 +120,11 @@ bool ProcTableScanner::ReadRecord(int pid, unsigned parts, ProcsMessage::procInf
         NoteError(pid, "stat", EINVAL);
         return false;
     }
+    if (zombie != nullptr) {
+        ProcStatFields fields;
+        *zombie =
+            ProcRecordParser::ParseStat(texts.stat, fields) && (fields.state == 'Z' || fields.state == 'X');
+    }
     return true;
 }
 
@@ -134,8 +139,11 @@ void ProcTableScanner::ReadParentFields(ProcsMessage::procInfo& record) {
     }
 }
 
-bool ProcTableScanner::TakeSnapshot(ProcsFullTask::ProcsMap& out) {
+bool ProcTableScanner::TakeSnapshot(ProcsFullTask::ProcsMap& out, std::vector<int>* zombies) {
     out.clear();
+    if (zombies != nullptr) {
+        zombies->clear();
+    }
     ResetErrors();
     std::vector<int> pids;
     std::string error;
@@ -145,8 +153,12 @@ bool ProcTableScanner::TakeSnapshot(ProcsFullTask::ProcsMap& out) {
     }
     for (const int pid : pids) {
         auto record = std::make_shared<ProcsMessage::procInfo>();
-        if (ReadRecord(pid, ProcFsReader::kAll, *record)) {
+        bool zombie = false;
+        if (ReadRecord(pid, ProcFsReader::kAll, *record, zombies != nullptr ? &zombie : nullptr)) {
             out.emplace_hint(out.end(), pid, std::move(record));
+            if (zombie) {
+                zombies->push_back(pid);
+            }
         }
     }
     for (auto& entry : out) {

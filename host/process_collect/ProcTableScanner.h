@@ -23,12 +23,14 @@ public:
     bool ListPids(std::vector<int>& pids, std::string& error) const;
 
     // Every live process with its parent's path and start time filled in from
-    // the same table. Returns false (and logs) when the root cannot be listed.
-    bool TakeSnapshot(ProcsFullTask::ProcsMap& out);
+    // the same table; the pids of zombies go to `zombies` when given. Returns
+    // false (and logs) when the root cannot be listed.
+    bool TakeSnapshot(ProcsFullTask::ProcsMap& out, std::vector<int>* zombies = nullptr);
 
     // One process's record (parts as in ProcFsReader; stat is always read). False
-    // when the process is gone or its stat is unreadable.
-    bool ReadRecord(int pid, unsigned parts, ProcsMessage::procInfo& out);
+    // when the process is gone or its stat is unreadable. `zombie`, when given,
+    // tells whether the process has exited and waits to be reaped.
+    bool ReadRecord(int pid, unsigned parts, ProcsMessage::procInfo& out, bool* zombie = nullptr);
 
     // Fills parentExePath and parentStartTime of `record` by reading its parent.
     void ReadParentFields(ProcsMessage::procInfo& record);

@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "ProcChangeLog.h"
 #include "ProcsRealTask.h"
 #include "collect/CollectSettings.h"
 #include "collect/ProcsFullTask.h"
@@ -28,6 +29,12 @@ int ProcessCollectModule::Init() {
     }
     if (realTask_ == nullptr) {
         realTask_ = new (std::nothrow) ProcsRealTask();
+        if (realTask_ != nullptr && fullTask_ != nullptr) {
+            // The process table follows the changes the event task sees.
+            auto changes = std::make_shared<ProcChangeLog>();
+            realTask_->NoteChangesIn(changes);
+            fullTask_->FollowChanges(changes);
+        }
     }
     int result = 0;
     for (Framework::Task* task :

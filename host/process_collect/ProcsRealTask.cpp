@@ -1,8 +1,11 @@
 #include "ProcsRealTask.h"
 
+#include <malloc.h>
+
 #include <chrono>
 #include <utility>
 
+#include "ProcChangeLog.h"
 #include "ProcConnectorReader.h"
 #include "ProcessCollectModule.h"
 #include "sdk/HostLog.h"
@@ -26,6 +29,12 @@ constexpr size_t kParentCacheLimit = 4096;
 // are waiting): waking a subscriber mid-batch tends to cost the producer its CPU
 // for milliseconds on a busy machine, while the kernel's events pile up.
 constexpr size_t kOutboxLimit = 64;
+// After a batch of events the producer lets the kernel gather the next ones this
+// long instead of waking for each: a storm then costs a wake-up per batch, not
+// per event (the receive buffer holds seconds of a storm).
+constexpr long kCoalesceMs = 10;
+// Events after which, once quiet again, freed memory is handed back to the system.
+constexpr unsigned long kTrimAfterEvents = 10000;
 
 unsigned int FlagOf(ProcEvent::Kind kind) {
     switch (kind) {
@@ -110,10 +119,22 @@ int ProcsRealTask::Run() {
     known_.Reset(ScanIdentities());
     counters_.polling = opened != ProcConnectorReader::OpenResult::kOk;
     UpdateCounters();
+    if (changeLog_) {
+        changeLog_->SetLive(opened == ProcConnectorReader::OpenResult::kOk);
+    }
     ready_.store(true);
     if (opened != ProcConnectorReader::OpenResult::kOk || !RunConnector(reader)) {
+        if (changeLog_) {
+            changeLog_->SetLive(false);
+        }
         reader.Close();
         RunPolling();
+    }
+    // Unsubscriptions sent by consumers that stopped before this task are applied, so
+    // that their references are released while their modules are still loaded.
+    ApplyPendingSubscriptions();
+    if (changeLog_) {
+        changeLog_->SetLive(false);
     }
     ready_.store(false);
     return 0;
@@ -140,7 +161,11 @@ bool ProcsRealTask::RunConnector(ProcConnectorReader& reader) {
             }
             HandleEvent(event);
         }
+        FlushChangeNotes();
         if (result == ProcConnectorReader::ReadResult::kOverrun) {
+            if (changeLog_) {
+                changeLog_->NoteLost();
+            }
             ++counters_.overruns;
             const long long now = SteadyNowMs();
             if (now - lastOverrunLog >= kLogIntervalMs) {
@@ -160,6 +185,7 @@ bool ProcsRealTask::RunConnector(ProcConnectorReader& reader) {
         FlushOutbox();
         dispatcher_.Offer();
         UpdateCounters();
+        GiveBackMemoryWhenQuiet();
         const long long now = SteadyNowMs();
         if (now - lastErrorLog >= kLogIntervalMs && scanner_->GetErrorCount() > 0) {
             HOST_MODULE_LOG_ERROR(
@@ -169,8 +195,23 @@ bool ProcsRealTask::RunConnector(ProcConnectorReader& reader) {
             scanner_->ResetErrors();
             lastErrorLog = now;
         }
+        if (!events_.empty() && events_.size() < kEventsPerBatch && dispatcher_.GetBacklogSize() == 0 &&
+            sleep(kCoalesceMs)) {
+            break;
+        }
     }
     return true;
+}
+
+void ProcsRealTask::GiveBackMemoryWhenQuiet() {
+    if (!events_.empty() || dispatcher_.GetBacklogSize() > 0 ||
+        counters_.events - eventsAtLastTrim_ < kTrimAfterEvents) {
+        return;
+    }
+    // A storm leaves records, messages and backlog blocks freed all over the heap;
+    // malloc keeps such pages unless asked.
+    eventsAtLastTrim_ = counters_.events;
+    ::malloc_trim(0);
 }
 
 void ProcsRealTask::RunPolling() {
@@ -192,7 +233,42 @@ void ProcsRealTask::RunPolling() {
     }
 }
 
+void ProcsRealTask::NoteChange(const ProcEvent& event) {
+    if (!changeLog_ || !event.IsProcessLevel()) {
+        return;
+    }
+    switch (event.kind) {
+        case ProcEvent::Kind::kFork:
+        case ProcEvent::Kind::kExec:
+        case ProcEvent::Kind::kUid:
+        case ProcEvent::Kind::kGid:
+        case ProcEvent::Kind::kComm:
+            changedPids_.push_back(event.tgid);
+            break;
+        case ProcEvent::Kind::kExit:
+            exitedPids_.push_back(event.tgid);
+            break;
+        default:
+            break;
+    }
+}
+
+void ProcsRealTask::FlushChangeNotes() {
+    if (!changeLog_) {
+        return;
+    }
+    if (!changedPids_.empty()) {
+        changeLog_->NoteChanged(changedPids_);
+        changedPids_.clear();
+    }
+    if (!exitedPids_.empty()) {
+        changeLog_->NoteExited(exitedPids_);
+        exitedPids_.clear();
+    }
+}
+
 void ProcsRealTask::HandleEvent(const ProcEvent& event) {
+    NoteChange(event);
     const unsigned int flag = FlagOf(event.kind);
     // Thread creation and thread exit are no process events.
     if (flag == 0 || !event.IsProcessLevel()) {

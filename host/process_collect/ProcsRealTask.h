@@ -16,6 +16,7 @@
 
 namespace Engine {
 
+class ProcChangeLog;
 class ProcConnectorReader;
 
 // "procs_real_task": publishes process events to the tasks that subscribed to
@@ -58,6 +59,10 @@ public:
 
     explicit ProcsRealTask(size_t backlogLimit = 1000000);
 
+    // Notes every process that changes in `log` while events are received (for
+    // the live process table); set before the task runs.
+    void NoteChangesIn(std::shared_ptr<ProcChangeLog> log) { changeLog_ = std::move(log); }
+
     int Run() override;
     // Subscriptions are taken out of the queue and applied by Run between two
     // batches of events, on the task's own thread.
@@ -75,6 +80,8 @@ private:
     bool RunConnector(ProcConnectorReader& reader);  // false: switch to polling
     void RunPolling();
     void HandleEvent(const ProcEvent& event);
+    void NoteChange(const ProcEvent& event);
+    void FlushChangeNotes();
     void Rescan();
     std::map<int, KnownProcess> ScanIdentities();
     // Queues a message for the subscribers; FlushOutbox hands the queued ones over.
@@ -88,6 +95,8 @@ private:
     void FillParentFields(ProcsMessage::procInfo& record);
     void EnsureScanner();
     void UpdateCounters();
+    // Trims the heap once events stop after a storm.
+    void GiveBackMemoryWhenQuiet();
 
     struct ParentFacts {
         int64_t startTime;
@@ -105,6 +114,10 @@ private:
     std::unordered_map<int, ParentFacts> parents_;
     std::vector<std::pair<unsigned int, std::shared_ptr<Framework::Message>>> outbox_;
     Counters counters_;
+    unsigned long eventsAtLastTrim_ = 0;
+    std::shared_ptr<ProcChangeLog> changeLog_;
+    std::vector<int> changedPids_;  // noted in changeLog_ once per batch
+    std::vector<int> exitedPids_;
 
     mutable std::mutex countersMutex_;
     Counters shared_;  // copy of counters_ for other threads

@@ -11,9 +11,10 @@ ProcsRegistMessage::~ProcsRegistMessage() = default;
 
 int ProcsRegistMessage::MessageHandle(void* target) {
     auto* task = static_cast<Framework::Task*>(target);
-    if (task == nullptr || requester_ == nullptr) {
+    if (task == nullptr) {
         return -1;
     }
+    // AddConsumer refuses (and logs) a null requester; its result is the answer either way.
     const long result = task->AddConsumer(flag_, "", requester_);
     // The table lets the producer see which event kinds anybody still wants.
     if (auto* mixed = dynamic_cast<MixedTask*>(task)) {

@@ -10,8 +10,15 @@
 #include <utility>
 
 #include "sdk/HostLog.h"
+#include "sdk/PrivateFile.h"
 
 namespace Agent {
+
+namespace {
+
+constexpr size_t kChunkBytes = 256 * 1024;  // one write(2) per chunk of lines
+
+}  // namespace
 
 AlertFileSink::AlertFileSink(std::string path, uint64_t rotateBytes, int keepFiles)
     : path_(std::move(path)), rotateBytes_(rotateBytes), keepFiles_(keepFiles < 0 ? 0 : keepFiles) {}
@@ -20,49 +27,82 @@ AlertFileSink::~AlertFileSink() {
     Close();
 }
 
-int AlertFileSink::WriteLine(const std::string& line, size_t& offset) {
-    if (fd_ < 0) {
-        const int error = Open();
-        if (error != 0) {
-            return error;
-        }
-    }
-    // Rotation only between lines: a line is never split across two files.
-    if (offset == 0) {
-        RotateIfFull(line.size());
-        if (fd_ < 0) {
-            const int error = Open();
-            if (error != 0) {
-                return error;
-            }
-        }
-    }
-    const size_t before = offset;
-    const int error = WriteToFd(fd_, line, offset);
-    size_ += offset - before;
-    if (error != 0) {
-        // Reopen on the next attempt: the file may have been removed or its
-        // file system remounted while we held it.
+size_t AlertFileSink::Deliver(const std::vector<std::string>& lines, std::string& error) {
+    if (fd_ >= 0 && (reopen_.exchange(false) || WasMoved())) {
         Close();
     }
-    return error;
+    size_t done = 0;
+    std::string chunk;
+    while (done < lines.size()) {
+        if (fd_ < 0 && !Open(error)) {
+            return done;
+        }
+        // Rotation only between lines: a line is never split across two files.
+        if (partial_ == 0) {
+            RotateIfFull(lines[done].size());
+            if (fd_ < 0 && !Open(error)) {
+                return done;
+            }
+        }
+        // As many whole lines as fit the chunk and the file's size limit (at least one).
+        size_t end = done;
+        uint64_t bytes = 0;
+        chunk.clear();
+        while (end < lines.size()) {
+            const size_t size = lines[end].size() - (end == done ? partial_ : 0);
+            if (end > done && (chunk.size() + size > kChunkBytes ||
+                               (rotateBytes_ != 0 && regular_ && size_ + bytes + size > rotateBytes_))) {
+                break;
+            }
+            chunk.append(lines[end], end == done ? partial_ : 0, std::string::npos);
+            bytes += size;
+            ++end;
+        }
+        size_t written = 0;
+        const int failure = WriteToFd(fd_, chunk, written);
+        size_ += written;
+        // Count the whole lines that got out; the rest of a cut one waits in partial_.
+        for (size_t at = 0; done < end;) {
+            const size_t rest = lines[done].size() - partial_;
+            if (written - at < rest) {
+                partial_ += written - at;
+                break;
+            }
+            at += rest;
+            partial_ = 0;
+            ++done;
+        }
+        if (failure != 0) {
+            error = std::strerror(failure);
+            // Reopen on the next attempt: the file may have been removed or its
+            // file system remounted while we held it.
+            Close();
+            break;
+        }
+    }
+    return done;
 }
 
-int AlertFileSink::Open() {
-    const int fd = ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+bool AlertFileSink::Sync(std::string& error) {
+    if (fd_ < 0 || !regular_ || ::fdatasync(fd_) == 0) {
+        return true;
+    }
+    error = std::string("cannot sync: ") + std::strerror(errno);
+    Close();
+    return false;
+}
+
+bool AlertFileSink::Open(std::string& error) {
+    const int fd = SDK::PrivateFile::Open(path_, O_WRONLY | O_APPEND | O_CREAT, error);
     if (fd < 0) {
-        return errno;
+        return false;
     }
     struct stat info {};
-    if (::fstat(fd, &info) != 0) {
-        const int error = errno;
-        ::close(fd);
-        return error;
-    }
+    ::fstat(fd, &info);
     fd_ = fd;
     regular_ = S_ISREG(info.st_mode);
     size_ = regular_ ? static_cast<uint64_t>(info.st_size) : 0;
-    return 0;
+    return true;
 }
 
 void AlertFileSink::Close() {
@@ -72,9 +112,21 @@ void AlertFileSink::Close() {
     }
 }
 
-void AlertFileSink::RotateIfFull(size_t lineSize) {
+bool AlertFileSink::WasMoved() const {
+    if (!regular_) {
+        return false;
+    }
+    struct stat open {};
+    struct stat named {};
+    if (::fstat(fd_, &open) != 0 || open.st_nlink == 0) {
+        return true;
+    }
+    return ::stat(path_.c_str(), &named) != 0 || named.st_ino != open.st_ino || named.st_dev != open.st_dev;
+}
+
+void AlertFileSink::RotateIfFull(size_t nextSize) {
     // Only regular files rotate: renaming a device or a FIFO would be wrong.
-    if (rotateBytes_ == 0 || !regular_ || size_ == 0 || size_ + lineSize <= rotateBytes_) {
+    if (rotateBytes_ == 0 || !regular_ || size_ == 0 || size_ + nextSize <= rotateBytes_) {
         return;
     }
     Close();

@@ -6,9 +6,9 @@
 
 namespace Agent {
 
-int AlertSink::WriteToFd(int fd, const std::string& line, size_t& offset) {
-    while (offset < line.size()) {
-        const ssize_t written = ::write(fd, line.data() + offset, line.size() - offset);
+int AlertSink::WriteToFd(int fd, const std::string& data, size_t& offset) {
+    while (offset < data.size()) {
+        const ssize_t written = ::write(fd, data.data() + offset, data.size() - offset);
         if (written < 0) {
             if (errno == EINTR) {
                 continue;

@@ -2,25 +2,41 @@
 
 #include <cstddef>
 #include <string>
+#include <vector>
 
 namespace Agent {
 
-// One destination of alert lines (a file, standard output).
+// One destination of alert lines (a file, standard output, syslog, a webhook,
+// Kafka). A sink is driven by one thread of its own (AlertSinkPump) and never
+// sees two calls at once.
 class AlertSink {
 public:
     virtual ~AlertSink() = default;
 
-    // Writes line[offset..] and moves `offset` past what was written. Returns 0
-    // once the whole line is out, or the errno of the failure; calling again
-    // with the same offset continues the line where it stopped.
-    virtual int WriteLine(const std::string& line, size_t& offset) = 0;
+    // Delivers `lines` (each one JSON document ending in '\n'), in order.
+    // Returns how many of the first lines the destination has confirmed; when
+    // that is fewer than all, `error` says why. Lines not confirmed are offered
+    // again later, from the first one not confirmed.
+    virtual size_t Deliver(const std::vector<std::string>& lines, std::string& error) = 0;
 
-    // The sink as log lines name it (a path, "standard output").
+    // The sink as log lines name it (a path, "standard output", a URL).
     virtual std::string Describe() const = 0;
 
+    // Makes what Deliver confirmed durable before the spool position moves past
+    // it (a file syncs; network sinks have nothing to do). False with the reason.
+    virtual bool Sync(std::string& /*error*/) { return true; }
+
+    // How many lines one Deliver call should carry at most.
+    virtual size_t MaxBatch() const { return 1024; }
+
+    // Asks the sink to reopen what it writes to (SIGUSR1, after logrotate
+    // moved a file). Called from another thread: only sets a flag.
+    virtual void RequestReopen() {}
+
 protected:
-    // write(2) loop over a descriptor, retried on EINTR; same contract as WriteLine.
-    static int WriteToFd(int fd, const std::string& line, size_t& offset);
+    // write(2) loop over a descriptor, retried on EINTR. Moves `offset` past
+    // what was written; returns 0 once all of `data` is out, else the errno.
+    static int WriteToFd(int fd, const std::string& data, size_t& offset);
 };
 
 }  // namespace Agent

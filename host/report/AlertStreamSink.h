@@ -12,12 +12,13 @@ class AlertStreamSink : public AlertSink {
 public:
     AlertStreamSink(int fd, std::string name);
 
-    int WriteLine(const std::string& line, size_t& offset) override;
+    size_t Deliver(const std::vector<std::string>& lines, std::string& error) override;
     std::string Describe() const override { return name_; }
 
 private:
     int fd_;
     std::string name_;
+    size_t partial_ = 0;  // bytes of the first undelivered line already written
 };
 
 }  // namespace Agent

@@ -1,101 +1,116 @@
 #include "DataReportTask.h"
 
+#include <Poco/Exception.h>
+#include <Poco/File.h>
+#include <Poco/Path.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <climits>
+#include <set>
 #include <utility>
 
-#include "AlertFileSink.h"
 #include "AlertLine.h"
-#include "AlertStreamSink.h"
+#include "AlertSinkFactory.h"
 #include "framework/DataMessage.h"
 #include "sdk/HostLog.h"
+
+#ifndef CORVANE_VERSION
+#define CORVANE_VERSION "0"
+#endif
 
 namespace Agent {
 
 namespace {
 
-// Queued by the ticker while a sink holds a backlog, so that retries run on
-// the task's own thread like every other write.
-class SinkRetryMessage : public Framework::Message {
-public:
-    SinkRetryMessage() : Framework::Message("alert_sink_retry") {}
-};
+constexpr size_t kBatchLines = 1024;
+constexpr size_t kBatchBytes = 4u << 20;
 
-std::vector<std::unique_ptr<AlertSink>> MakeSinks(const ReportSettings& settings) {
-    std::vector<std::unique_ptr<AlertSink>> sinks;
-    if (settings.toStdout) {
-        sinks.push_back(std::make_unique<AlertStreamSink>(STDOUT_FILENO, "standard output"));
+void MakeParent(const std::string& dir) {
+    try {
+        Poco::File(Poco::Path(dir).makeParent()).createDirectories();
+    } catch (const Poco::Exception& failure) {
+        HOST_LOG_ERROR("cannot create the parent of the alert spool " + dir + ": " + failure.displayText());
     }
-    if (!settings.filePath.empty()) {
-        sinks.push_back(
-            std::make_unique<AlertFileSink>(settings.filePath, settings.rotateBytes, settings.keepFiles));
-    }
-    return sinks;
 }
 
 }  // namespace
 
 DataReportTask::DataReportTask(const ReportSettings& settings)
-    : DataReportTask(MakeSinks(settings), settings.backlogBytes, settings.retrySeconds) {}
-
-DataReportTask::DataReportTask(std::vector<std::unique_ptr<AlertSink>> sinks, size_t backlogBytes,
-                               int retrySeconds)
     : Framework::Task(kTaskName, kFeatureName, Framework::TaskCondition::TASK_TYPE_MESSAGE, kQueueCapacity),
-      retrySeconds_(retrySeconds) {
-    for (auto& sink : sinks) {
-        writers_.push_back(std::make_unique<AlertSinkWriter>(std::move(sink), backlogBytes));
+      settings_(settings),
+      spool_(settings.spoolDir, settings.spoolMaxBytes) {}
+
+DataReportTask::~DataReportTask() {
+    for (auto& pump : pumps_) {
+        pump->Stop(std::chrono::milliseconds(0));
     }
 }
 
-DataReportTask::~DataReportTask() {
-    ticker_.Stop();
-}
-
 int DataReportTask::Init() {
-    // A reader that went away must show up as EPIPE on this thread, not end the agent.
+    // A reader that went away must show up as EPIPE on the sink threads (they
+    // inherit this mask), not end the agent.
     sigset_t pipe;
     sigemptyset(&pipe);
     sigaddset(&pipe, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
 
-    if (writers_.empty()) {
-        HOST_LOG_WARNING("no alert sink configured: alerts are discarded");
+    MakeParent(settings_.spoolDir);
+    std::string error;
+    if (!spool_.Open(error)) {
+        HOST_LOG_ERROR("cannot open the alert spool: " + error +
+                       "; alerts are dropped until it can be written");
     }
-    ticker_.Start(retrySeconds_, [this] { RequestRetry(); });
+    std::shared_ptr<const SiemEnvelope> envelope;
+    AlertSinkPump::Timing timing;
+    timing.retry = std::chrono::seconds(settings_.retrySeconds);
+    timing.retryMax = std::chrono::seconds(std::max(settings_.retryMaxSeconds, settings_.retrySeconds));
+    for (const SinkSettings& sink : settings_.AllSinks()) {
+        std::unique_ptr<AlertSink> made = AlertSinkFactory::Make(sink, error);
+        if (!made) {
+            HOST_LOG_ERROR("alert sink " + sink.name + " (" + sink.type + ") not started: " + error);
+            continue;
+        }
+        if (sink.envelope && !envelope) {
+            envelope = std::make_shared<SiemEnvelope>(SiemEnvelope::HostName(), SiemEnvelope::MachineId(),
+                                                      CORVANE_VERSION);
+        }
+        pumps_.push_back(std::make_unique<AlertSinkPump>(sink.name, std::move(made),
+                                                         sink.envelope ? envelope : nullptr, spool_, timing));
+        HOST_LOG_INFO("alert sink " + sink.name + ": " + pumps_.back()->Describe());
+    }
+    if (pumps_.empty()) {
+        HOST_LOG_WARNING("no alert sink configured: alerts are kept in the spool only");
+    }
+    for (auto& pump : pumps_) {
+        pump->Start();
+    }
     return Framework::Task::Init();
 }
 
 void DataReportTask::UnInit() {
-    ticker_.Stop();
     while (GetQueuedCount() > 0) {
         BulkConsumeMsg(INT_MAX);
     }
-    for (auto& writer : writers_) {
-        if (!writer->Flush()) {
-            HOST_LOG_ERROR(std::to_string(writer->GetBacklogCount()) + " alerts could not be written to " +
-                           writer->Describe() + " before the agent stopped");
-        }
+    FlushBatch();
+    for (auto& pump : pumps_) {
+        pump->Stop(std::chrono::seconds(settings_.stopDrainSeconds));
     }
-    UpdateBacklogFlag();
     Framework::Task::UnInit();
 }
 
 int DataReportTask::HandleMsg(const Framework::Message* message) {
-    if (message == nullptr) {
-        return 0;
+    if (message != nullptr) {
+        Take(*message);
     }
-    if (dynamic_cast<const SinkRetryMessage*>(message) != nullptr) {
-        RetryBacklogs();
-    } else {
-        Write(*message);
+    // A batch is what one pass over the queue brought: synced once, when the queue is empty.
+    if (batch_.size() >= kBatchLines || batchBytes_ >= kBatchBytes ||
+        (!batch_.empty() && GetQueuedCount() == 0)) {
+        FlushBatch();
     }
-    UpdateBacklogFlag();
     return 0;
 }
 
-void DataReportTask::Write(const Framework::Message& message) {
+void DataReportTask::Take(const Framework::Message& message) {
     const auto* data = dynamic_cast<const Framework::DataMessage*>(&message);
     if (data == nullptr) {
         HOST_LOG_WARNING("report task ignores message \"" + message.GetName() + "\": not a data message");
@@ -103,41 +118,36 @@ void DataReportTask::Write(const Framework::Message& message) {
     }
     std::string line;
     std::string error;
-    if (!AlertLine::FromBody(data->GetBody(), line, error)) {
-        // Log the first refusal and then one in a thousand, so a faulty sender cannot flood the log.
-        if (refused_.fetch_add(1) % 1000 == 0) {
-            HOST_LOG_ERROR("report of type \"" + data->GetType() +
-                           "\" dropped, its body is not one JSON document (" + error + "); " +
-                           std::to_string(refused_.load()) + " dropped so far");
-        }
+    if (data->GetBody().size() > kMaxAlertBytes) {
+        error = "longer than " + std::to_string(kMaxAlertBytes) + " bytes";
+    } else if (AlertLine::FromBody(data->GetBody(), line, error) && line.size() <= kMaxAlertBytes) {
+        batchBytes_ += line.size();
+        batch_.push_back(std::move(line));
         return;
     }
-    for (auto& writer : writers_) {
-        writer->Add(line);
-    }
-    written_.fetch_add(1);
-}
-
-void DataReportTask::RetryBacklogs() {
-    for (auto& writer : writers_) {
-        writer->Flush();
+    // Log the first refusal and then one in a thousand, so a faulty sender cannot flood the log.
+    if (refused_.fetch_add(1) % 1000 == 0) {
+        HOST_LOG_ERROR("report of type \"" + data->GetType() +
+                       "\" dropped, its body is not one JSON document (" + error + "); " +
+                       std::to_string(refused_.load()) + " dropped so far");
     }
 }
 
-void DataReportTask::UpdateBacklogFlag() {
-    bool backlog = false;
-    for (const auto& writer : writers_) {
-        backlog = backlog || writer->HasBacklog();
-    }
-    backlog_.store(backlog);
-}
-
-void DataReportTask::RequestRetry() {
-    if (!backlog_.load()) {
+void DataReportTask::FlushBatch() {
+    if (batch_.empty()) {
         return;
     }
-    std::shared_ptr<Framework::Message> retry = std::make_shared<SinkRetryMessage>();
-    EnqueueMsg(retry);
+    if (spool_.Append(batch_)) {
+        written_ += batch_.size();
+    }
+    batch_.clear();
+    batchBytes_ = 0;
+}
+
+void DataReportTask::ReopenSinks() {
+    for (auto& pump : pumps_) {
+        pump->RequestReopen();
+    }
 }
 
 }  // namespace Agent

@@ -3,51 +3,57 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
-#include "AlertSink.h"
-#include "AlertSinkWriter.h"
+#include "AlertSinkPump.h"
+#include "AlertSpool.h"
 #include "ReportSettings.h"
-#include "RetryTicker.h"
 #include "framework/Task.h"
 
 namespace Agent {
 
 // "data_comm_report_task": takes the reports (Framework::DataMessage) that any
-// task sends it and writes each body as one JSON line to every sink. Senders
-// only enqueue; all writing happens on this task's thread, and a failing sink
-// holds its lines back without holding up the others. UnInit writes everything
-// still queued before the task ends.
+// task sends it and appends each body, as one JSON line, to the durable spool;
+// a batch (what arrived in one pass over the queue) is synced to disk before
+// any sink sees it. Each sink then reads the spool on its own thread from its
+// committed position (AlertSinkPump), so senders only ever enqueue and a
+// stalled sink holds up nothing else. Delivery is at least once: after a crash
+// a sink may see again what it had taken but not yet confirmed.
 class DataReportTask : public Framework::Task {
 public:
     static constexpr const char* kTaskName = "data_comm_report_task";
     static constexpr const char* kFeatureName = "data_comm_report_feature";
     static constexpr unsigned int kQueueCapacity = 65536;
+    static constexpr size_t kMaxAlertBytes = 1u << 20;  // a longer report is refused
 
-    // Standard output and/or the alert file, as `settings` asks.
     explicit DataReportTask(const ReportSettings& settings);
-    DataReportTask(std::vector<std::unique_ptr<AlertSink>> sinks, size_t backlogBytes, int retrySeconds);
 
     int Init() override;
     void UnInit() override;
     int HandleMsg(const Framework::Message* message) override;
 
-    uint64_t GetWrittenCount() const { return written_.load(); }
-    uint64_t GetRefusedCount() const { return refused_.load(); }
+    // SIGUSR1: sinks reopen their files.
+    void ReopenSinks();
+
+    uint64_t GetWrittenCount() const { return written_.load(); }  // spooled
+    uint64_t GetRefusedCount() const { return refused_.load(); }  // not one JSON document, or too long
+    const AlertSpool& GetSpool() const { return spool_; }
+    // The pumps, one per sink, with their delivered and failed counts.
+    const std::vector<std::unique_ptr<AlertSinkPump>>& GetPumps() const { return pumps_; }
 
 protected:
     ~DataReportTask() override;
 
 private:
-    void Write(const Framework::Message& message);
-    void RetryBacklogs();
-    void UpdateBacklogFlag();
-    void RequestRetry();
+    void Take(const Framework::Message& message);
+    void FlushBatch();
 
-    std::vector<std::unique_ptr<AlertSinkWriter>> writers_;
-    const int retrySeconds_;
-    RetryTicker ticker_;
-    std::atomic<bool> backlog_{false};
+    const ReportSettings settings_;
+    AlertSpool spool_;
+    std::vector<std::unique_ptr<AlertSinkPump>> pumps_;
+    std::vector<std::string> batch_;
+    size_t batchBytes_ = 0;
     std::atomic<uint64_t> written_{0};
     std::atomic<uint64_t> refused_{0};
 };

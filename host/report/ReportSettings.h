@@ -1,19 +1,64 @@
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
+#include <map>
 #include <string>
+#include <vector>
 
 namespace Agent {
 
-// Where the report task writes alerts.
+// One entry of agent.json "alerts.sinks". Only the fields of its type are used.
+struct SinkSettings {
+    std::string type;       // "stdout", "file", "syslog", "webhook", "kafka"
+    std::string name;       // names its spool position; unique, defaults to the type
+    bool envelope = false;  // wrap each alert in the SIEM envelope
+
+    // file
+    std::string path;
+    uint64_t rotateBytes = 50ull * 1024 * 1024;  // 0: never rotate
+    int keepFiles = 5;
+
+    // syslog: a local socket ("/dev/log") or host:port over TCP (RFC 6587 framing)
+    std::string socket;
+    std::string host;
+    int port = 0;
+    bool tls = false;
+    std::string caFile;  // TLS (syslog, webhook): extra CA bundle; empty = the system's
+
+    // webhook
+    std::string url;
+    std::string format = "lines";  // "lines": JSON lines; "array": one JSON array per batch
+    std::string tokenFile;         // bearer token, read from a private file
+    std::string headerFile;        // "Name: value" lines added to each request
+    bool verify = true;
+    int timeoutSeconds = 10;
+    size_t batch = 500;
+
+    // kafka
+    std::string brokers;
+    std::string topic;
+    std::string key;                                // message key; empty: the host name
+    std::map<std::string, std::string> properties;  // passed to librdkafka as they are
+};
+
+// Where the report task writes alerts, and its spool.
 struct ReportSettings {
+    // The keys "alerts.stdout" and "alerts.file" of agent.json: each adds a sink.
     bool toStdout = false;
     std::string filePath;                        // empty: no alert file
     uint64_t rotateBytes = 50ull * 1024 * 1024;  // 0: never rotate
     int keepFiles = 5;
-    size_t backlogBytes = 16u * 1024 * 1024;  // per sink, while it fails
-    int retrySeconds = 2;                     // retry of a failing sink without new alerts
+
+    std::vector<SinkSettings> sinks;  // "alerts.sinks"
+
+    std::string spoolDir;  // empty: <prefix>/var/spool
+    uint64_t spoolMaxBytes = 256ull * 1024 * 1024;
+    int retrySeconds = 2;  // first wait after a failed delivery; doubles up to retryMaxSeconds
+    int retryMaxSeconds = 60;
+    int stopDrainSeconds = 10;  // at stop, deliver what the sinks still take for at most this long
+
+    // Every sink: the "stdout" and "file" keys first, then "sinks".
+    std::vector<SinkSettings> AllSinks() const;
 };
 
 }  // namespace Agent

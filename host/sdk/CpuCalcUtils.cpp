@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <string>
 
+#include "KeptStatFiles.h"
 #include "ProcParsers.h"
-#include "sdk/FileUtils.h"
 #include "sdk/ProcessUtils.h"
 
 namespace SDK {
@@ -29,24 +29,24 @@ long long TicksPerSecond() {
     return hz > 0 ? hz : 100;
 }
 
-// One read into a stack buffer: this runs for every process of every detection
-// cycle, and a stat line is far below a page.
 bool ReadProcStat(int pid, ProcStat& stat) {
-    if (pid <= 0) {
-        return false;
-    }
-    const std::string path = ProcessUtils::GetProcRoot() + "/" + std::to_string(pid) + "/stat";
+    return KeptStatFiles::Instance().Read(pid, stat);
+}
+
+// Seconds since boot from <root>/uptime, read into a stack buffer (a few dozen bytes).
+bool ReadUptimeMs(long long& uptimeMs) {
+    const std::string path = ProcessUtils::GetProcRoot() + "/uptime";
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
         return false;
     }
-    char buffer[4096];
+    char buffer[256];
     ssize_t got = 0;
     do {
         got = read(fd, buffer, sizeof buffer);
     } while (got < 0 && errno == EINTR);
     close(fd);
-    return got > 0 && ParseStatText(std::string(buffer, static_cast<size_t>(got)), stat);
+    return got > 0 && ParseUptimeText(std::string(buffer, static_cast<size_t>(got)), uptimeMs);
 }
 
 // 10000 per CPU fully used: cpuMs of CPU time over wallMs of wall time.
@@ -94,10 +94,8 @@ bool CpuCalcUtils::GetCpuUsage(int& usage) {
     }
     // First sample, or one too close to the last to measure: the average over the
     // process's life. A too-close sample keeps the earlier baseline.
-    std::string text;
     long long uptimeMs = 0;
-    if (FileUtils::ReadFile(ProcessUtils::GetProcRoot() + "/uptime", text, 4096) != 0 ||
-        !ParseUptimeText(text, uptimeMs)) {
+    if (!ReadUptimeMs(uptimeMs)) {
         return false;
     }
     usage = UsageOf(static_cast<long long>(cpuTicks) * 1000LL / hz, uptimeMs - startTicks_ * 1000LL / hz);

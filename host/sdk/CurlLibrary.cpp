@@ -39,7 +39,9 @@ const CurlLibrary* CurlLibrary::Get(std::string& error) {
                               Resolve(handle, "curl_easy_perform", library.easy_perform, loadError) &&
                               Resolve(handle, "curl_easy_getinfo", library.easy_getinfo, loadError) &&
                               Resolve(handle, "curl_easy_cleanup", library.easy_cleanup, loadError) &&
-                              Resolve(handle, "curl_easy_strerror", library.easy_strerror, loadError);
+                              Resolve(handle, "curl_easy_strerror", library.easy_strerror, loadError) &&
+                              Resolve(handle, "curl_slist_append", library.slist_append, loadError) &&
+                              Resolve(handle, "curl_slist_free_all", library.slist_free_all, loadError);
         if (!resolved) {
             return;
         }

@@ -17,6 +17,8 @@ struct CurlLibrary {
     CURLcode (*easy_getinfo)(CURL* handle, CURLINFO info, ...);
     void (*easy_cleanup)(CURL* handle);
     const char* (*easy_strerror)(CURLcode code);
+    curl_slist* (*slist_append)(curl_slist* list, const char* text);
+    void (*slist_free_all)(curl_slist* list);
 
     // The loaded and initialised library, or null with the reason in `error`.
     // Loaded once per process and never unloaded.

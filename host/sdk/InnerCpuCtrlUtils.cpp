@@ -71,8 +71,11 @@ unsigned long InnerCpuCtrlUtils::GetSuggestedRunTick() {
     return kSuggestedRunTickMs;
 }
 
-void InnerCpuCtrlUtils::AdjustThreadCpu(const char* file, int line, const char* taskName, unsigned long tick,
-                                        unsigned long used) {
+void InnerCpuCtrlUtils::AdjustThreadCpu(const char* file, int line, const char* taskName,
+                                        unsigned long /*tick*/, unsigned long used) {
+    // The caller's tick may be a cached reading a few ms old; here, where a sleep
+    // is decided, the thread's clock is read afresh.
+    const unsigned long tick = TimeUtils::GetThreadCpuMs();
     const int share = g_share.load();
     const long long nowMs = MonotonicMs();
     long long usedMs = 0;
@@ -96,7 +99,7 @@ void InnerCpuCtrlUtils::AdjustThreadCpu(const char* file, int line, const char* 
         std::this_thread::sleep_for(std::chrono::milliseconds(sleepMs));
     }
     t_lastWallMs = MonotonicMs();
-    t_lastCpuMs = TimeUtils::GetCurrentSystemTickUsed();
+    t_lastCpuMs = TimeUtils::GetThreadCpuMs();
 }
 
 }  // namespace SDK

@@ -7,12 +7,15 @@
 #include <Poco/FileChannel.h>
 #include <Poco/FormattingChannel.h>
 #include <Poco/PatternFormatter.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <exception>
 #include <map>
 #include <vector>
 
 #include "sdk/PathUtils.h"
+#include "sdk/PrivateFile.h"
 
 namespace SDK {
 
@@ -59,6 +62,15 @@ Poco::AutoPtr<Poco::Channel> BuildChannel(const LogSettings& settings, const std
     const std::string path = LogDirectory(settings) + "/" + fileName;
     try {
         Poco::File(LogDirectory(settings)).createDirectories();
+        // The log carries every alert in full: create it private (and fix an
+        // older one) before Poco opens it, and never through a link.
+        std::string refused;
+        const int fd = PrivateFile::Open(path, O_WRONLY | O_APPEND | O_CREAT, refused);
+        if (fd < 0) {
+            error = "cannot log to " + refused + ", logging to stderr";
+            return ConsoleChannel();
+        }
+        ::close(fd);
         Poco::AutoPtr<Poco::FileChannel> file(new Poco::FileChannel(path));
         file->setProperty("rotation", settings.rotateSize);
         file->setProperty("archive", "number");

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 #include "sdk/ProcessUtils.h"
 
@@ -24,11 +25,11 @@ struct ProcStat {
 };
 
 // /proc/PID/stat. False on a truncated or malformed text.
-bool ParseStatText(const std::string& text, ProcStat& out);
+bool ParseStatText(std::string_view text, ProcStat& out);
 
 // /proc/PID/status: Name, PPid, Uid, Gid and the capability sets. False unless
 // Name, Uid and Gid were all read (a kernel always writes them).
-bool ParseStatusText(const std::string& text, ProcessUtils::procStatus& out);
+bool ParseStatusText(std::string_view text, ProcessUtils::procStatus& out);
 
 // /proc/PID/cmdline: NUL-separated arguments joined by blanks, trailing NULs
 // dropped, at most `maxLength` bytes.

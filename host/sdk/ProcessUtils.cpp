@@ -11,6 +11,7 @@
 #include <memory>
 #include <vector>
 
+#include "KeptStatFiles.h"
 #include "ProcParsers.h"
 #include "SessionLookup.h"
 #include "sdk/FileUtils.h"
@@ -84,9 +85,7 @@ struct DirCloser {
 };
 
 bool ReadStat(long pid, ProcStat& stat) {
-    std::string text;
-    return pid > 0 && FileUtils::ReadFile(PidPath(pid, "stat"), text, kProcTextLimit) == 0 &&
-           ParseStatText(text, stat);
+    return KeptStatFiles::Instance().Read(pid, stat);
 }
 
 }  // namespace
@@ -172,8 +171,38 @@ int ProcessUtils::GetProcessSocketFd(int pid, std::set<long>& inodes) {
 }
 
 int ProcessUtils::GetProcessStatusInfo(int pid, procStatus& out) {
+    if (pid <= 0) {
+        return -1;
+    }
+    // Read for the parent of every fork event: a stack buffer holds a usual status
+    // (about 1.5 KiB); a longer one (thousands of supplementary groups) is read whole.
+    const std::string path = PidPath(pid, "status");
+    char buffer[16384];
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) {
+        return -1;
+    }
+    size_t size = 0;
+    ssize_t got = 0;
+    while (size < sizeof buffer) {
+        got = read(fd, buffer + size, sizeof buffer - size);
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got <= 0) {
+            break;
+        }
+        size += static_cast<size_t>(got);
+    }
+    close(fd);
+    if (got < 0) {
+        return -1;
+    }
+    if (size < sizeof buffer) {
+        return ParseStatusText(std::string_view(buffer, size), out) ? 0 : -1;
+    }
     std::string text;
-    if (pid <= 0 || FileUtils::ReadFile(PidPath(pid, "status"), text, kProcTextLimit) != 0) {
+    if (FileUtils::ReadFile(path, text, kProcTextLimit) != 0) {
         return -1;
     }
     return ParseStatusText(text, out) ? 0 : -1;

@@ -63,13 +63,14 @@ inline bool PaceProcDetCpu(unsigned long& lastTick, const char* sourcePath, int 
 }  // namespace Engine
 
 // Logs only when the logger exists and admits `priority`; arguments are not even
-// evaluated otherwise.
-#define PROCDET_LOG(logger, priority, ...)                                                          \
-    do {                                                                                            \
-        Poco::Logger* procdetLogger_ = (logger);                                                    \
-        if (procdetLogger_ != nullptr && procdetLogger_->getLevel() >= (priority)) {                \
-            ::Engine::WriteProcDetLog(procdetLogger_, (priority), __FILE__, __LINE__, __VA_ARGS__); \
-        }                                                                                           \
+// evaluated otherwise. Every file that logs defines kProcDetSource: the module-relative
+// path of its class without extension, whose last component names the line's source.
+#define PROCDET_LOG(logger, priority, ...)                                                                \
+    do {                                                                                                  \
+        Poco::Logger* procdetLogger_ = (logger);                                                          \
+        if (procdetLogger_ != nullptr && procdetLogger_->getLevel() >= (priority)) {                      \
+            ::Engine::WriteProcDetLog(procdetLogger_, (priority), kProcDetSource, __LINE__, __VA_ARGS__); \
+        }                                                                                                 \
     } while (0)
 
 #define PROCDET_DEBUG(logger, ...) PROCDET_LOG(logger, Poco::Message::PRIO_DEBUG, __VA_ARGS__)
@@ -78,8 +79,8 @@ inline bool PaceProcDetCpu(unsigned long& lastTick, const char* sourcePath, int 
 
 // A governor call site: each expansion keeps its own process-wide tick.
 // Evaluates to true when the thread was held back.
-#define PROCDET_PACE_CPU(taskName)                                                       \
-    ([]() {                                                                              \
-        static unsigned long procdetLastTick_ = 0;                                       \
-        return ::Engine::PaceProcDetCpu(procdetLastTick_, __FILE__, __LINE__, taskName); \
+#define PROCDET_PACE_CPU(taskName)                                                             \
+    ([]() {                                                                                    \
+        static unsigned long procdetLastTick_ = 0;                                             \
+        return ::Engine::PaceProcDetCpu(procdetLastTick_, kProcDetSource, __LINE__, taskName); \
     }())

@@ -55,6 +55,39 @@ TEST(AgentSettingsParser, BadValuesKeepTheirDefaultsAndAreNamed) {
     EXPECT_EQ(settings.netRefreshSeconds, 7);
 }
 
+TEST(AgentSettingsParser, SinksAreCheckedEntryByEntryAndEachBadOneIsNamed) {
+    Agent::AgentSettings settings;
+    const std::vector<std::string> problems = Agent::AgentSettingsParser::Parse(R"({"alerts": {
+        "spool": {"max_bytes": 1000, "dir": "x"},
+        "sinks": [
+            {"type": "kafka", "brokers": "k:9092", "topic": "t", "properties": {"acks": 1, "x": [1]}},
+            {"type": "webhook", "url": "https://siem/in", "format": "xml", "token": "inline"},
+            {"type": "webhook"},
+            {"type": "syslog", "host": "relay"},
+            {"type": "pigeon"},
+            {"type": "file", "name": "kafka", "path": "a.json"},
+            {"type": "syslog", "envelope": true},
+            7
+        ]}})",
+                                                                                settings);
+    for (const char* needle :
+         {"\"alerts.spool.max_bytes\" below 1 MiB", "unknown key \"alerts.spool.dir\"",
+          "\"alerts.sinks[0].properties.x\" must be a string", "\"alerts.sinks[1].format\" must be",
+          "unknown key \"alerts.sinks[1].token\"", "\"alerts.sinks[2]\" (webhook) needs \"url\"",
+          "\"alerts.sinks[3]\" (syslog) needs \"port\"", "\"alerts.sinks[4].type\" must be",
+          "\"alerts.sinks[5].name\" \"kafka\" is taken", "\"alerts.sinks[7]\" must be an object"}) {
+        EXPECT_TRUE(Mentions(problems, needle)) << needle;
+    }
+    EXPECT_EQ(problems.size(), 10u);
+    ASSERT_EQ(settings.alerts.sinks.size(), 3u);
+    EXPECT_EQ(settings.alerts.sinks[0].properties.at("acks"), "1");
+    EXPECT_EQ(settings.alerts.sinks[1].name, "webhook");
+    EXPECT_EQ(settings.alerts.sinks[1].format, "lines");
+    EXPECT_EQ(settings.alerts.sinks[2].socket, "/dev/log");
+    EXPECT_TRUE(settings.alerts.sinks[2].envelope);
+    EXPECT_EQ(settings.alerts.spoolMaxBytes, 1u << 20);
+}
+
 TEST(AgentSettingsParser, UnusableFilesLeaveEverythingAtDefaults) {
     for (const std::string& text : {std::string("{\"cpu_share\": 20"), std::string("[1, 2]"), std::string(),
                                     std::string("{\"cpu_share\": 20} {}"),

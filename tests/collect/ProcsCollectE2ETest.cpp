@@ -3,6 +3,7 @@
 // fork and identity change.
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -10,11 +11,15 @@
 #include <cstdlib>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <set>
 #include <sstream>
+#include <thread>
 #include <vector>
 
 #include "CollectHost.h"
+#include "ProcTableScanner.h"
 #include "ProcsRealTask.h"
 #include "collect/MixedTask.h"
 #include "collect/ProcsFullTask.h"
@@ -276,6 +281,128 @@ TEST(ProcsCollectE2E, WithoutTheConnectorRescansDeliverForkAndIdentityChange) {
     ASSERT_NE(nullptr, seen.changed);
     EXPECT_EQ(2000u, seen.changed->uid);
     EXPECT_EQ(2000u, seen.changed->euid);
+}
+
+bool SameRecord(const Record& a, const Record& b) {
+    return a.pid == b.pid && a.ppid == b.ppid && a.uid == b.uid && a.euid == b.euid && a.suid == b.suid &&
+           a.gid == b.gid && a.egid == b.egid && a.sgid == b.sgid && a.capSetuid == b.capSetuid &&
+           a.capSetgid == b.capSetgid && a.name == b.name && a.exePath == b.exePath &&
+           a.startTime == b.startTime && a.cmdline == b.cmdline && a.parentExePath == b.parentExePath &&
+           a.parentStartTime == b.parentStartTime;
+}
+
+std::string Describe(const Engine::ProcsFullTask::ProcsMap& table, int pid) {
+    const auto it = table.find(pid);
+    if (it == table.end()) {
+        return "(none)";
+    }
+    const Record& r = *it->second;
+    std::ostringstream text;
+    text << r.name << " ppid " << r.ppid << " uid " << r.uid << "/" << r.euid << "/" << r.suid << " gid "
+         << r.gid << "/" << r.egid << "/" << r.sgid << " caps " << r.capSetuid << r.capSetgid << " start "
+         << r.startTime << " exe " << r.exePath << " [" << r.cmdline << "] parent " << r.parentExePath << " "
+         << r.parentStartTime;
+    return text.str();
+}
+
+bool SameAt(const Engine::ProcsFullTask::ProcsMap& a, const Engine::ProcsFullTask::ProcsMap& b, int pid) {
+    const auto x = a.find(pid);
+    const auto y = b.find(pid);
+    return (x == a.end()) == (y == b.end()) && (x == a.end() || SameRecord(*x->second, *y->second));
+}
+
+// The table kept by events, after a churn of forks, execs, identity and name
+// changes, exits and re-parenting, equals a rescan of /proc. A pid may differ
+// only if it changed while the tables were taken (between two live tables or
+// between two rescans); a table that missed an event stays wrong in both.
+TEST(ProcsCollectE2E, LiveTableEqualsARescanAfterChurn) {
+    CollectHost host;
+    auto* full = host.Find<Engine::ProcsFullTask>(Engine::ProcsFullTask::kTaskName);
+    auto* real = host.Find<Engine::ProcsRealTask>(Engine::ProcsRealTask::kTaskName);
+    ASSERT_NE(nullptr, full);
+    ASSERT_NE(nullptr, real);
+    ASSERT_TRUE(WaitFor([real] { return real->IsReady(); }, 10000));
+    ASSERT_FALSE(real->GetCounters().polling) << "the process connector is not usable here";
+    full->SetRefreshSeconds(1);
+    Engine::ProcsFullTask::ProcsMap live1, live2, scan1, scan2;
+    full->GetProcsMap(live1);
+    const unsigned long rescans = full->GetFullScanCount();
+
+    std::vector<std::unique_ptr<ChildProcess>> children;
+    for (int i = 0; i < 60; ++i) {
+        std::unique_ptr<ChildProcess> child;
+        switch (i % 6) {
+            case 0:
+                child = std::make_unique<ChildProcess>(std::vector<std::string>{"/bin/sleep", "60"});
+                break;
+            case 1:
+            case 2:
+                child = std::make_unique<ChildProcess>([i](const std::function<void()>& notify) {
+                    const bool ok = i % 6 == 1 ? ::setresgid(1000 + i, 1000, 1000) == 0 &&
+                                                     ::setresuid(1000 + i, 1000 + i, 1000) == 0
+                                               : ::prctl(PR_SET_NAME, "churned") == 0;
+                    notify();
+                    if (ok) {
+                        ::pause();
+                    }
+                });
+                break;
+            case 3:  // a parent that exits: its child is re-parented without an event
+                child = std::make_unique<ChildProcess>([](const std::function<void()>& notify) {
+                    if (::fork() == 0) {
+                        ::execl("/bin/sleep", "sleep", "20", static_cast<char*>(nullptr));
+                        ::_exit(127);
+                    }
+                    notify();
+                });
+                child->Wait();
+                break;
+            default:  // 4: came and went; 5: a zombie, not reaped until the end
+                child = std::make_unique<ChildProcess>([](const std::function<void()>& notify) { notify(); });
+                if (i % 6 == 4) {
+                    child->Wait();
+                }
+                break;
+        }
+        children.push_back(std::move(child));
+    }
+    // Past the refresh interval, so the next table takes the churn in.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+    full->GetProcsMap(live1);
+    Engine::ProcTableScanner scanner("/proc");
+    ASSERT_TRUE(scanner.TakeSnapshot(scan1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+    ASSERT_TRUE(scanner.TakeSnapshot(scan2));
+    // Events are handled in order: once a later fork is in the table, so is
+    // everything before it, however far the event task lagged on a busy machine.
+    ChildProcess marker({"/bin/sleep", "30"});
+    ASSERT_TRUE(WaitFor([&] { return full->GetProcsMap(live2) > 0 && live2.count(marker.pid()) != 0; }));
+    std::set<int> pids;
+    for (const auto* table : {&live1, &scan1}) {
+        for (const auto& entry : *table) {
+            pids.insert(entry.first);
+        }
+    }
+    int compared = 0;
+    for (const int pid : pids) {
+        const auto scanned = scan1.find(pid);
+        if (!SameAt(live1, live2, pid) || !SameAt(scan1, scan2, pid) ||
+            (scanned != scan1.end() && (scanned->second->ppid == 2 || pid == 2))) {
+            continue;  // changed meanwhile, or a kernel thread (named after its current work)
+        }
+        ++compared;
+        EXPECT_TRUE(SameAt(live1, scan1, pid))
+            << "pid " << pid << "\n live: " << Describe(live1, pid) << "\n scan: " << Describe(scan1, pid);
+    }
+    for (const auto& child : children) {
+        if (child->pid() > 0 && scan1.count(child->pid()) != 0) {
+            EXPECT_EQ(1u, live1.count(child->pid())) << "churned pid " << child->pid();
+        }
+    }
+    EXPECT_GT(compared, 40);
+    if (real->GetCounters().overruns == 0) {
+        EXPECT_EQ(rescans, full->GetFullScanCount()) << "kept up by events, not by rescans";
+    }
 }
 
 }  // namespace

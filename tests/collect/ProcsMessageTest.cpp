@@ -57,6 +57,11 @@ TEST(ProcsMessages, SubscriptionsAreCountedPerFlag) {
     EXPECT_EQ(0, unregist.MessageHandle(static_cast<Framework::Task*>(producer)));
     EXPECT_TRUE(producer->GetSubscriptions().empty());
 
+    // A registration without a requester answers with AddConsumer's refusal and still counts.
+    Engine::ProcsRegistMessage orphan(Engine::PROCS_EVENT_EXEC, nullptr);
+    EXPECT_EQ(-1, orphan.MessageHandle(static_cast<Framework::Task*>(producer)));
+    EXPECT_EQ(1, producer->GetSubscriptionCount(Engine::PROCS_EVENT_EXEC));
+
     consumer->release();
     producer->release();
 }

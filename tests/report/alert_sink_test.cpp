@@ -1,22 +1,21 @@
-// The alert sinks and the backlog that carries alerts across a sink's outage.
+// The spool that carries alerts across crashes and outages, and the file sink.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
+#include <json/json.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <Poco/File.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <fstream>
-#include <sstream>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "AlertFileSink.h"
-#include "AlertSinkWriter.h"
-#include "AlertStreamSink.h"
+#include "AlertSpool.h"
+#include "SiemEnvelope.h"
 #include "support/FileText.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
@@ -32,90 +31,165 @@ std::string Line(int index) {
     return text;
 }
 
+std::vector<std::string> Lines(int first, int last) {
+    std::vector<std::string> lines;
+    for (int index = first; index <= last; ++index) {
+        lines.push_back(Line(index));
+    }
+    return lines;
+}
+
+// Everything `sink` can read from its cursor, committed as read.
+std::vector<std::string> Drain(Agent::AlertSpool& spool, const std::string& sink) {
+    std::vector<std::string> all;
+    uint64_t cursor = spool.LoadCursor(sink);
+    for (;;) {
+        std::vector<std::string> lines;
+        const uint64_t after = spool.Read(cursor, 7, 1 << 20, lines);
+        if (lines.empty()) {
+            return all;
+        }
+        all.insert(all.end(), lines.begin(), lines.end());
+        std::string error;
+        EXPECT_TRUE(spool.SaveCursor(sink, after, error)) << error;
+        cursor = after;
+    }
+}
+
 }  // namespace
+
+TEST(AlertSpool, EachSinkResumesFromItsCommittedLineAcrossRestartsAndTornTails) {
+    TestSupport::TempDir dir;
+    const std::string spoolDir = dir.path() + "/spool";
+    {
+        Agent::AlertSpool spool(spoolDir, 64 << 20);
+        std::string error;
+        ASSERT_TRUE(spool.Open(error)) << error;
+        spool.LoadCursor("fast");
+        spool.LoadCursor("slow");
+        ASSERT_TRUE(spool.Append(Lines(1, 10)));
+        EXPECT_EQ(Drain(spool, "fast"), Lines(1, 10));
+        ASSERT_TRUE(spool.Append(Lines(11, 12)));
+    }
+    struct stat info {};
+    ASSERT_EQ(::stat(spoolDir.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0700u);
+    // A crash in the middle of a write leaves part of a line: it is cut, the rest kept.
+    const std::string segment = spoolDir + "/00000000000000000000.seg";
+    const int fd = ::open(segment.c_str(), O_WRONLY | O_APPEND);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::write(fd, "{\"torn", 6), 6);
+    ::close(fd);
+
+    Agent::AlertSpool spool(spoolDir, 64 << 20);
+    std::string error;
+    ASSERT_TRUE(spool.Open(error)) << error;
+    ASSERT_TRUE(spool.Append(Lines(13, 13)));
+    EXPECT_EQ(Drain(spool, "fast"), Lines(11, 13));
+    EXPECT_EQ(Drain(spool, "slow"), Lines(1, 13));
+    EXPECT_EQ(Drain(spool, "new"), std::vector<std::string>{}) << "a new sink starts at the end";
+}
+
+TEST(AlertSpool, OverMaxBytesTheOldestUndeliveredAlertsAreDroppedCountedAndLoggedOnce) {
+    TestSupport::TempDir dir;
+    TestSupport::LogCapture log("agent");
+    // 128 KiB segments; a 1 MiB limit holds about 21,000 of these 48-byte lines.
+    Agent::AlertSpool spool(dir.path() + "/spool", 1 << 20);
+    std::string error;
+    ASSERT_TRUE(spool.Open(error)) << error;
+    spool.LoadCursor("down");
+    for (int round = 0; round < 40; ++round) {
+        ASSERT_TRUE(spool.Append(Lines(round * 1000, round * 1000 + 999)));
+    }
+    EXPECT_LE(spool.GetBytes(), (1u << 20) + (128u << 10) + 48000);
+    const std::vector<std::string> left = Drain(spool, "down");
+    ASSERT_FALSE(left.empty());
+    EXPECT_EQ(left.back(), Line(39999));
+    EXPECT_EQ(spool.GetDroppedEvicted() + left.size(), 40000u) << "every alert is delivered or counted";
+    EXPECT_EQ(log.Count("is full (max_bytes 1048576): dropping the oldest alerts"), 1u);
+    EXPECT_EQ(log.Count("every sink caught up; " + std::to_string(spool.GetDroppedEvicted()) +
+                        " alerts were dropped"),
+              1u);
+}
 
 TEST(AlertFileSink, AppendsPrivateLinesAndRotatesKeepingTheNewest) {
     TestSupport::TempDir dir;
     const std::string path = dir.path() + "/alerts.json";
-    ::umask(022);
+    std::ofstream{path};
+    ::chmod(path.c_str(), 0644);  // an older file keeps no looser mode
     const size_t lineSize = Line(10).size();
-    Agent::AlertSinkWriter writer(std::make_unique<Agent::AlertFileSink>(path, lineSize * 3, 2), 1 << 20);
+    Agent::AlertFileSink sink(path, lineSize * 3, 2);
+    std::string error;
     // 21 lines make seven full files of three; the last three files hold lines 22 to 30.
-    for (int index = 10; index <= 30; ++index) {
-        writer.Add(Line(index));
-    }
-    EXPECT_FALSE(writer.HasBacklog());
+    ASSERT_EQ(sink.Deliver(Lines(10, 30), error), 21u) << error;
 
     struct stat info {};
     ASSERT_EQ(::stat(path.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0600u);
     EXPECT_FALSE(Poco::File(path + ".3").exists());
-
-    // Oldest first: .2, .1, then the live file; whole lines only, each file within its limit.
     std::vector<std::string> kept;
     for (const std::string& file : {path + ".2", path + ".1", path}) {
         const std::vector<std::string> lines = ReadLines(file);
         EXPECT_EQ(lines.size(), 3u) << file;
-        kept.insert(kept.end(), lines.begin(), lines.end());
+        for (const std::string& line : lines) {
+            kept.push_back(line + "\n");
+        }
     }
-    ASSERT_EQ(kept.size(), 9u);
-    for (size_t index = 0; index < kept.size(); ++index) {
-        EXPECT_EQ(kept[index] + "\n", Line(22 + static_cast<int>(index)));
-    }
+    EXPECT_EQ(kept, Lines(22, 30));
 }
 
-TEST(AlertSinkWriter, HoldsLinesWhileTheFileCannotBeOpenedAndWritesThemInOrderLater) {
+TEST(AlertFileSink, ReopensAfterLogrotateAndRefusesLinksAndForeignFiles) {
     TestSupport::TempDir dir;
-    const std::string path = dir.path() + "/later/alerts.json";
-    Agent::AlertSinkWriter writer(std::make_unique<Agent::AlertFileSink>(path, 0, 0), 1 << 20);
-    for (int index = 0; index < 5; ++index) {
-        writer.Add(Line(index));
-    }
-    EXPECT_EQ(writer.GetBacklogCount(), 5u);
-    EXPECT_FALSE(writer.Flush());
+    const std::string path = dir.path() + "/alerts.json";
+    Agent::AlertFileSink sink(path, 0, 0);
+    std::string error;
+    ASSERT_EQ(sink.Deliver({Line(1)}, error), 1u) << error;
+    // logrotate's default: rename, then the daemon must start a new file by itself.
+    ASSERT_EQ(::rename(path.c_str(), (path + ".1").c_str()), 0);
+    ASSERT_EQ(sink.Deliver({Line(2)}, error), 1u) << error;
+    EXPECT_EQ(ReadLines(path), std::vector<std::string>{Line(2).substr(0, Line(2).size() - 1)});
 
-    Poco::File(dir.path() + "/later").createDirectories();
-    writer.Add(Line(5));
-    EXPECT_FALSE(writer.HasBacklog());
-    const std::vector<std::string> lines = ReadLines(path);
-    ASSERT_EQ(lines.size(), 6u);
-    for (int index = 0; index < 6; ++index) {
-        EXPECT_EQ(lines[static_cast<size_t>(index)] + "\n", Line(index));
+    struct Case {
+        const char* what;
+        std::function<void()> prepare;
+        const char* reason;
+    } cases[] = {
+        {"symlink", [&] { ::symlink((dir.path() + "/target").c_str(), path.c_str()); }, "is a symbolic link"},
+        {"foreign owner",
+         [&] {
+             std::ofstream(path) << "";
+             ::chown(path.c_str(), 1234, 0);
+         },
+         "owned by uid 1234"},
+        {"open directory", [&] { ::chmod(dir.path().c_str(), 0777); }, "writable by everyone"},
+    };
+    for (const Case& test : cases) {
+        ::chmod(dir.path().c_str(), 0700);
+        std::remove(path.c_str());
+        test.prepare();
+        Agent::AlertFileSink refused(path, 0, 0);
+        EXPECT_EQ(refused.Deliver({Line(3)}, error), 0u) << test.what;
+        EXPECT_NE(error.find(test.reason), std::string::npos) << test.what << ": " << error;
     }
+    EXPECT_FALSE(Poco::File(dir.path() + "/target").exists()) << "written through a link";
 }
 
-TEST(AlertSinkWriter, FullDiskIsLoggedOnceAndTheBacklogStaysBounded) {
-    TestSupport::LogCapture log("agent");
-    const size_t limit = Line(0).size() * 10;
-    Agent::AlertSinkWriter writer(std::make_unique<Agent::AlertFileSink>("/dev/full", 100, 3), limit);
-    for (int index = 0; index < 100; ++index) {
-        writer.Add(Line(index));
-    }
-    EXPECT_EQ(writer.GetBacklogCount(), 10u);
-    EXPECT_EQ(writer.GetDroppedCount(), 90u);
-    EXPECT_EQ(log.Count("cannot write alerts to /dev/full: No space left on device"), 1u);
-    EXPECT_EQ(log.Count("alert backlog of /dev/full is full"), 1u);
-    EXPECT_TRUE(Poco::File("/dev/full").exists()) << "a device must never be rotated away";
-}
-
-TEST(AlertStreamSink, WritesIntoAPipeAndKeepsLinesOnceTheReaderIsGone) {
-    ::signal(SIGPIPE, SIG_IGN);
-    int fds[2];
-    ASSERT_EQ(::pipe(fds), 0);
-    Agent::AlertSinkWriter writer(std::make_unique<Agent::AlertStreamSink>(fds[1], "standard output"),
-                                  1 << 20);
-    writer.Add(Line(1));
-    writer.Add(Line(2));
-    char buffer[256] = {};
-    const ssize_t got = ::read(fds[0], buffer, sizeof(buffer));
-    ASSERT_GT(got, 0);
-    EXPECT_EQ(std::string(buffer, static_cast<size_t>(got)), Line(1) + Line(2));
-
-    ::close(fds[0]);
-    TestSupport::LogCapture log("agent");
-    writer.Add(Line(3));
-    writer.Add(Line(4));
-    EXPECT_EQ(writer.GetBacklogCount(), 2u);
-    EXPECT_EQ(log.Count("cannot write alerts to standard output: Broken pipe"), 1u);
-    ::close(fds[1]);
+TEST(SiemEnvelope, WrapsTheAlertByteForByteWithEcsFieldsAndNamedFlags) {
+    const Agent::SiemEnvelope envelope("web-1", "0123abcd", "0.1.0");
+    const std::string alert =
+        R"({"event_id":"e1","event_classid":"procdet_0001","occur_time":1700000000,)"
+        R"("process_info":[{"process_pid":42,"rule":289},{"process_pid":43,"rule":0}]})";
+    const std::string wrapped = envelope.Wrap(alert + "\n");
+    ASSERT_EQ(wrapped.back(), '\n');
+    EXPECT_NE(wrapped.find(",\"corvane\":" + alert + "}\n"), std::string::npos) << wrapped;
+    Json::Value document;
+    ASSERT_TRUE(Json::Reader().parse(wrapped, document));
+    EXPECT_EQ(document["@timestamp"], "2023-11-14T22:13:20Z");
+    EXPECT_EQ(document["host"]["name"], "web-1");
+    EXPECT_EQ(document["host"]["id"], "0123abcd");
+    EXPECT_EQ(document["agent"]["version"], "0.1.0");
+    EXPECT_EQ(document["event"]["code"], "procdet_0001");
+    EXPECT_EQ(Json::FastWriter().write(document["corvane_flags"]),
+              "[{\"names\":[\"PROC_TMP\",\"HIGHCPU\",\"PACKER\"],\"process_pid\":42},"
+              "{\"names\":[],\"process_pid\":43}]\n");
 }

@@ -34,6 +34,7 @@ TEST(DataReportTask, UnInitWritesEveryQueuedReportOneJsonLineEach) {
     TestSupport::LogCapture log("agent");
     Agent::ReportSettings settings;
     settings.filePath = dir.path() + "/alerts.json";
+    settings.spoolDir = dir.path() + "/spool";
     auto* task = new Agent::DataReportTask(settings);
     task->Init();
     const int count = 5000;
@@ -64,6 +65,7 @@ TEST(DataReportTask, RunsAsSystemTaskRetriesAFailedFileAndDrainsOnStopAll) {
     TestSupport::TempDir dir;
     Agent::ReportSettings settings;
     settings.filePath = dir.path() + "/missing/alerts.json";
+    settings.spoolDir = dir.path() + "/spool";
     settings.retrySeconds = 1;
     Framework::Engine engine;
     {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <thread>
 
+#include "KeptStatFiles.h"
 #include "sdk/CpuCalcUtils.h"
 #include "sdk/ProcessUtils.h"
 #include "support/ChildProcess.h"
@@ -64,9 +65,13 @@ TEST(CpuCalcUtils, BusyAndIdleChildren) {
 
     SDK::CpuCalcUtils calc;
     ASSERT_TRUE(calc.Init(busy.pid()));
+    SDK::KeptStatFiles& files = SDK::KeptStatFiles::Instance();
+    const size_t kept = files.GetOpenCount();
+    EXPECT_GT(kept, 0u) << "the sampler keeps stat open under /proc";
     busy.Kill();
     EXPECT_FALSE(calc.GetCpuUsage(usage)) << "the process is gone";
     EXPECT_FALSE(calc.Init(busy.pid()));
+    EXPECT_EQ(files.GetOpenCount(), kept - 1) << "the file of a reaped process is closed at its next read";
 }
 
 TEST(CpuCalcUtils, LifetimeAverageAndPidReuse) {

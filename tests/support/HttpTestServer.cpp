@@ -1,12 +1,16 @@
 #include "support/HttpTestServer.h"
 
+#include <Poco/Net/Context.h>
 #include <Poco/Net/HTTPRequestHandler.h>
 #include <Poco/Net/HTTPRequestHandlerFactory.h>
 #include <Poco/Net/HTTPServerParams.h>
 #include <Poco/Net/HTTPServerRequest.h>
 #include <Poco/Net/HTTPServerResponse.h>
+#include <Poco/Net/SSLManager.h>
+#include <Poco/Net/SecureServerSocket.h>
 #include <Poco/Net/ServerSocket.h>
 #include <Poco/Net/SocketAddress.h>
+#include <Poco/StreamCopier.h>
 #include <stdlib.h>
 
 namespace TestSupport {
@@ -23,10 +27,28 @@ public:
         std::string location;
         bool found = false;
         bool chunked = false;
+        std::string posted;
+        if (request.getMethod() == Poco::Net::HTTPRequest::HTTP_POST) {
+            Poco::StreamCopier::copyToString(request.stream(), posted);
+        }
         {
             std::lock_guard<std::mutex> lock(state_->mutex);
             const std::string path = request.getURI();
             ++state_->requests[path];
+            auto failure = state_->failures.find(path);
+            if (failure != state_->failures.end() && failure->second.second > 0) {
+                --failure->second.second;
+                response.setStatusAndReason(
+                    static_cast<Poco::Net::HTTPResponse::HTTPStatus>(failure->second.first));
+                response.send() << "failing on purpose";
+                return;
+            }
+            if (request.getMethod() == Poco::Net::HTTPRequest::HTTP_POST) {
+                state_->posted[path].push_back(posted);
+                state_->authorization[path] = request.get("Authorization", "");
+                response.send() << "ok";
+                return;
+            }
             const auto redirect = state_->redirects.find(path);
             const auto file = state_->bodies.find(path);
             if (redirect != state_->redirects.end()) {
@@ -71,13 +93,23 @@ private:
 
 }  // namespace
 
-HttpTestServer::HttpTestServer() : state_(std::make_shared<State>()) {
+HttpTestServer::HttpTestServer(unsigned short port, const std::string& certFile, const std::string& keyFile)
+    : state_(std::make_shared<State>()), tls_(!certFile.empty()) {
     for (const char* name :
          {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
         unsetenv(name);
     }
     setenv("no_proxy", "127.0.0.1", 1);
-    Poco::Net::ServerSocket socket(Poco::Net::SocketAddress("127.0.0.1", 0));
+    const Poco::Net::SocketAddress address("127.0.0.1", port);
+    Poco::Net::ServerSocket socket;
+    if (tls_) {
+        Poco::Net::initializeSSL();
+        Poco::Net::Context::Ptr context = new Poco::Net::Context(
+            Poco::Net::Context::TLS_SERVER_USE, keyFile, certFile, "", Poco::Net::Context::VERIFY_NONE);
+        socket = Poco::Net::SecureServerSocket(address, 64, context);
+    } else {
+        socket = Poco::Net::ServerSocket(address);
+    }
     port_ = socket.address().port();
     server_ = std::make_unique<Poco::Net::HTTPServer>(new BodyHandlerFactory(state_), socket,
                                                       new Poco::Net::HTTPServerParams);
@@ -102,7 +134,29 @@ void HttpTestServer::Redirect(const std::string& path, const std::string& target
 }
 
 std::string HttpTestServer::Url(const std::string& path) const {
-    return "http://127.0.0.1:" + std::to_string(port_) + path;
+    return std::string(tls_ ? "https" : "http") + "://127.0.0.1:" + std::to_string(port_) + path;
+}
+
+void HttpTestServer::Fail(const std::string& path, int status, int count) {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->failures[path] = {status, count};
+}
+
+std::vector<std::string> HttpTestServer::Posted(const std::string& path) const {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    const auto found = state_->posted.find(path);
+    return found == state_->posted.end() ? std::vector<std::string>() : found->second;
+}
+
+std::string HttpTestServer::LastAuthorization(const std::string& path) const {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    const auto found = state_->authorization.find(path);
+    return found == state_->authorization.end() ? std::string() : found->second;
+}
+
+unsigned short HttpTestServer::FreePort() {
+    Poco::Net::ServerSocket socket(Poco::Net::SocketAddress("127.0.0.1", 0));
+    return socket.address().port();
 }
 
 int HttpTestServer::Requests(const std::string& path) const {

@@ -7,16 +7,21 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace TestSupport {
 
 // A small HTTP server on 127.0.0.1 (ephemeral port) serving bodies from memory.
-// Unknown paths get 404; every request is counted by its path. Creating one
-// clears the proxy variables of the environment so that requests to it are
-// sent straight to it.
+// Unknown paths get 404; every request is counted by its path. POSTs are
+// answered 200 and their bodies and Authorization headers kept, unless Fail
+// asked for failures first. Creating one clears the proxy variables of the
+// environment so that requests to it are sent straight to it.
 class HttpTestServer {
 public:
-    HttpTestServer();
+    // port 0: an ephemeral one. certFile/keyFile set: HTTPS with that certificate.
+    explicit HttpTestServer(unsigned short port = 0, const std::string& certFile = "",
+                            const std::string& keyFile = "");
     ~HttpTestServer();
 
     HttpTestServer(const HttpTestServer&) = delete;
@@ -27,8 +32,16 @@ public:
     // Answers `path` with 302 to `target` (a path of this server).
     void Redirect(const std::string& path, const std::string& target);
 
+    // The next `count` requests to `path` are answered `status`.
+    void Fail(const std::string& path, int status, int count);
+
     std::string Url(const std::string& path) const;
     int Requests(const std::string& path) const;
+    std::vector<std::string> Posted(const std::string& path) const;  // bodies, in order
+    std::string LastAuthorization(const std::string& path) const;
+
+    // A port nothing listens on now, for a server started later.
+    static unsigned short FreePort();
 
     struct State {
         mutable std::mutex mutex;
@@ -36,12 +49,16 @@ public:
         std::map<std::string, std::string> redirects;
         std::map<std::string, int> requests;
         std::set<std::string> chunked;
+        std::map<std::string, std::pair<int, int>> failures;  // status, count left
+        std::map<std::string, std::vector<std::string>> posted;
+        std::map<std::string, std::string> authorization;
     };
 
 private:
     std::shared_ptr<State> state_;
     std::unique_ptr<Poco::Net::HTTPServer> server_;
     unsigned short port_ = 0;
+    bool tls_ = false;
 };
 
 }  // namespace TestSupport

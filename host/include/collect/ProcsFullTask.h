@@ -4,15 +4,17 @@
 #include <memory>
 
 #include "collect/ProcsMessage.h"
-#include "collect/TimedSnapshot.h"
 #include "framework/Task.h"
 
 namespace Engine {
 
-class ProcTableScanner;
+class LiveProcTable;
+class ProcChangeLog;
 
-// "procs_full_task": a snapshot of every live process, taken on demand when the
-// last one is older than the refresh interval, so an idle host costs nothing.
+// "procs_full_task": a table of every live process, brought up to date on demand
+// when it is older than the refresh interval, so an idle host costs nothing.
+// Given the event producer's change log, an update re-reads only the processes
+// that changed; otherwise it rescans /proc.
 class ProcsFullTask : public Framework::Task {
 public:
     using ProcsMap = std::map<int, std::shared_ptr<ProcsMessage::procInfo>>;
@@ -28,16 +30,18 @@ public:
     // Changes the refresh interval (at least 1 s); safe from any thread.
     void SetRefreshSeconds(int seconds);
 
+    // Follows the changes noted by the event producer (before the task runs).
+    void FollowChanges(std::shared_ptr<ProcChangeLog> log);
+    // Rescans of the whole of /proc so far (for tests and benchmarks).
+    unsigned long GetFullScanCount() const;
+
     int Run() override;
 
 protected:
     ~ProcsFullTask() override;
 
 private:
-    void TakeSnapshot(ProcsMap& fresh);
-
-    TimedSnapshot<ProcsMap> snapshot_;
-    std::unique_ptr<ProcTableScanner> scanner_;  // used by one snapshot at a time
+    std::unique_ptr<LiveProcTable> table_;
 };
 
 }  // namespace Engine

@@ -16,6 +16,13 @@ namespace Engine {
 
 namespace {
 
+// Log lines and CPU governor calls name the class, not this file.
+constexpr const char* kProcDetSource = "module/module_procdet/feature_detaction/ProcDetActionFullTask";
+
+}  // namespace
+
+namespace {
+
 constexpr const char* kReportTaskName = "data_comm_report_task";
 constexpr const char* kAlertDataType = "2";
 constexpr long kHashLimit = 10485760;

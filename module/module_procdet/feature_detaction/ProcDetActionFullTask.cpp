@@ -11,6 +11,13 @@
 
 namespace Engine {
 
+namespace {
+
+// Log lines and CPU governor calls name the class, not this file.
+constexpr const char* kProcDetSource = "module/module_procdet/feature_detaction/ProcDetActionFullTask";
+
+}  // namespace
+
 ProcDetActionFullTask::ProcDetActionFullTask()
     : Framework::Task(kDetActionTaskName, kDetActionFeatureName, Framework::TaskCondition::TASK_TYPE_PERIODIC,
                       0) {}
@@ -33,6 +40,13 @@ int ProcDetActionFullTask::Init() {
     biplibHash_ = policy->GetBiplibHash();
     cpuUsageWarn_ = policy->GetCpuUsageWarn();
     strings_ = policy->GetStrings();
+    for (const std::string& keyword : strings_) {
+        if (keyword.size() > ProcDetStrings::kMaxKeywordLength) {
+            PROCDET_ERROR(logger_, "keyword longer than %lu bytes ignored: %s...",
+                          static_cast<unsigned long>(ProcDetStrings::kMaxKeywordLength),
+                          keyword.substr(0, 64));
+        }
+    }
     checkStrMaxSizeM_ = policy->GetCheckStrMaxSizeM();
     return Framework::Task::Init();
 }
@@ -99,8 +113,10 @@ void ProcDetActionFullTask::UpdateDetectorInfo() {
         detectorCpu_->SetHighCpuThreshold(cpuUsageWarn_);
     }
     if (detectorStrings_ != nullptr) {
-        // Only processes the CPU detector flagged in the same cycle are searched.
-        detectorStrings_->Init(strings_, static_cast<long>(checkStrMaxSizeM_) << 20, HIGHCPU, logger_);
+        // Only processes the CPU detector flagged in the same cycle are searched. MiB to
+        // bytes by multiplying: a negative limit (nothing is read) must not be shifted.
+        const long maxFileSize = static_cast<long>(checkStrMaxSizeM_) * (1L << 20);
+        detectorStrings_->Init(strings_, maxFileSize, HIGHCPU, logger_);
     }
 }
 

@@ -4,12 +4,15 @@
 
 #include <array>
 
+#include "ProcDetLog.h"
 #include "feature_detaction/ProcDetBase.h"
 #include "sdk/JsonUtils.h"
 
 namespace Engine {
 
 namespace {
+
+constexpr const char* kProcDetSource = "module/module_procdet/feature_detaction/ProcDetActionFullTaskPolicy";
 
 struct ScoreKey {
     const char* key;
@@ -29,17 +32,21 @@ constexpr std::array<ScoreKey, 8> kScoreKeys = {{
     {"packer", PACKER, 0},
 }};
 
-// The string members of array `key`; elements of other types are skipped.
+// Each element of array `key` as a string, as jsoncpp's asString gives it (5 is
+// "5", true is "true"); arrays and objects have no string value and are skipped.
 template <typename Visit>
 void ForEachString(const Json::Value& root, const char* key, Visit visit) {
     Json::Value array;
     if (!SDK::JsonUtils::GetArrayValue(root, key, array)) {
         return;
     }
-    for (const Json::Value& element : array) {
-        if (element.isString()) {
-            visit(element.asString());
+    for (Json::ArrayIndex i = 0; i < array.size(); ++i) {
+        if (!array[i].isConvertibleTo(Json::stringValue)) {
+            PROCDET_ERROR(GetProcDetLogger(), "policy \"%s\": element %u is no string, skipped",
+                          std::string(key), static_cast<unsigned>(i));
+            continue;
         }
+        visit(array[i].asString());
     }
 }
 

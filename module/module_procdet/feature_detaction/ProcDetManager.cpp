@@ -13,6 +13,13 @@ namespace Engine {
 
 namespace {
 
+// Log lines and CPU governor calls name the class, not this file.
+constexpr const char* kProcDetSource = "module/module_procdet/feature_detaction/ProcDetManager";
+
+}  // namespace
+
+namespace {
+
 constexpr const char* kTaskName = "detaction_full_task";
 
 // The host's process snapshot; empty when the collect task is not running.

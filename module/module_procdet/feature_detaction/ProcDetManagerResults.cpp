@@ -6,6 +6,13 @@
 
 namespace Engine {
 
+namespace {
+
+// Log lines and CPU governor calls name the class, not this file.
+constexpr const char* kProcDetSource = "module/module_procdet/feature_detaction/ProcDetManager";
+
+}  // namespace
+
 void ProcDetManager::MakeDesc(unsigned int flags, std::string& out) {
     if (flags == 0) {
         out = "CLEAR";

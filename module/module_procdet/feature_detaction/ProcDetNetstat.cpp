@@ -18,6 +18,13 @@ namespace Engine {
 
 namespace {
 
+// Log lines and CPU governor calls name the class, not this file.
+constexpr const char* kProcDetSource = "module/module_procdet/feature_detaction/ProcDetNetstat";
+
+}  // namespace
+
+namespace {
+
 constexpr const char* kPaceTaskName = "detaction_full_task";
 constexpr const char* kProcNetTcp = "/proc/net/tcp";
 constexpr int kTcpEstablished = 1;

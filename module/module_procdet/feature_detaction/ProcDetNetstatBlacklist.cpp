@@ -17,6 +17,13 @@ namespace Engine {
 
 namespace {
 
+// Log lines and CPU governor calls name the class, not this file.
+constexpr const char* kProcDetSource = "module/module_procdet/feature_detaction/ProcDetNetstat";
+
+}  // namespace
+
+namespace {
+
 // The address file is refused above this size.
 constexpr long kLibMaxBytes = 0xA00000;
 // While the address file is missing, downloads are tried at most this often.

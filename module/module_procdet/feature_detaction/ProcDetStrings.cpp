@@ -10,6 +10,13 @@ namespace Engine {
 
 namespace {
 
+// Log lines and CPU governor calls name the class, not this file.
+constexpr const char* kProcDetSource = "module/module_procdet/feature_detaction/ProcDetStrings";
+
+}  // namespace
+
+namespace {
+
 constexpr const char* kTaskName = "detaction_full_task";
 
 // Distance between two seconds, in either direction.
@@ -41,8 +48,7 @@ void ProcDetStrings::Init(const std::set<std::string>& newKeywords, long newMaxF
     for (auto it = keywords.begin(); it != keywords.end();) {
         if (it->size() > kMaxKeywordLength) {
             // The overlap kept across a cut of a long string must fit the carry area.
-            PROCDET_ERROR(logger, "keyword longer than %lu bytes ignored: %s...",
-                          static_cast<unsigned long>(kMaxKeywordLength), it->substr(0, 64));
+            // Init runs every cycle; the task logs such keywords once, when it takes its policy.
             it = keywords.erase(it);
             continue;
         }
@@ -52,17 +58,8 @@ void ProcDetStrings::Init(const std::set<std::string>& newKeywords, long newMaxF
     }
 
     matcher.Build(keywords);
-    size_t longest = 0;
-    for (const std::string& keyword : keywords) {
-        longest = std::max(longest, keyword.size());
-    }
-    testsUpTo.assign(longest + 1, 0);
-    for (const std::string& keyword : keywords) {
-        ++testsUpTo[keyword.size()];
-    }
-    for (size_t n = 1; n < testsUpTo.size(); ++n) {
-        testsUpTo[n] += testsUpTo[n - 1];
-    }
+    selected.assign(keywords.size(), 0);
+    found.assign(keywords.size(), 0);
 }
 
 std::string ProcDetStrings::GetName() {

@@ -76,12 +76,9 @@ private:
 
     // Resolves `path` (at most kMaxPathLength characters) with realpath.
     static bool ResolvePath(const std::string& path, std::string& resolved);
-    // Opens a resolved path for reading without ever blocking (a FIFO or device
-    // swapped in after the type test is refused); null when it cannot be opened.
-    static FILE* OpenRegularFile(const std::string& resolved);
-    // Keyword tests MatchKeywords makes on a string of `length` bytes: the
-    // remaining keywords no longer than it. `remaining` is a subset of `keywords`.
-    size_t CountTests(const std::set<std::string>& remaining, size_t length) const;
+    // Opens a resolved path for reading without ever blocking on a FIFO; null when
+    // it cannot be opened.
+    static FILE* OpenForReading(const std::string& resolved);
 
     std::set<std::string> keywords;
     int64_t maxFileSize = kDefaultMaxFileSize;
@@ -95,8 +92,16 @@ private:
 
     // Search index over `keywords`, rebuilt by Init.
     ProcDetStringsMatcher matcher;
-    // testsUpTo[n]: keywords of at most n bytes (n up to the longest current keyword).
-    std::vector<uint32_t> testsUpTo;
+    // MatchKeywords' scratch, kept to spare an allocation per string: the keywords
+    // of one group of tests, and the index's selection and findings by keyword rank.
+    static constexpr uint32_t kNotIndexed = UINT32_MAX;
+    struct GroupEntry {
+        std::set<std::string>::iterator keyword;  // in `remaining`
+        uint32_t rank;                            // in `keywords`, or kNotIndexed
+    };
+    mutable std::vector<GroupEntry> group;
+    mutable std::vector<char> selected;
+    mutable std::vector<char> found;
 };
 
 }  // namespace Engine

@@ -9,13 +9,6 @@ namespace {
 
 constexpr size_t kFilterBits = 1u << 16;
 
-bool AllGraphic(const std::string& text) {
-    return std::all_of(text.begin(), text.end(), [](char c) {
-        const auto byte = static_cast<unsigned char>(c);
-        return byte >= 0x21 && byte <= 0x7E;
-    });
-}
-
 uint32_t Load16(const char* p) {
     return static_cast<unsigned char>(p[0]) | (static_cast<uint32_t>(static_cast<unsigned char>(p[1])) << 8);
 }
@@ -29,7 +22,7 @@ uint32_t Load32(const char* p) {
 }  // namespace
 
 void ProcDetStringsMatcher::Build(const std::set<std::string>& keywords) {
-    entries.clear();
+    needles.clear();
     empties.clear();
     ones.clear();
     twos.clear();
@@ -40,12 +33,8 @@ void ProcDetStringsMatcher::Build(const std::set<std::string>& keywords) {
 
     for (const std::string& keyword : keywords) {
         std::string needle = keyword.substr(0, keyword.find('\0'));
-        // Strings hold graphic bytes only, so such a keyword can never occur.
-        if (!AllGraphic(needle)) {
-            continue;
-        }
-        const auto index = static_cast<uint32_t>(entries.size());
-        entries.push_back({&keyword, needle});
+        const auto index = static_cast<uint32_t>(needles.size());
+        needles.push_back(needle);
         if (needle.empty()) {
             empties.push_back(index);
         } else if (needle.size() == 1) {
@@ -67,42 +56,29 @@ void ProcDetStringsMatcher::Build(const std::set<std::string>& keywords) {
     std::sort(fours.begin(), fours.end());
 }
 
-void ProcDetStringsMatcher::Take(const Entry& entry, size_t length, std::set<std::string>& remaining,
-                                 std::set<std::string>& matched) const {
-    // strstr is never asked about a keyword longer than the string.
-    if (entry.keyword->size() > length) {
-        return;
-    }
-    auto it = remaining.find(*entry.keyword);
-    if (it != remaining.end()) {
-        matched.insert(*it);
-        remaining.erase(it);
-    }
-}
-
 void ProcDetStringsMatcher::Verify(const Keyed& keyed, uint32_t key, const char* text, size_t length,
-                                   size_t at, std::set<std::string>& remaining,
-                                   std::set<std::string>& matched) const {
+                                   size_t at, const std::vector<char>& selected,
+                                   std::vector<char>& found) const {
     auto it = std::lower_bound(keyed.begin(), keyed.end(), std::make_pair(key, uint32_t{0}));
     for (; it != keyed.end() && it->first == key; ++it) {
-        const Entry& entry = entries[it->second];
-        const std::string& needle = entry.needle;
-        if (needle.size() <= length - at && memcmp(text + at, needle.data(), needle.size()) == 0) {
-            Take(entry, length, remaining, matched);
+        const std::string& needle = needles[it->second];
+        if (selected[it->second] && !found[it->second] && needle.size() <= length - at &&
+            memcmp(text + at, needle.data(), needle.size()) == 0) {
+            found[it->second] = 1;
         }
     }
 }
 
-void ProcDetStringsMatcher::Match(const char* text, size_t length, std::set<std::string>& remaining,
-                                  std::set<std::string>& matched) const {
+void ProcDetStringsMatcher::Find(const char* text, size_t length, const std::vector<char>& selected,
+                                 std::vector<char>& found) const {
     for (uint32_t index : empties) {
-        Take(entries[index], length, remaining, matched);
+        found[index] = found[index] || selected[index];
     }
     if (!ones.empty()) {
         for (size_t at = 0; at < length; ++at) {
             const uint32_t key = static_cast<unsigned char>(text[at]);
             if (Test(oneBits, key)) {
-                Verify(ones, key, text, length, at, remaining, matched);
+                Verify(ones, key, text, length, at, selected, found);
             }
         }
     }
@@ -110,7 +86,7 @@ void ProcDetStringsMatcher::Match(const char* text, size_t length, std::set<std:
         for (size_t at = 0; at + 2 <= length; ++at) {
             const uint32_t key = Load16(text + at);
             if (Test(twoBits, key)) {
-                Verify(twos, key, text, length, at, remaining, matched);
+                Verify(twos, key, text, length, at, selected, found);
             }
         }
     }
@@ -118,7 +94,7 @@ void ProcDetStringsMatcher::Match(const char* text, size_t length, std::set<std:
         for (size_t at = 0; at + 4 <= length; ++at) {
             const uint32_t key = Hash4(Load32(text + at));
             if (Test(fourBits, key)) {
-                Verify(fours, key, text, length, at, remaining, matched);
+                Verify(fours, key, text, length, at, selected, found);
             }
         }
     }

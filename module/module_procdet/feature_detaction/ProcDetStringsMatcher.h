@@ -9,27 +9,22 @@
 
 namespace Engine {
 
-// Finds, in one printable string, which keywords of a set occur in it, with the
-// result of testing each keyword by strstr: a keyword is searched up to its first
-// NUL byte, and is only tested against strings at least as long as the whole
-// keyword. Instead of one search per keyword, one pass over the string looks up a
-// filter of the keywords' first bytes (one, two or four of them, by keyword
-// length) and compares only where the filter hits.
+// Finds which of a set of keywords occur in a text, with the result of testing
+// each keyword by strstr: a keyword is searched up to its first NUL byte. Instead
+// of one search per keyword, one pass over the text looks up a filter of the
+// keywords' first bytes (one, two or four of them, by keyword length) and compares
+// only where the filter hits. Keywords are numbered in the set's order.
 class ProcDetStringsMatcher {
 public:
-    // `keywords` must outlive the matcher's use (entries point into it).
     void Build(const std::set<std::string>& keywords);
+    size_t Size() const { return needles.size(); }
 
-    // For each keyword occurring in text[0, length) that is still in `remaining`:
-    // moves it from `remaining` to `matched`.
-    void Match(const char* text, size_t length, std::set<std::string>& remaining,
-               std::set<std::string>& matched) const;
+    // Sets found[i] for every keyword i with selected[i] set that occurs in
+    // text[0, length); `text` holds no NUL in that range. Both vectors have Size() elements.
+    void Find(const char* text, size_t length, const std::vector<char>& selected,
+              std::vector<char>& found) const;
 
 private:
-    struct Entry {
-        const std::string* keyword;  // in the set given to Build
-        std::string needle;          // up to the first NUL, as strstr sees it
-    };
     using Keyed = std::vector<std::pair<uint32_t, uint32_t>>;  // filter key, entry index; sorted
 
     static uint32_t Hash4(uint32_t word) { return (word * 0x9E3779B1u) >> 16; }
@@ -41,13 +36,11 @@ private:
     }
 
     void Verify(const Keyed& keyed, uint32_t key, const char* text, size_t length, size_t at,
-                std::set<std::string>& remaining, std::set<std::string>& matched) const;
-    void Take(const Entry& entry, size_t length, std::set<std::string>& remaining,
-              std::set<std::string>& matched) const;
+                const std::vector<char>& selected, std::vector<char>& found) const;
 
-    std::vector<Entry> entries;
-    std::vector<uint32_t> empties;  // needle "" occurs in every string
-    std::vector<uint64_t> oneBits;  // needles of 1 byte, by the byte
+    std::vector<std::string> needles;  // each keyword up to its first NUL, as strstr sees it
+    std::vector<uint32_t> empties;     // needle "" occurs in every string
+    std::vector<uint64_t> oneBits;     // needles of 1 byte, by the byte
     Keyed ones;
     std::vector<uint64_t> twoBits;  // needles of 2 or 3 bytes, by their first two
     Keyed twos;

@@ -13,6 +13,13 @@ namespace Engine {
 
 namespace {
 
+// Log lines and CPU governor calls name the class, not this file.
+constexpr const char* kProcDetSource = "module/module_procdet/feature_detaction/ProcDetStrings";
+
+}  // namespace
+
+namespace {
+
 constexpr const char* kTaskName = "detaction_full_task";
 constexpr int kTestsPerPace = 11;
 
@@ -74,7 +81,7 @@ bool ProcDetStrings::Strings(const std::string& path, const bool& /*running*/,
     if (!ResolvePath(path, resolved)) {
         return false;
     }
-    FILE* file = OpenRegularFile(resolved);
+    FILE* file = OpenForReading(resolved);
     if (file == nullptr) {
         PROCDET_DEBUG(logger, "open file [%s] to check str failed.", path);
         return false;
@@ -194,29 +201,56 @@ bool ProcDetStrings::MatchKeywords(const char* text, size_t length, std::set<std
     if (length < minKeywordLen) {
         return !remaining.empty();
     }
-    // One search pass stands for the per-keyword tests; the governor is still paced
-    // by the number of tests, once every kTestsPerPace across the file.
-    const size_t tests = CountTests(remaining, length);
-    if (tests != 0) {
-        matcher.Match(text, length, remaining, matched);
-    }
-    const size_t total = static_cast<size_t>(counter) + tests;
-    counter = static_cast<int>(total % kTestsPerPace);
-    for (size_t paces = total / kTestsPerPace; paces != 0; --paces) {
-        PROCDET_PACE_CPU(kTaskName);
+    // As strstr: the text ends at its first NUL, while a keyword longer than `length`
+    // is not tested at all.
+    const size_t searchable = strnlen(text, length);
+    auto next = remaining.begin();
+    auto indexed = keywords.begin();  // merge cursor: `remaining` is walked in the same order
+    uint32_t rank = 0;
+    while (next != remaining.end()) {
+        // The tests up to the next call of the governor, made in one search pass.
+        group.clear();
+        while (next != remaining.end() && group.size() < static_cast<size_t>(kTestsPerPace - counter)) {
+            if (next->size() <= length) {
+                while (indexed != keywords.end() && *indexed < *next) {
+                    ++indexed;
+                    ++rank;
+                }
+                const bool known = indexed != keywords.end() && *indexed == *next;
+                group.push_back({next, known ? rank : kNotIndexed});
+                if (known) {
+                    selected[rank] = 1;
+                }
+            }
+            ++next;
+        }
+        if (group.empty()) {
+            break;
+        }
+        matcher.Find(text, searchable, selected, found);
+        for (const GroupEntry& entry : group) {
+            bool hit = false;
+            if (entry.rank == kNotIndexed) {
+                // A keyword the last Init did not index: searched on its own.
+                const std::string& keyword = *entry.keyword;
+                hit = memmem(text, searchable, keyword.c_str(), strlen(keyword.c_str())) != nullptr;
+            } else {
+                hit = found[entry.rank] != 0;
+                selected[entry.rank] = 0;
+                found[entry.rank] = 0;
+            }
+            if (hit) {
+                matched.insert(*entry.keyword);
+                remaining.erase(entry.keyword);
+            }
+        }
+        counter += static_cast<int>(group.size());
+        if (counter >= kTestsPerPace) {
+            counter = 0;
+            PROCDET_PACE_CPU(kTaskName);
+        }
     }
     return !remaining.empty();
-}
-
-size_t ProcDetStrings::CountTests(const std::set<std::string>& remaining, size_t length) const {
-    if (remaining.size() == keywords.size()) {
-        return length < testsUpTo.size() ? testsUpTo[length] : keywords.size();
-    }
-    size_t tests = 0;
-    for (const std::string& keyword : remaining) {
-        tests += keyword.size() <= length ? 1 : 0;
-    }
-    return tests;
 }
 
 }  // namespace Engine

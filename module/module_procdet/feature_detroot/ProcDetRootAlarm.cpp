@@ -15,6 +15,13 @@ namespace Engine {
 
 namespace {
 
+// Log lines and CPU governor calls name the class, not this file.
+constexpr const char* kProcDetSource = "module/module_procdet/feature_detroot/ProcDetRootFullTask";
+
+}  // namespace
+
+namespace {
+
 constexpr long kHashSizeLimit = 10485760;
 
 // Login session facts of a process; empty when it has no session we can read.

@@ -7,6 +7,13 @@ namespace Engine {
 
 namespace {
 
+// Log lines and CPU governor calls name the class, not this file.
+constexpr const char* kProcDetSource = "module/module_procdet/feature_detroot/ProcDetRootFullTask";
+
+}  // namespace
+
+namespace {
+
 // A root child older than this was not spawned by the parent's current identity.
 constexpr long kFreshChildSeconds = 300;
 

@@ -6,7 +6,8 @@ namespace Engine {
 
 namespace {
 
-constexpr unsigned int kUnknownId = 0xFFFFFFFFu;
+// Log lines and CPU governor calls name the class, not this file.
+constexpr const char* kProcDetSource = "module/module_procdet/feature_detroot/ProcDetRootFullTask";
 
 }  // namespace
 
@@ -16,10 +17,8 @@ void ProcDetRootFullTask::ProcsMessageAction(int pid, unsigned int flag, ProcInf
     }
     PROCDET_PACE_CPU(kTaskName);
     if (flag == PROCS_EVENT_UID) {
-        // Only a change to non-root real and effective users is a drop; a record that
-        // could not be read (unknown identities) proves nothing either way.
-        if (record->uid == 0 || record->euid == 0 || record->uid == kUnknownId ||
-            record->euid == kUnknownId) {
+        // Only a change to non-root real and effective users is a drop.
+        if (record->uid == 0 || record->euid == 0) {
             return;
         }
         PROCDET_DEBUG(logger_, "recvdetroot uid pid %d, uid %u", pid, record->uid);

@@ -20,10 +20,20 @@ namespace Engine {
 
 namespace {
 
+// Log lines and CPU governor calls name the class, not this file.
+constexpr const char* kProcDetSource = "module/module_procdet/feature_detroot/ProcDetRootFullTask";
+
+}  // namespace
+
+namespace {
+
 constexpr int kMessageBatch = 1024;
 constexpr long kLoopSleepMs = 500;
 constexpr unsigned long kPathOutputLimit = 4096;
 constexpr unsigned int kUnknownId = 0xFFFFFFFFu;
+constexpr const char* kEventTaskName = "procs_real_task";
+// Fork and user-identity events.
+constexpr unsigned int kEventFlags[] = {PROCS_EVENT_FORK, PROCS_EVENT_UID};
 
 // A root-owned program with the given set-ID bit that anyone may run.
 bool IsRootSetIdProgram(const char* path, mode_t setIdBit, bool byGroup) {
@@ -46,14 +56,13 @@ ProcDetRootFullTask::~ProcDetRootFullTask() = default;
 int ProcDetRootFullTask::Init() {
     logger_ = GetProcDetLogger();
 
-    for (unsigned int flag :
-         {static_cast<unsigned int>(PROCS_EVENT_FORK), static_cast<unsigned int>(PROCS_EVENT_UID)}) {
+    for (unsigned int flag : kEventFlags) {
         auto* regist = new (std::nothrow) ProcsRegistMessage(flag, this);
         if (regist == nullptr) {
             PROCDET_ERROR(logger_, "detroot subscription %u not sent: out of memory", flag);
             continue;
         }
-        SendDirectMsg("procs_real_task", regist);
+        SendDirectMsg(kEventTaskName, regist);
     }
 
     auto* taskPolicy = dynamic_cast<ProcDetRootFullTaskPolicy*>(GetTaskPolicy());
@@ -161,26 +170,16 @@ void ProcDetRootFullTask::UpdateRootProcInfo() {
     }
 }
 
-// Fork records of exited processes are never read again (a new process under the
-// same pid brings its own fork event), so they go to keep the map bounded.
-void ProcDetRootFullTask::PruneForkedProcs() {
-    for (auto it = forkedProcs_.begin(); it != forkedProcs_.end();) {
-        if (SDK::ProcessUtils::IsProcessAlive(static_cast<unsigned int>(it->first))) {
-            ++it;
-        } else {
-            it = forkedProcs_.erase(it);
-        }
-    }
-}
-
 bool ProcDetRootFullTask::IsSuidDescendant(int pid, int64_t startTime) const {
     const auto it = rootProcs_.find(pid);
     return it != rootProcs_.end() && it->second.startTime == startTime && it->second.suidDescendant;
 }
 
 void ProcDetRootFullTask::CheckProcess() {
+    // Fork records are kept until the task goes: a pid reused by a process whose own
+    // fork event was missed still meets its predecessor's record, and the self check
+    // tells the two apart by start time.
     UpdateRootProcInfo();
-    PruneForkedProcs();
 
     ProcsFullTask::ProcsMap procs;
     Framework::Engine* engine = Framework::Engine::Instance();
@@ -219,6 +218,16 @@ void ProcDetRootFullTask::CheckProcess() {
 
 void ProcDetRootFullTask::UnInit() {
     whiteList_.clear();
+    // A subscription holds a reference to this task: without these the producer would
+    // keep the task alive past its module, and release it into unloaded code.
+    for (unsigned int flag : kEventFlags) {
+        auto* unregist = new (std::nothrow) ProcsUnRegistMessage(flag, this);
+        if (unregist == nullptr) {
+            PROCDET_ERROR(logger_, "detroot unsubscription %u not sent: out of memory", flag);
+            continue;
+        }
+        SendDirectMsg(kEventTaskName, unregist);
+    }
     Framework::Task::UnInit();
 }
 

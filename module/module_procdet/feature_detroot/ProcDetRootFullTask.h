@@ -75,7 +75,6 @@ protected:
 private:
     bool IsCancelling();
     bool IsSuidDescendant(int pid, int64_t startTime) const;
-    void PruneForkedProcs();
 
     std::vector<std::string> monitorDirs_;
     std::set<std::string> whiteList_;

@@ -4,10 +4,17 @@
 
 #include <new>
 
+#include "ProcDetLog.h"
 #include "feature_detroot/ProcDetRootFullTaskPolicy.h"
 #include "sdk/JsonUtils.h"
 
 namespace Engine {
+
+namespace {
+
+constexpr const char* kProcDetSource = "module/module_procdet/feature_detroot/ProcDetRootPolicy";
+
+}  // namespace
 
 ProcDetRootPolicy::ProcDetRootPolicy(const std::string& name) : Framework::FeaturePolicy(name) {
     SetKind(kDetRootPolicyKind);
@@ -33,8 +40,11 @@ bool ProcDetRootPolicy::Parse(const std::string& text) {
     Json::Value ignored;
     if (SDK::JsonUtils::GetArrayValue(content, "ignore_process_d", ignored)) {
         for (Json::ArrayIndex i = 0; i < ignored.size(); ++i) {
-            // Only strings name programs; anything else in the list is not a path.
-            if (!ignored[i].isString()) {
+            // Each element as a string, as jsoncpp gives it; arrays and objects have none.
+            if (!ignored[i].isConvertibleTo(Json::stringValue)) {
+                PROCDET_ERROR(GetProcDetLogger(),
+                              "policy \"ignore_process_d\": element %u is no string, skipped",
+                              static_cast<unsigned>(i));
                 continue;
             }
             const std::string path = ignored[i].asString();

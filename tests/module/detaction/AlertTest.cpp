@@ -93,6 +93,9 @@ TEST_F(AlertTest, NothingIsSentBelowTheScoreOrForDeadProcesses) {
     EXPECT_EQ(env.report().GetCount(), 0u);
     EXPECT_EQ(log.Count("DONT REPORT. pid:" + std::to_string(child.pid()) + " /tmp/.x s:0<3"), 1u);
     EXPECT_EQ(log.Count("NOT_EXISTS. Maybe dead already. pid:" + std::to_string(dead) + " /tmp/gone"), 1u);
+    for (const auto& line : log.GetLines()) {
+        EXPECT_EQ(line.file, "ProcDetActionFullTask") << line.text;  // the class, whichever file logs
+    }
 }
 
 TEST_F(AlertTest, ScoresAndDescriptions) {

@@ -3,6 +3,7 @@
 #include "DetactionTestUtil.h"
 #include "ProcDetModule.h"
 #include "feature_detaction/ProcDetActionPolicy.h"
+#include "feature_detroot/ProcDetRootFullTask.h"
 #include "support/TestEngine.h"
 
 using namespace DetactionTest;
@@ -76,6 +77,21 @@ TEST_F(ModuleTest, TaskIsCreatedOnceAndRestartedOnEveryPolicy) {
     EXPECT_EQ(policy->GetChildCount(), 1u);
     EXPECT_EQ(Registered(), task);
     delete policy;
+}
+
+TEST_F(ModuleTest, StoppedDetrootTaskIsHeldByTheModuleAlone) {
+    const std::string enabled = R"({"enabled": true, "content": {"detroot_full_task": {
+        "task_condition": {"start_time": 0, "repeat_interval": 60}}}})";
+    ASSERT_EQ(env.engine().DeliverPolicy("10001", "proc_detroot_feature", enabled), 0);
+    ASSERT_TRUE(env.real().WaitForSubscriptions(Engine::PROCS_EVENT_UID, 1, 10000));
+    // Stopping ends its subscriptions, so destroying the module destroys the task, and
+    // no event reaches it afterwards (under ASan: neither leaked nor used after free).
+    Framework::Policy* none = nullptr;
+    module.RefreshFeaturePolicy("proc_detroot_feature", kDisabled, none);
+    ASSERT_TRUE(WaitFor([&] { return !env.real().HasConsumer(Engine::PROCS_EVENT_FORK); }));
+    ASSERT_TRUE(WaitFor([&] { return !env.real().HasConsumer(Engine::PROCS_EVENT_UID); }));
+    EXPECT_EQ(module.GetDetRootTask()->referenceCount(), 1);
+    EXPECT_EQ(env.real().Emit(1, Engine::PROCS_EVENT_FORK, TestSupport::MakeProc(1, "/bin/x")), 0);
 }
 
 }  // namespace

@@ -16,7 +16,7 @@ const char* kFullSection = R"({
   "illegal_ip_list": ["10.0.0.1"],
   "biplib_url": "http://127.0.0.1/lib", "biplib_hash": "abc",
   "cpu_usage_warn": 5000, "full_report_hour": 4, "check_str_max_size_m": 2,
-  "strings": ["xmrig", "xmrig", 7], "ignore_filepath": ["/usr/bin/a"]
+  "strings": ["xmrig", "xmrig", 7, true, {"a": 1}], "ignore_filepath": ["/usr/bin/a", [1]]
 })";
 
 TEST(PolicyTest, TaskSectionParsesEveryKeyAndStopsAtMissingSections) {
@@ -33,7 +33,7 @@ TEST(PolicyTest, TaskSectionParsesEveryKeyAndStopsAtMissingSections) {
     EXPECT_EQ(policy.GetCpuUsageWarn(), 5000);
     EXPECT_EQ(policy.GetFullReportHour(), 4);
     EXPECT_EQ(policy.GetCheckStrMaxSizeM(), 2);
-    EXPECT_EQ(policy.GetStrings(), (std::set<std::string>{"xmrig"}));
+    EXPECT_EQ(policy.GetStrings(), (std::set<std::string>{"7", "true", "xmrig"}));
     EXPECT_EQ(policy.GetIgnoreFilepaths(), (std::set<std::string>{"/usr/bin/a"}));
 
     // No task condition (or no JSON): nothing changes.
@@ -53,7 +53,7 @@ TEST(PolicyTest, TaskSectionParsesEveryKeyAndStopsAtMissingSections) {
     EXPECT_EQ(policy.GetBiplibUrl(), "");
     EXPECT_EQ(policy.GetStrings(), (std::set<std::string>{"a"}));
     EXPECT_TRUE(policy.GetIgnoreFilepaths().empty());
-    EXPECT_EQ(policy.GetIllegalIps(), (std::set<long>{static_cast<long>(inet_addr("1.2.3.4"))}));
+    EXPECT_EQ(policy.GetIllegalIps(), (std::set<long>{inet_addr("1.2.3.4"), inet_addr("5")}));
 
     // A score object with missing keys takes the default weights; PACKER defaults to 0.
     EXPECT_TRUE(policy.Parse(R"({"task_condition": {"repeat_interval": 9}, "score": {"tmp": 3}})"));

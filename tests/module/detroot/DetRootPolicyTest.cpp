@@ -19,11 +19,13 @@ TEST(DetRootPolicy, FeaturePolicyParsePaths) {
     ProcDetRootPolicy policy("proc_detroot_feature");
     EXPECT_FALSE(policy.Parse("{not json"));
     ASSERT_TRUE(policy.Parse(R"({"enabled": true, "content": {
-        "ignore_process_d": ["/opt/a", "/opt/a", 7, "/opt/b"],
+        "ignore_process_d": ["/opt/a", "/opt/a", 7, ["/opt/c"], "/opt/b"],
         "detroot_full_task": {"task_condition": {"start_time": 0, "repeat_interval": 10},
                               "report_nonsuid_parent": true}}})"));
-    // Duplicates collapse; every path also stands for its replaced-on-disk form; non-strings are no paths.
-    const std::set<std::string> ignored = {"/opt/a", "/opt/a (deleted)", "/opt/b", "/opt/b (deleted)"};
+    // Duplicates collapse; every path also stands for its replaced-on-disk form; elements are
+    // taken as strings, an array has none.
+    const std::set<std::string> ignored = {"/opt/a", "/opt/a (deleted)", "/opt/b", "/opt/b (deleted)",
+                                           "7",      "7 (deleted)"};
     EXPECT_EQ(policy.GetIgnoredProcesses(), ignored);
     ASSERT_NE(TaskPolicyOf(policy), nullptr);
     EXPECT_TRUE(TaskPolicyOf(policy)->GetNosuidParent());

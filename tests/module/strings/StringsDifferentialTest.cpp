@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -142,6 +143,43 @@ TEST_F(StringsDifferentialTest, SyntheticFilesMatchTheReferenceScan) {
         const long limit = generate.Limit(data.size());
         ASSERT_EQ(StringsTest::ScanContent(dir, data, keywords, limit), ReferenceScan(data, keywords, limit))
             << "round " << round << " size " << data.size() << " limit " << limit;
+    }
+}
+
+// MatchKeywords called directly against a strstr walk: texts with blanks and NULs,
+// keywords with blanks, and remaining keywords that the last Init did not give.
+TEST_F(StringsDifferentialTest, MatchKeywordsGivesTheStrstrResult) {
+    Generator generate(4242);
+    for (int round = 0; round < 5000; ++round) {
+        const std::string text = generate.Content(generate.Below(80));
+        const std::set<std::string> given = generate.Keywords(text);
+        std::set<std::string> remaining = generate.Keywords(text);
+        remaining.insert(given.begin(), given.end());
+        Engine::ProcDetStrings detector;
+        detector.Init(given, 1 << 20, 0x20, nullptr);
+
+        size_t shortest = 1024;
+        for (const std::string& keyword : given) {
+            shortest = std::min(shortest, keyword.size());
+        }
+        std::set<std::string> expected;
+        int tests = 0;
+        for (const std::string& keyword : remaining) {
+            if (text.size() >= shortest && keyword.size() <= text.size()) {
+                ++tests;
+                if (strstr(text.c_str(), keyword.c_str()) != nullptr) {
+                    expected.insert(keyword);
+                }
+            }
+        }
+        std::set<std::string> matched;
+        int counter = 0;
+        detector.MatchKeywords(text.c_str(), text.size(), remaining, matched, counter);
+        ASSERT_EQ(matched, expected) << "round " << round;
+        ASSERT_EQ(counter, tests % 11) << "round " << round;
+        for (const std::string& keyword : expected) {
+            ASSERT_EQ(remaining.count(keyword), 0u);
+        }
     }
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "StringsTestSupport.h"
+#include "module/detaction/DetactionTestUtil.h"
 #include "support/LogCapture.h"
 
 namespace {
@@ -94,12 +95,20 @@ TEST(StringsScanTest, OverlongKeywordsAreRefusedOthersKept) {
     std::string data = "abc\n" + overlong + "\n";
     ProcDetStrings detector;
     detector.Init({"abc", overlong}, kNoLimit, 0x20, StringsTest::ModuleLogger());
-    EXPECT_EQ(log.Count("keyword longer than 4096 bytes ignored"), 1u);
     const std::string path = dir.Write("long.bin", data);
     const bool running = true;
     std::set<std::string> matched;
     ASSERT_TRUE(detector.Strings(path, running, matched));
     EXPECT_EQ(matched, (std::set<std::string>{"abc"}));
+
+    // The task logs them once per policy taken, not at every cycle; a negative size
+    // limit is taken as it stands.
+    auto task = DetactionTest::MakeInitedTask(DetactionTest::TaskSection(
+        "{}", R"(, "check_str_max_size_m": -1, "strings": ["abc", ")" + overlong + "\"]"));
+    for (int cycle = 0; cycle < 3; ++cycle) {
+        task->PreCheckDetectors(60);
+    }
+    EXPECT_EQ(log.Count("keyword longer than 4096 bytes ignored"), 1u);
 }
 
 }  // namespace

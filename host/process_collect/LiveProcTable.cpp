@@ -1,0 +1,154 @@
+#include "LiveProcTable.h"
+
+#include <algorithm>
+#include <chrono>
+#include <unordered_set>
+
+#include "sdk/ProcessUtils.h"
+
+namespace Engine {
+
+namespace {
+
+long long SteadyNowMs() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+}  // namespace
+
+LiveProcTable::LiveProcTable(int refreshSeconds) : refreshSeconds_(std::max(1, refreshSeconds)) {}
+
+LiveProcTable::~LiveProcTable() = default;
+
+void LiveProcTable::Follow(std::shared_ptr<ProcChangeLog> log) {
+    std::lock_guard<std::mutex> lock(refreshMutex_);
+    log_ = std::move(log);
+}
+
+void LiveProcTable::SetRefreshSeconds(int seconds) {
+    refreshSeconds_.store(std::max(1, seconds));
+}
+
+int LiveProcTable::Get(ProcsMap& out) {
+    {
+        std::lock_guard<std::mutex> lock(refreshMutex_);
+        if (refreshedAtMs_ < 0 || SteadyNowMs() - refreshedAtMs_ >= refreshSeconds_.load() * 1000LL) {
+            Refresh();
+        }
+    }
+    std::shared_ptr<const ProcsMap> snapshot;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        snapshot = snapshot_;
+    }
+    if (snapshot) {
+        out = *snapshot;
+    } else {
+        out.clear();
+    }
+    return static_cast<int>(out.size());
+}
+
+void LiveProcTable::EnsureScanner() {
+    const std::string& root = SDK::ProcessUtils::GetProcRoot();
+    if (!scanner_ || scanner_->GetRoot() != root) {
+        scanner_ = std::make_unique<ProcTableScanner>(root);
+        fullScanAtMs_ = -1;  // another tree: nothing known of it
+    }
+}
+
+void LiveProcTable::Refresh() {
+    EnsureScanner();
+    if (log_) {
+        log_->Take(changes_);
+    } else {
+        changes_ = ProcChangeLog::Changes();
+    }
+    const long long now = SteadyNowMs();
+    std::shared_ptr<const ProcsMap> current;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        current = snapshot_;
+    }
+    const bool rescan = !changes_.live || changes_.lost || !current || fullScanAtMs_ < 0 ||
+                        now - fullScanAtMs_ >= kFullScanMs;
+    std::shared_ptr<ProcsMap> fresh;
+    if (rescan) {
+        fresh = std::make_shared<ProcsMap>();
+        scanner_->TakeSnapshot(*fresh, &scannedZombies_);  // links the parents itself
+        zombies_.clear();
+        zombies_.insert(scannedZombies_.begin(), scannedZombies_.end());
+        fullScanAtMs_ = now;
+        ++fullScans_;
+    } else if (!changes_.changed.empty() || !changes_.exited.empty() || !zombies_.empty()) {
+        fresh = std::make_shared<ProcsMap>(*current);
+        Apply(changes_, *fresh);
+        LinkParents(*fresh);
+    }
+    refreshedAtMs_ = now;
+    if (fresh) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        snapshot_ = std::move(fresh);
+    }
+}
+
+void LiveProcTable::Reread(int pid, ProcsMap& table) {
+    auto record = std::make_shared<ProcsMessage::procInfo>();
+    bool zombie = false;
+    if (!scanner_->ReadRecord(pid, ProcFsReader::kAll, *record, &zombie)) {
+        table.erase(pid);
+        zombies_.erase(pid);
+        return;
+    }
+    table[pid] = std::move(record);
+    if (zombie) {
+        zombies_.insert(pid);
+    } else {
+        zombies_.erase(pid);  // the pid was given to a new process
+    }
+}
+
+void LiveProcTable::Apply(const ProcChangeLog::Changes& changes, ProcsMap& table) {
+    std::vector<int> pids(zombies_.begin(), zombies_.end());
+    pids.insert(pids.end(), changes.changed.begin(), changes.changed.end());
+    pids.insert(pids.end(), changes.exited.begin(), changes.exited.end());
+    std::sort(pids.begin(), pids.end());
+    pids.erase(std::unique(pids.begin(), pids.end()), pids.end());
+    for (const int pid : pids) {
+        Reread(pid, table);
+    }
+    if (changes.exited.empty()) {
+        return;
+    }
+    // Children of exited processes were given to another parent without an event.
+    const std::unordered_set<int> exited(changes.exited.begin(), changes.exited.end());
+    std::vector<int> orphans;
+    for (const auto& [pid, record] : table) {
+        if (exited.count(record->ppid) != 0) {
+            orphans.push_back(pid);
+        }
+    }
+    for (const int pid : orphans) {
+        Reread(pid, table);
+    }
+}
+
+void LiveProcTable::LinkParents(ProcsMap& table) {
+    static const std::string kNoPath;
+    for (auto& entry : table) {
+        const ProcsMessage::procInfo& record = *entry.second;
+        const auto parent = table.find(record.ppid);
+        const std::string& parentPath = parent != table.end() ? parent->second->exePath : kNoPath;
+        const int64_t parentStart = parent != table.end() ? parent->second->startTime : 0;
+        if (record.parentStartTime != parentStart || record.parentExePath != parentPath) {
+            auto linked = std::make_shared<ProcsMessage::procInfo>(record);
+            linked->parentExePath = parentPath;
+            linked->parentStartTime = parentStart;
+            entry.second = std::move(linked);
+        }
+    }
+}
+
+}  // namespace Engine

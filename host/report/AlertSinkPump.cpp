@@ -1,0 +1,172 @@
+#include "AlertSinkPump.h"
+
+#include <algorithm>
+#include <random>
+#include <utility>
+#include <vector>
+
+#include "sdk/HostLog.h"
+
+namespace Agent {
+
+namespace {
+
+constexpr size_t kReadBytes = 4u << 20;  // at most this much of the spool per batch
+constexpr std::chrono::milliseconds kIdleWait{500};
+constexpr std::chrono::milliseconds kCommitEvery{200};
+
+}  // namespace
+
+AlertSinkPump::AlertSinkPump(std::string name, std::unique_ptr<AlertSink> sink,
+                             std::shared_ptr<const SiemEnvelope> envelope, AlertSpool& spool, Timing timing)
+    : name_(std::move(name)),
+      sink_(std::move(sink)),
+      envelope_(std::move(envelope)),
+      spool_(spool),
+      timing_(timing) {}
+
+AlertSinkPump::~AlertSinkPump() {
+    Stop(std::chrono::milliseconds(0));
+}
+
+void AlertSinkPump::Start() {
+    stop_ = false;
+    draining_ = false;
+    // Here, not on the thread: alerts spooled right after Start belong to this sink.
+    const uint64_t cursor = spool_.LoadCursor(name_);
+    thread_ = std::thread([this, cursor] { Loop(cursor); });
+}
+
+void AlertSinkPump::Stop(std::chrono::milliseconds drain) {
+    if (!thread_.joinable()) {
+        return;
+    }
+    draining_ = true;
+    spool_.WakeAll();
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        wake_.notify_all();
+        // The loop ends by itself once the sink has everything or fails.
+        wake_.wait_for(lock, drain, [this] { return stop_; });
+        stop_ = true;
+    }
+    wake_.notify_all();
+    spool_.WakeAll();
+    thread_.join();
+}
+
+bool AlertSinkPump::Pause(std::chrono::milliseconds duration) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return !wake_.wait_for(lock, duration, [this] { return stop_ || draining_.load(); });
+}
+
+bool AlertSinkPump::Commit(uint64_t cursor) {
+    std::string error;
+    if (!sink_->Sync(error)) {
+        OnFailure(error);
+        return false;
+    }
+    if (!spool_.SaveCursor(name_, cursor, error)) {
+        HOST_LOG_ERROR("alert sink " + name_ + ": " + error);
+    }
+    return true;
+}
+
+void AlertSinkPump::Loop(uint64_t cursor) {
+    std::vector<std::string> lines;
+    std::vector<std::string> wrapped;
+    uint64_t committed = cursor;
+    auto lastCommit = std::chrono::steady_clock::now();
+    for (;;) {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (stop_) {
+                break;
+            }
+        }
+        const auto now = std::chrono::steady_clock::now();
+        if (cursor != committed && now - lastCommit >= kCommitEvery) {
+            // A failed sync takes back what was written since the last commit.
+            cursor = Commit(cursor) ? cursor : committed;
+            committed = cursor;
+            lastCommit = now;
+        }
+        lines.clear();
+        uint64_t from = cursor;
+        spool_.Read(from, sink_->MaxBatch(), kReadBytes, lines);
+        cursor = from;  // moved forward when its oldest lines were dropped from a full spool
+        if (lines.empty()) {
+            if (draining_) {
+                break;
+            }
+            const auto wait =
+                cursor == committed
+                    ? kIdleWait
+                    : std::chrono::duration_cast<std::chrono::milliseconds>(lastCommit + kCommitEvery - now) +
+                          std::chrono::milliseconds(1);
+            spool_.WaitForLines(cursor, std::max(wait, std::chrono::milliseconds(1)));
+            continue;
+        }
+        const std::vector<std::string>* out = &lines;
+        if (envelope_) {
+            wrapped.clear();
+            for (const std::string& line : lines) {
+                wrapped.push_back(envelope_->Wrap(line));
+            }
+            out = &wrapped;
+        }
+        std::string error;
+        const size_t done = std::min(sink_->Deliver(*out, error), lines.size());
+        if (done > 0) {
+            for (size_t index = 0; index < done; ++index) {
+                cursor += lines[index].size();
+            }
+            delivered_ += done;
+            if (failures_ > 0) {
+                deliveredInOutage_ += done;
+            }
+        }
+        if (done == lines.size()) {
+            if (failures_ > 0) {
+                OnRecovery();
+            }
+            continue;
+        }
+        OnFailure(error);
+        if (draining_) {
+            break;  // a failing sink does not hold up the stop; the spool keeps the rest
+        }
+        // Doubling wait with jitter in [1/2, 1] of it.
+        const auto ceiling = std::min(timing_.retryMax, timing_.retry * (1 << std::min(failures_ - 1, 16)));
+        static thread_local std::minstd_rand random(std::random_device{}());
+        const auto wait = ceiling / 2 + std::chrono::milliseconds(random() % (ceiling.count() / 2 + 1));
+        if (!Pause(wait)) {
+            break;
+        }
+    }
+    if (cursor != committed) {
+        Commit(cursor);
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    stop_ = true;
+    wake_.notify_all();
+}
+
+void AlertSinkPump::OnFailure(const std::string& error) {
+    ++failed_;
+    if (failures_++ > 0) {
+        return;
+    }
+    deliveredInOutage_ = 0;
+    HOST_LOG_ERROR("cannot deliver alerts to " + name_ + " (" + sink_->Describe() + "): " + error +
+                   "; they wait in the spool and are retried");
+}
+
+void AlertSinkPump::OnRecovery() {
+    HOST_LOG_INFO("alerts reach " + name_ + " (" + sink_->Describe() + ") again after " +
+                  std::to_string(failures_) + " failed attempts; " + std::to_string(deliveredInOutage_) +
+                  " delivered since");
+    failures_ = 0;
+}
+
+}  // namespace Agent

@@ -1,0 +1,79 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "AlertSink.h"
+#include "AlertSpool.h"
+#include "SiemEnvelope.h"
+
+namespace Agent {
+
+// Feeds one sink from the spool on a thread of its own, so a sink that stalls
+// (a full disk, a dead collector) holds up neither the other sinks nor the
+// tasks that send alerts. Reads from the sink's committed offset, delivers,
+// and commits only what the sink confirmed, at most every 200 ms (a sync of
+// the sink and a rename each time: committing less often only means a crash
+// delivers a little again, never that it loses). A failure waits (doubling from
+// `retry` up to `retryMax`, with jitter so a fleet does not retry in step) and
+// is logged once when the outage starts and once when it ends.
+class AlertSinkPump {
+public:
+    struct Timing {
+        std::chrono::milliseconds retry{2000};
+        std::chrono::milliseconds retryMax{60000};
+    };
+
+    // `envelope` null: lines go out as the module wrote them.
+    AlertSinkPump(std::string name, std::unique_ptr<AlertSink> sink,
+                  std::shared_ptr<const SiemEnvelope> envelope, AlertSpool& spool, Timing timing);
+    ~AlertSinkPump();
+
+    AlertSinkPump(const AlertSinkPump&) = delete;
+    AlertSinkPump& operator=(const AlertSinkPump&) = delete;
+
+    void Start();
+    // Delivers what the sink still takes for up to `drain`, then stops; the
+    // rest stays in the spool for the next start.
+    void Stop(std::chrono::milliseconds drain);
+    void RequestReopen() { sink_->RequestReopen(); }
+
+    const std::string& GetName() const { return name_; }
+    std::string Describe() const { return sink_->Describe(); }
+    uint64_t GetDeliveredCount() const { return delivered_.load(); }  // lines confirmed
+    uint64_t GetFailedCount() const { return failed_.load(); }        // failed delivery attempts
+
+private:
+    void Loop(uint64_t cursor);
+    // Syncs the sink and saves `cursor` as its committed position.
+    bool Commit(uint64_t cursor);
+    void OnFailure(const std::string& error);
+    void OnRecovery();
+    // Sleeps up to `duration` unless stopped; false once stopped.
+    bool Pause(std::chrono::milliseconds duration);
+
+    const std::string name_;
+    std::unique_ptr<AlertSink> sink_;
+    std::shared_ptr<const SiemEnvelope> envelope_;
+    AlertSpool& spool_;
+    const Timing timing_;
+
+    std::thread thread_;
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    bool stop_ = false;
+    std::atomic<bool> draining_{false};
+
+    int failures_ = 0;  // consecutive
+    uint64_t deliveredInOutage_ = 0;
+    std::atomic<uint64_t> delivered_{0};
+    std::atomic<uint64_t> failed_{0};
+};
+
+}  // namespace Agent

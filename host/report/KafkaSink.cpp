@@ -1,0 +1,133 @@
+#include "KafkaSink.h"
+
+#include <chrono>
+#include <cstdint>
+
+#include "sdk/HostLog.h"
+
+namespace Agent {
+
+namespace {
+
+constexpr rd_kafka_resp_err_t kNoReport = static_cast<rd_kafka_resp_err_t>(-12345);
+
+// Settings ours by default; a property given in agent.json wins, except the
+// two that make delivery safe.
+const char* const kDefaults[][2] = {
+    {"linger.ms", "5"},
+    {"message.timeout.ms", "15000"},  // a batch is given up (and retried by us) after this
+    {"socket.timeout.ms", "10000"},
+    {"log.connection.close", "false"},
+};
+
+void LogFromLibrary(const rd_kafka_t* /*producer*/, int level, const char* facility, const char* text) {
+    HOST_LOG_DEBUG("librdkafka " + std::to_string(level) + " " + facility + ": " + text);
+}
+
+}  // namespace
+
+KafkaSink::KafkaSink(const SinkSettings& settings, const std::string& hostName)
+    : settings_(settings), key_(settings.key.empty() ? hostName : settings.key) {}
+
+KafkaSink::~KafkaSink() {
+    if (producer_ != nullptr) {
+        rd_kafka_flush(producer_, 1000);
+        rd_kafka_destroy(producer_);
+    }
+}
+
+bool KafkaSink::Create(std::string& error) {
+    rd_kafka_conf_t* conf = rd_kafka_conf_new();
+    char reason[512];
+    auto set = [&](const std::string& name, const std::string& value) {
+        if (rd_kafka_conf_set(conf, name.c_str(), value.c_str(), reason, sizeof(reason)) !=
+            RD_KAFKA_CONF_OK) {
+            error = "property " + name + ": " + reason;
+            return false;
+        }
+        return true;
+    };
+    bool good = set("bootstrap.servers", settings_.brokers);
+    for (const auto& entry : kDefaults) {
+        good = good && set(entry[0], entry[1]);
+    }
+    for (const auto& property : settings_.properties) {
+        good = good && set(property.first, property.second);
+    }
+    good = good && set("enable.idempotence", "true") && set("acks", "all");
+    if (!good) {
+        rd_kafka_conf_destroy(conf);
+        return false;
+    }
+    rd_kafka_conf_set_opaque(conf, this);
+    rd_kafka_conf_set_dr_msg_cb(conf, &KafkaSink::OnDelivery);
+    rd_kafka_conf_set_error_cb(conf, &KafkaSink::OnError);
+    rd_kafka_conf_set_log_cb(conf, &LogFromLibrary);
+    producer_ = rd_kafka_new(RD_KAFKA_PRODUCER, conf, reason, sizeof(reason));
+    if (producer_ == nullptr) {
+        rd_kafka_conf_destroy(conf);
+        error = std::string("cannot create the producer: ") + reason;
+        return false;
+    }
+    return true;
+}
+
+void KafkaSink::OnDelivery(rd_kafka_t* /*producer*/, const rd_kafka_message_t* message, void* opaque) {
+    auto* sink = static_cast<KafkaSink*>(opaque);
+    const auto index = reinterpret_cast<uintptr_t>(message->_private);
+    if (index < sink->reports_.size() && sink->reports_[index] == kNoReport) {
+        sink->reports_[index] = message->err;
+        --sink->pending_;
+    }
+}
+
+void KafkaSink::OnError(rd_kafka_t* /*producer*/, int error, const char* reason, void* opaque) {
+    auto* sink = static_cast<KafkaSink*>(opaque);
+    sink->lastError_ =
+        std::string(rd_kafka_err2name(static_cast<rd_kafka_resp_err_t>(error))) + ": " + reason;
+}
+
+size_t KafkaSink::Deliver(const std::vector<std::string>& lines, std::string& error) {
+    if (producer_ == nullptr && !Create(error)) {
+        return 0;
+    }
+    reports_.assign(lines.size(), kNoReport);
+    pending_ = lines.size();
+    size_t produced = 0;
+    for (; produced < lines.size(); ++produced) {
+        const std::string& line = lines[produced];
+        rd_kafka_resp_err_t result = RD_KAFKA_RESP_ERR_NO_ERROR;
+        for (;;) {
+            result = rd_kafka_producev(
+                producer_, RD_KAFKA_V_TOPIC(settings_.topic.c_str()),
+                RD_KAFKA_V_KEY(const_cast<char*>(key_.data()), key_.size()),
+                RD_KAFKA_V_VALUE(const_cast<char*>(line.data()), line.size() - 1),  // without the '\n'
+                RD_KAFKA_V_MSGFLAGS(RD_KAFKA_MSG_F_COPY),
+                RD_KAFKA_V_OPAQUE(reinterpret_cast<void*>(static_cast<uintptr_t>(produced))), RD_KAFKA_V_END);
+            if (result != RD_KAFKA_RESP_ERR__QUEUE_FULL) {
+                break;
+            }
+            rd_kafka_poll(producer_, 100);  // the local queue drains as the brokers take messages
+        }
+        if (result != RD_KAFKA_RESP_ERR_NO_ERROR) {
+            error = std::string("cannot produce: ") + rd_kafka_err2str(result);
+            pending_ -= lines.size() - produced;
+            break;
+        }
+    }
+    // Every produced message gets a report within message.timeout.ms.
+    while (pending_ > 0) {
+        rd_kafka_poll(producer_, 100);
+    }
+    size_t confirmed = 0;
+    while (confirmed < produced && reports_[confirmed] == RD_KAFKA_RESP_ERR_NO_ERROR) {
+        ++confirmed;
+    }
+    if (confirmed < produced) {
+        error = std::string(rd_kafka_err2str(reports_[confirmed])) +
+                (lastError_.empty() ? std::string() : " (" + lastError_ + ")");
+    }
+    return confirmed;
+}
+
+}  // namespace Agent

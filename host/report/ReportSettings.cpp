@@ -1,0 +1,24 @@
+#include "ReportSettings.h"
+
+namespace Agent {
+
+std::vector<SinkSettings> ReportSettings::AllSinks() const {
+    std::vector<SinkSettings> all;
+    if (toStdout) {
+        SinkSettings out;
+        out.type = out.name = "stdout";
+        all.push_back(out);
+    }
+    if (!filePath.empty()) {
+        SinkSettings file;
+        file.type = file.name = "file";
+        file.path = filePath;
+        file.rotateBytes = rotateBytes;
+        file.keepFiles = keepFiles;
+        all.push_back(file);
+    }
+    all.insert(all.end(), sinks.begin(), sinks.end());
+    return all;
+}
+
+}  // namespace Agent

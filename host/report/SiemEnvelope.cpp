@@ -1,0 +1,105 @@
+#include "SiemEnvelope.h"
+
+#include <json/json.h>
+#include <unistd.h>
+
+#include <ctime>
+#include <fstream>
+#include <memory>
+#include <utility>
+
+#include "sdk/JsonUtils.h"
+
+namespace Agent {
+
+namespace {
+
+// The detector flag bits of a "rule" value, by name.
+const struct {
+    unsigned int bit;
+    const char* name;
+} kFlags[] = {
+    {0x001, "PROC_TMP"},     {0x002, "PROC_HIDDEN"}, {0x004, "PROC_DELETED"},
+    {0x008, "LOGIN_OTHERS"}, {0x010, "CONNECT_BIP"}, {0x020, "HIGHCPU"},
+    {0x040, "STRINGS"},      {0x080, "CMDLINE"},     {0x100, "PACKER"},
+};
+
+std::string Iso8601(std::time_t seconds) {
+    std::tm utc{};
+    gmtime_r(&seconds, &utc);
+    char text[32];
+    std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &utc);
+    return text;
+}
+
+Json::Value FlagNames(const Json::Value& alert) {
+    Json::Value processes(Json::arrayValue);
+    const Json::Value& list = alert["process_info"];
+    if (!list.isArray()) {
+        return processes;
+    }
+    for (const Json::Value& process : list) {
+        if (!process.isObject() || !process["rule"].isIntegral()) {
+            continue;
+        }
+        const unsigned int rule = process["rule"].asUInt();
+        Json::Value entry;
+        entry["process_pid"] = process["process_pid"];
+        entry["names"] = Json::Value(Json::arrayValue);
+        for (const auto& flag : kFlags) {
+            if ((rule & flag.bit) != 0) {
+                entry["names"].append(flag.name);
+            }
+        }
+        processes.append(entry);
+    }
+    return processes;
+}
+
+}  // namespace
+
+SiemEnvelope::SiemEnvelope(std::string hostName, std::string hostId, std::string agentVersion)
+    : hostName_(std::move(hostName)), hostId_(std::move(hostId)), agentVersion_(std::move(agentVersion)) {}
+
+std::string SiemEnvelope::Wrap(const std::string& line) const {
+    std::string body = line;
+    while (!body.empty() && body.back() == '\n') {
+        body.pop_back();
+    }
+    Json::Value alert;
+    Json::CharReaderBuilder builder;
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    if (!reader->parse(body.data(), body.data() + body.size(), &alert, nullptr) || !alert.isObject()) {
+        alert = Json::Value(Json::objectValue);
+    }
+    Json::Value head;
+    const Json::Value& occurred = alert["occur_time"];
+    head["@timestamp"] =
+        Iso8601(occurred.isIntegral() ? static_cast<std::time_t>(occurred.asInt64()) : std::time(nullptr));
+    head["host"]["name"] = hostName_;
+    head["host"]["id"] = hostId_;
+    head["agent"]["name"] = "corvane-agent";
+    head["agent"]["version"] = agentVersion_;
+    head["event"]["kind"] = "alert";
+    head["event"]["code"] = alert["event_classid"].isString() ? alert["event_classid"].asString() : "";
+    head["corvane_flags"] = FlagNames(alert);
+    // The alert goes in as the module wrote it, byte for byte, not re-serialised.
+    std::string text = SDK::JsonUtils::JsonToString(head);
+    text.pop_back();  // the closing brace
+    text += ",\"corvane\":" + body + "}\n";
+    return text;
+}
+
+std::string SiemEnvelope::HostName() {
+    char name[256] = {};
+    return ::gethostname(name, sizeof(name) - 1) == 0 ? std::string(name) : std::string();
+}
+
+std::string SiemEnvelope::MachineId() {
+    std::ifstream in("/etc/machine-id");
+    std::string id;
+    std::getline(in, id);  // 32 hex digits; a longer line is cut below
+    return id.substr(0, 64);
+}
+
+}  // namespace Agent

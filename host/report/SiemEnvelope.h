@@ -1,0 +1,30 @@
+#pragma once
+
+#include <string>
+
+namespace Agent {
+
+// Wraps an alert line, unchanged, in the fields a SIEM maps (ECS names):
+// {"@timestamp", "host": {"name", "id"}, "agent": {"name", "version"},
+//  "event": {"kind", "code"}, "corvane_flags": [{"process_pid", "names"}],
+//  "corvane": <the alert as the module wrote it>}.
+class SiemEnvelope {
+public:
+    // hostId: the contents of /etc/machine-id (may be empty).
+    SiemEnvelope(std::string hostName, std::string hostId, std::string agentVersion);
+
+    // The wrapped line, ending in '\n'. A line that is not a JSON object is
+    // wrapped all the same, without the fields read from the alert.
+    std::string Wrap(const std::string& line) const;
+
+    // This machine's host name and /etc/machine-id.
+    static std::string HostName();
+    static std::string MachineId();
+
+private:
+    std::string hostName_;
+    std::string hostId_;
+    std::string agentVersion_;
+};
+
+}  // namespace Agent

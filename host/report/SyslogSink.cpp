@@ -1,0 +1,281 @@
+#include "SyslogSink.h"
+
+#include <json/json.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <openssl/err.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <utility>
+
+#include "sdk/HostLog.h"
+
+namespace Agent {
+
+namespace {
+
+constexpr int kPriority = 4 * 8 + 4;  // facility auth, severity warning
+constexpr long kIoTimeoutSeconds = 10;
+
+std::string OpenSslError() {
+    const unsigned long code = ERR_get_error();
+    char text[256] = "unknown TLS error";
+    if (code != 0) {
+        ERR_error_string_n(code, text, sizeof(text));
+    }
+    ERR_clear_error();
+    return text;
+}
+
+// RFC 5424 header fields are printable US-ASCII without spaces, "-" when empty.
+std::string HeaderField(const std::string& text, size_t max) {
+    std::string field;
+    for (const char c : text.substr(0, max)) {
+        if (c > 32 && c < 127) {
+            field.push_back(c);
+        }
+    }
+    return field.empty() ? "-" : field;
+}
+
+std::string EventClass(const std::string& line) {
+    Json::Value alert;
+    Json::CharReaderBuilder builder;
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    if (!reader->parse(line.data(), line.data() + line.size(), &alert, nullptr) || !alert.isObject() ||
+        !alert["event_classid"].isString()) {
+        return "";
+    }
+    return alert["event_classid"].asString();
+}
+
+}  // namespace
+
+SyslogSink::SyslogSink(const SinkSettings& settings, std::string hostName)
+    : settings_(settings), hostName_(std::move(hostName)) {}
+
+SyslogSink::~SyslogSink() {
+    Disconnect();
+    if (context_ != nullptr) {
+        SSL_CTX_free(context_);
+    }
+}
+
+std::string SyslogSink::Describe() const {
+    if (!settings_.host.empty()) {
+        return std::string(settings_.tls ? "syslog+tls://" : "syslog://") + settings_.host + ":" +
+               std::to_string(settings_.port);
+    }
+    return settings_.socket;
+}
+
+std::string SyslogSink::Format(const std::string& line, const std::string& hostName, int pid) {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    std::tm utc{};
+    gmtime_r(&now.tv_sec, &utc);
+    char stamp[64];
+    const size_t length = std::strftime(stamp, sizeof(stamp), "%Y-%m-%dT%H:%M:%S", &utc);
+    std::snprintf(stamp + length, sizeof(stamp) - length, ".%06ldZ", now.tv_nsec / 1000);
+    std::string body = line;
+    while (!body.empty() && body.back() == '\n') {
+        body.pop_back();
+    }
+    return "<" + std::to_string(kPriority) + ">1 " + stamp + " " + HeaderField(hostName, 255) +
+           " corvane-agent " + std::to_string(pid) + " " + HeaderField(EventClass(body), 32) + " - " + body;
+}
+
+size_t SyslogSink::Deliver(const std::vector<std::string>& lines, std::string& error) {
+    if (fd_ < 0 && !Connect(error)) {
+        return 0;
+    }
+    return settings_.host.empty() ? SendDatagrams(lines, error) : SendFrames(lines, error);
+}
+
+bool SyslogSink::Connect(std::string& error) {
+    if (settings_.host.empty()) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        if (settings_.socket.size() >= sizeof(address.sun_path)) {
+            error = "socket path too long";
+            return false;
+        }
+        std::memcpy(address.sun_path, settings_.socket.c_str(), settings_.socket.size() + 1);
+        fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        if (fd_ < 0 || ::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+            error = std::string("cannot connect: ") + std::strerror(errno);
+            Disconnect();
+            return false;
+        }
+        return true;
+    }
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    const int lookup =
+        ::getaddrinfo(settings_.host.c_str(), std::to_string(settings_.port).c_str(), &hints, &found);
+    if (lookup != 0) {
+        error = std::string("cannot resolve ") + settings_.host + ": " + gai_strerror(lookup);
+        return false;
+    }
+    error = "no address";
+    for (addrinfo* at = found; at != nullptr && fd_ < 0; at = at->ai_next) {
+        fd_ = ::socket(at->ai_family, at->ai_socktype | SOCK_CLOEXEC, at->ai_protocol);
+        if (fd_ < 0) {
+            continue;
+        }
+        // Bounded waits: a relay that stops reading must not hold this thread for ever.
+        const timeval timeout{kIoTimeoutSeconds, 0};
+        ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
+        ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+        if (::connect(fd_, at->ai_addr, at->ai_addrlen) != 0) {
+            error = std::string("cannot connect: ") + std::strerror(errno);
+            ::close(fd_);
+            fd_ = -1;
+        }
+    }
+    ::freeaddrinfo(found);
+    if (fd_ < 0) {
+        return false;
+    }
+    if (settings_.tls && !StartTls(error)) {
+        Disconnect();
+        return false;
+    }
+    return true;
+}
+
+bool SyslogSink::StartTls(std::string& error) {
+    if (context_ == nullptr) {
+        context_ = SSL_CTX_new(TLS_client_method());
+        if (context_ == nullptr) {
+            error = "TLS: " + OpenSslError();
+            return false;
+        }
+        SSL_CTX_set_min_proto_version(context_, TLS1_2_VERSION);
+        SSL_CTX_set_verify(context_, SSL_VERIFY_PEER, nullptr);
+        const bool loaded = settings_.caFile.empty() ? SSL_CTX_set_default_verify_paths(context_) == 1
+                                                     : SSL_CTX_load_verify_locations(
+                                                           context_, settings_.caFile.c_str(), nullptr) == 1;
+        if (!loaded) {
+            error = "TLS: cannot load the CA certificates " + settings_.caFile + ": " + OpenSslError();
+            SSL_CTX_free(context_);
+            context_ = nullptr;
+            return false;
+        }
+    }
+    ssl_ = SSL_new(context_);
+    if (ssl_ == nullptr) {
+        error = "TLS: " + OpenSslError();
+        return false;
+    }
+    SSL_set_fd(ssl_, fd_);
+    SSL_set_tlsext_host_name(ssl_, settings_.host.c_str());
+    SSL_set1_host(ssl_, settings_.host.c_str());
+    if (SSL_connect(ssl_) != 1) {
+        const long verify = SSL_get_verify_result(ssl_);
+        error = "TLS handshake with " + settings_.host + " failed: " +
+                (verify != X509_V_OK ? X509_verify_cert_error_string(verify) : OpenSslError().c_str());
+        return false;
+    }
+    return true;
+}
+
+void SyslogSink::Disconnect() {
+    if (ssl_ != nullptr) {
+        SSL_shutdown(ssl_);  // close_notify, so the relay sees an orderly end, not an error
+        SSL_free(ssl_);
+        ssl_ = nullptr;
+    }
+    if (fd_ >= 0) {
+        ::close(fd_);
+        fd_ = -1;
+    }
+}
+
+size_t SyslogSink::SendDatagrams(const std::vector<std::string>& lines, std::string& error) {
+    const int pid = static_cast<int>(::getpid());
+    for (size_t index = 0; index < lines.size(); ++index) {
+        const std::string message = Format(lines[index], hostName_, pid);
+        // The daemon's queue holds few datagrams: wait a little for room, but
+        // never for ever (a daemon that stopped reading is retried later).
+        ssize_t sent = ::send(fd_, message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        for (int waits = 0; sent < 0 && (errno == EAGAIN || errno == EINTR) && waits < 50; ++waits) {
+            pollfd room{fd_, POLLOUT, 0};
+            ::poll(&room, 1, 100);
+            sent = ::send(fd_, message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        }
+        if (sent >= 0) {
+            continue;
+        }
+        if (errno == EMSGSIZE) {
+            // It will never fit this socket; retrying would stop the sink for good.
+            HOST_LOG_ERROR("alert of " + std::to_string(message.size()) +
+                           " bytes is too long for the syslog socket " + settings_.socket +
+                           "; not sent there");
+            continue;
+        }
+        error = std::strerror(errno);
+        if (errno != EAGAIN && errno != ENOBUFS) {
+            Disconnect();  // the daemon restarted: connect to its new socket
+        }
+        return index;
+    }
+    return lines.size();
+}
+
+size_t SyslogSink::SendFrames(const std::vector<std::string>& lines, std::string& error) {
+    const int pid = static_cast<int>(::getpid());
+    std::string frames;
+    size_t first = 0;  // the first line in `frames`
+    for (size_t index = 0; index < lines.size(); ++index) {
+        const std::string message = Format(lines[index], hostName_, pid);
+        frames += std::to_string(message.size()) + " " + message;
+        if (frames.size() < 256 * 1024 && index + 1 < lines.size()) {
+            continue;
+        }
+        if (!WriteAll(frames, error)) {
+            Disconnect();
+            return first;  // the whole chunk again, on a new connection
+        }
+        frames.clear();
+        first = index + 1;
+    }
+    return lines.size();
+}
+
+bool SyslogSink::WriteAll(const std::string& data, std::string& error) {
+    size_t offset = 0;
+    while (offset < data.size()) {
+        if (ssl_ != nullptr) {
+            const int written = SSL_write(ssl_, data.data() + offset, static_cast<int>(data.size() - offset));
+            if (written <= 0) {
+                error = "TLS write: " + OpenSslError();
+                return false;
+            }
+            offset += static_cast<size_t>(written);
+            continue;
+        }
+        const ssize_t written = ::send(fd_, data.data() + offset, data.size() - offset, MSG_NOSIGNAL);
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            error = std::string("write: ") + (written < 0 ? std::strerror(errno) : "connection closed");
+            return false;
+        }
+        offset += static_cast<size_t>(written);
+    }
+    return true;
+}
+
+}  // namespace Agent

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <openssl/ssl.h>
+
+#include <string>
+
+#include "AlertSink.h"
+#include "ReportSettings.h"
+
+namespace Agent {
+
+// Alerts as RFC 5424 syslog messages: app name "corvane-agent", msgid the
+// alert's event class, the alert JSON as the message. To the local socket
+// (normally /dev/log, one datagram per alert), or to a relay over TCP with
+// RFC 6587 octet counting, optionally TLS with the certificate and the host
+// name verified (against `ca_file` or the system's CAs). A message counts as
+// delivered once the socket took it: a datagram sent, a frame written.
+class SyslogSink : public AlertSink {
+public:
+    SyslogSink(const SinkSettings& settings, std::string hostName);
+    ~SyslogSink() override;
+
+    SyslogSink(const SyslogSink&) = delete;
+    SyslogSink& operator=(const SyslogSink&) = delete;
+
+    size_t Deliver(const std::vector<std::string>& lines, std::string& error) override;
+    std::string Describe() const override;
+
+    // The RFC 5424 message for one alert line (without framing).
+    static std::string Format(const std::string& line, const std::string& hostName, int pid);
+
+private:
+    bool Connect(std::string& error);
+    bool StartTls(std::string& error);
+    void Disconnect();
+    size_t SendDatagrams(const std::vector<std::string>& lines, std::string& error);
+    size_t SendFrames(const std::vector<std::string>& lines, std::string& error);
+    bool WriteAll(const std::string& data, std::string& error);
+
+    const SinkSettings settings_;
+    const std::string hostName_;
+    int fd_ = -1;
+    SSL_CTX* context_ = nullptr;
+    SSL* ssl_ = nullptr;
+};
+
+}  // namespace Agent

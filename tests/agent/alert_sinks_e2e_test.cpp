@@ -1,0 +1,344 @@
+// The real agent delivering the test module's alerts through the spool to
+// real sinks: nothing accepted is lost across SIGKILL or a full disk.
+#include <glob.h>
+#include <gtest/gtest.h>
+#include <json/json.h>
+#include <librdkafka/rdkafka.h>
+#include <librdkafka/rdkafka_mock.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/AgentRunner.h"
+#include "support/ChildProcess.h"
+#include "support/FileText.h"
+#include "support/HttpTestServer.h"
+#include "support/WaitFor.h"
+
+namespace {
+
+const std::string kGood = std::string(CORVANE_BUILD_DIR) + "/tests/modules/libagent_test_module.so";
+const long kDeadlineMs = 60000;
+
+std::string Policy(const std::string& value, int burst) {
+    return R"({"enabled": true, "value": ")" + value + R"(", "burst": )" + std::to_string(burst) + "}";
+}
+
+// conf/agent.json with the given "alerts.sinks" list and a quick retry.
+void WriteConfig(const TestSupport::AgentRunner& agent, const std::string& sinks) {
+    std::ofstream(agent.prefix() + "/conf/agent.json")
+        << R"({"alerts": {"retry_seconds": 1, "retry_max_seconds": 2, "sinks": )" << sinks << "}}";
+}
+
+// The "seq" of every alert line in `text` with the given test value.
+std::set<long> Seqs(const std::string& text, const std::string& value) {
+    std::set<long> seqs;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        Json::Value alert;
+        if (Json::Reader().parse(line, alert) && alert["test_value"].asString() == value) {
+            seqs.insert(alert["seq"].asInt64());
+        }
+    }
+    return seqs;
+}
+
+std::string SpoolText(const std::string& prefix) {
+    std::string text;
+    glob_t found{};
+    if (::glob((prefix + "/var/spool/*.seg").c_str(), 0, nullptr, &found) == 0) {
+        for (size_t index = 0; index < found.gl_pathc; ++index) {
+            text += TestSupport::ReadText(found.gl_pathv[index]);
+        }
+    }
+    ::globfree(&found);
+    return text;
+}
+
+bool Includes(const std::set<long>& all, const std::set<long>& part) {
+    return std::includes(all.begin(), all.end(), part.begin(), part.end());
+}
+
+// A test CA (ca.pem) and a certificate for 127.0.0.1 that it signed (server.pem, server.key) in `dir`.
+bool MakeCertificates(const std::string& dir) {
+    const std::string make =
+        "cd " + dir +
+        " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes "
+        "-keyout ca.key -out ca.pem -days 1 -subj /CN=corvane-test-ca 2>/dev/null && "
+        "openssl req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout server.key "
+        "-out server.csr -subj /CN=127.0.0.1 2>/dev/null && printf 'subjectAltName=IP:127.0.0.1' > san && "
+        "openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out server.pem -days 1 "
+        "-extfile san 2>/dev/null";
+    return std::system(make.c_str()) == 0;
+}
+
+}  // namespace
+
+TEST(AlertSinksEndToEnd, EveryAlertSpooledBeforeSigkillReachesEverySinkAfterRestart) {
+    TestSupport::AgentRunner agent("sigkill");
+    const std::string second = agent.prefix() + "/log/second.json";
+    WriteConfig(agent, R"([{"type": "file", "name": "copy", "path": "log/second.json"}])");
+    agent.WritePolicy("90001", "agent_test_feature", Policy("burst", 3000));
+    // Files left readable by an older version become private.
+    for (const std::string& path : {agent.AlertsPath(), agent.prefix() + "/log/agent.log"}) {
+        std::ofstream{path};
+        ::chmod(path.c_str(), 0644);
+    }
+    ASSERT_TRUE(agent.Start({}, {kGood}));
+    ASSERT_TRUE(TestSupport::WaitFor([&] { return Seqs(SpoolText(agent.prefix()), "burst").size() >= 6000; },
+                                     kDeadlineMs))
+        << agent.ReadLog();
+    ::kill(agent.pid(), SIGKILL);
+    agent.Stop();
+    for (const std::string& path : {agent.AlertsPath(), second, agent.prefix() + "/log/agent.log"}) {
+        struct stat info {};
+        ASSERT_EQ(::stat(path.c_str(), &info), 0) << path;
+        EXPECT_EQ(info.st_mode & 0777, 0600u) << path;
+    }
+    // Accepted means spooled: that is what must come out, whatever the sinks had taken.
+    const std::set<long> accepted = Seqs(SpoolText(agent.prefix()), "burst");
+    ASSERT_GE(accepted.size(), 6000u);
+    EXPECT_EQ(*accepted.rbegin(), static_cast<long>(accepted.size())) << "a gap in the spool";
+
+    agent.RemovePolicy("90001", "agent_test_feature");
+    ASSERT_TRUE(agent.Start({}, {kGood}));
+    for (const std::string& path : {agent.AlertsPath(), second}) {
+        EXPECT_TRUE(TestSupport::WaitFor(
+            [&] { return Includes(Seqs(TestSupport::ReadText(path), "burst"), accepted); }, kDeadlineMs))
+            << path;
+    }
+    EXPECT_EQ(agent.Stop(), 0);
+}
+
+TEST(AlertSinksEndToEnd, AFullSpoolDiskDropsCountedAlertsAndDeliveryResumesWhenSpaceReturns) {
+    TestSupport::AgentRunner agent("fullspool");
+    const std::string spool = agent.prefix() + "/var/spool";
+    ::mkdir((agent.prefix() + "/var").c_str(), 0700);
+    ::mkdir(spool.c_str(), 0700);
+    if (::mount("tmpfs", spool.c_str(), "tmpfs", 0, "size=256k,mode=0700") != 0) {
+        GTEST_SKIP() << "cannot mount a tmpfs (needs root): " << std::strerror(errno);
+    }
+    struct Unmount {
+        std::string path;
+        ~Unmount() { ::umount2(path.c_str(), MNT_DETACH); }
+    } unmount{spool};
+    WriteConfig(agent, "[]");
+    agent.WritePolicy("90001", "agent_test_feature", Policy("full", 200));
+    ASSERT_TRUE(agent.Start({}, {kGood}));
+    ASSERT_TRUE(
+        agent.WaitForAlert([](const Json::Value& alert) { return alert["seq"].asInt() > 0; }, kDeadlineMs));
+    // Take every byte left, then give it back.
+    const std::string filler = spool + "/filler";
+    {
+        std::ofstream out(filler, std::ios::binary);
+        const std::string block(4096, 'x');
+        while (out.write(block.data(), block.size())) {
+        }
+    }
+    EXPECT_TRUE(agent.WaitForLog("cannot take alerts", kDeadlineMs)) << agent.ReadLog();
+    EXPECT_TRUE(agent.IsRunning());
+    ::unlink(filler.c_str());
+    EXPECT_TRUE(agent.WaitForLog("alerts were dropped while it could not", kDeadlineMs)) << agent.ReadLog();
+    const size_t before = Seqs(TestSupport::ReadText(agent.AlertsPath()), "full").size();
+    EXPECT_TRUE(TestSupport::WaitFor(
+        [&] { return Seqs(TestSupport::ReadText(agent.AlertsPath()), "full").size() > before + 400; },
+        kDeadlineMs));
+    EXPECT_EQ(agent.Stop(), 0);
+}
+
+namespace {
+
+// Every "seq" in the JSON arrays or JSON lines the webhook received.
+std::set<long> PostedSeqs(const TestSupport::HttpTestServer& server, const std::string& path) {
+    std::string text;
+    for (const std::string& body : server.Posted(path)) {
+        Json::Value batch;
+        if (!body.empty() && body[0] == '[' && Json::Reader().parse(body, batch)) {
+            for (const Json::Value& alert : batch) {
+                text += Json::FastWriter().write(alert);
+            }
+        } else {
+            text += body;
+        }
+    }
+    return Seqs(text, "hook");
+}
+
+}  // namespace
+
+TEST(AlertSinksEndToEnd, WebhookGetsEveryAlertThroughAnOutageAnd500sWithItsToken) {
+    TestSupport::AgentRunner agent("webhook");
+    const unsigned short port = TestSupport::HttpTestServer::FreePort();
+    std::ofstream(agent.prefix() + "/conf/token") << "secret-token\n";
+    WriteConfig(agent, R"([{"type": "webhook", "url": "http://127.0.0.1:)" + std::to_string(port) +
+                           R"(/hook", "token_file": "conf/token", "format": "array", "batch": 50}])");
+    agent.WritePolicy("90001", "agent_test_feature", Policy("hook", 100));
+    ASSERT_TRUE(agent.Start({}, {kGood}));
+    // The collector is down while the first few hundred alerts are raised.
+    ASSERT_TRUE(TestSupport::WaitFor(
+        [&] { return Seqs(TestSupport::ReadText(agent.AlertsPath()), "hook").size() >= 300; }, kDeadlineMs));
+    EXPECT_TRUE(agent.WaitForLog("cannot deliver alerts to webhook", kDeadlineMs));
+    TestSupport::HttpTestServer server(port);
+    server.Fail("/hook", 500, 2);
+    const std::set<long> raised = Seqs(TestSupport::ReadText(agent.AlertsPath()), "hook");
+    EXPECT_TRUE(
+        TestSupport::WaitFor([&] { return Includes(PostedSeqs(server, "/hook"), raised); }, kDeadlineMs));
+    ASSERT_EQ(agent.Stop(), 0);
+    EXPECT_TRUE(
+        Includes(PostedSeqs(server, "/hook"), Seqs(TestSupport::ReadText(agent.AlertsPath()), "hook")));
+    EXPECT_EQ(server.LastAuthorization("/hook"), "Bearer secret-token");
+    EXPECT_NE(agent.ReadLog().find("alerts reach webhook"), std::string::npos);
+}
+
+TEST(AlertSinksEndToEnd, WebhookOverTlsTrustsItsCaFileAndRefusesAnUnknownCertificate) {
+    TestSupport::AgentRunner agent("webhook-tls");
+    const std::string dir = agent.prefix() + "/conf/";
+    ASSERT_TRUE(MakeCertificates(dir));
+    TestSupport::HttpTestServer server(0, dir + "server.pem", dir + "server.key");
+    WriteConfig(agent, R"([{"type": "webhook", "name": "good", "url": ")" + server.Url("/good") +
+                           R"(", "ca_file": "conf/ca.pem"}, {"type": "webhook", "name": "bad", "url": ")" +
+                           server.Url("/bad") + R"("}])");
+    agent.WritePolicy("90001", "agent_test_feature", Policy("hook", 20));
+    ASSERT_TRUE(agent.Start({}, {kGood}));
+    EXPECT_TRUE(TestSupport::WaitFor([&] { return PostedSeqs(server, "/good").size() >= 20; }, kDeadlineMs))
+        << agent.ReadLog();
+    EXPECT_TRUE(agent.WaitForLog("cannot deliver alerts to bad", kDeadlineMs));
+    EXPECT_TRUE(server.Posted("/bad").empty());
+    EXPECT_EQ(agent.Stop(), 0);
+}
+
+TEST(AlertSinksEndToEnd, RsyslogGetsEveryAlertOnceOverItsUnixSocketTcpAndTls) {
+    TestSupport::AgentRunner agent("syslog");
+    const std::string dir = agent.prefix() + "/rsyslog";
+    ::mkdir(dir.c_str(), 0700);
+    const unsigned short port = TestSupport::HttpTestServer::FreePort();
+    const unsigned short tlsPort = TestSupport::HttpTestServer::FreePort();
+    ASSERT_TRUE(MakeCertificates(dir));
+    std::ofstream(dir + "/rsyslog.conf")
+        << "global(workDirectory=\"" << dir << "\" maxMessageSize=\"1m\" DefaultNetstreamDriverCAFile=\""
+        << dir << "/ca.pem\" DefaultNetstreamDriverCertFile=\"" << dir
+        << "/server.pem\" DefaultNetstreamDriverKeyFile=\"" << dir << "/server.key\")\n"
+        << "module(load=\"imuxsock\" SysSock.Use=\"off\")\n"
+        << "input(type=\"imuxsock\" Socket=\"" << dir
+        << "/log.sock\" UseSpecialParser=\"off\" ParseHostname=\"on\")\n"
+        << "module(load=\"imtcp\")\n"
+        << "input(type=\"imtcp\" address=\"127.0.0.1\" port=\"" << port << "\")\n"
+        << "input(type=\"imtcp\" address=\"127.0.0.1\" port=\"" << tlsPort
+        << "\" name=\"tls\" streamDriver.name=\"ossl\" streamDriver.mode=\"1\" "
+           "streamDriver.authMode=\"anon\")\n"
+        << "template(name=\"raw\" type=\"string\" string=\"%inputname% %app-name% %msgid% %msg%\\n\")\n"
+        << "*.* action(type=\"omfile\" file=\"" << dir << "/out.log\" template=\"raw\")\n";
+    TestSupport::ChildProcess rsyslogd(
+        {"/usr/sbin/rsyslogd", "-n", "-i", dir + "/rsyslogd.pid", "-f", dir + "/rsyslog.conf"});
+    ASSERT_GT(rsyslogd.pid(), 0);
+    ASSERT_TRUE(
+        TestSupport::WaitFor([&] { return ::access((dir + "/log.sock").c_str(), F_OK) == 0; }, kDeadlineMs));
+    WriteConfig(agent, R"([{"type": "syslog", "name": "local", "socket": "rsyslog/log.sock"},
+                           {"type": "syslog", "name": "relay", "host": "127.0.0.1", "port": )" +
+                           std::to_string(port) + R"(},
+                           {"type": "syslog", "name": "secure", "host": "127.0.0.1", "port": )" +
+                           std::to_string(tlsPort) + R"(, "tls": true, "ca_file": "rsyslog/ca.pem"}])");
+    agent.WritePolicy("90001", "agent_test_feature", Policy("syslog", 100));
+    ASSERT_TRUE(agent.Start({}, {kGood}));
+    ASSERT_TRUE(TestSupport::WaitFor(
+        [&] { return Seqs(TestSupport::ReadText(agent.AlertsPath()), "syslog").size() >= 500; },
+        kDeadlineMs));
+    ASSERT_EQ(agent.Stop(), 0);
+    const std::set<long> raised = Seqs(TestSupport::ReadText(agent.AlertsPath()), "syslog");
+
+    for (const std::string input : {"imuxsock", "imtcp", "tls"}) {
+        std::string text;
+        size_t count = 0;
+        EXPECT_TRUE(TestSupport::WaitFor(
+            [&] {
+                text.clear();
+                count = 0;
+                std::istringstream lines(TestSupport::ReadText(dir + "/out.log"));
+                for (std::string line; std::getline(lines, line);) {
+                    const std::string head = input + " corvane-agent - ";
+                    if (line.compare(0, head.size(), head) == 0) {
+                        text += line.substr(head.size()) + "\n";
+                        ++count;
+                    }
+                }
+                return Seqs(text, "syslog") == raised;
+            },
+            kDeadlineMs))
+            << input << ": " << Seqs(text, "syslog").size() << " of " << raised.size();
+        EXPECT_EQ(count, raised.size()) << input << ": duplicates";
+    }
+}
+
+TEST(AlertSinksEndToEnd, KafkaGetsEveryAlertThroughABrokerOutage) {
+    char reason[512];
+    rd_kafka_t* mock = rd_kafka_new(RD_KAFKA_PRODUCER, rd_kafka_conf_new(), reason, sizeof(reason));
+    ASSERT_NE(mock, nullptr) << reason;
+    rd_kafka_mock_cluster_t* cluster = rd_kafka_mock_cluster_new(mock, 1);
+    ASSERT_NE(cluster, nullptr);
+    rd_kafka_mock_topic_create(cluster, "alerts", 1, 1);
+    const std::string brokers = rd_kafka_mock_cluster_bootstraps(cluster);
+
+    TestSupport::AgentRunner agent("kafka");
+    WriteConfig(agent,
+                R"([{"type": "kafka", "brokers": ")" + brokers +
+                    R"(", "topic": "alerts", "key": "host-1", "properties": {"message.timeout.ms": 3000}}])");
+    agent.WritePolicy("90001", "agent_test_feature", Policy("kafka", 100));
+    ASSERT_TRUE(agent.Start({}, {kGood}));
+    auto raisedAtLeast = [&](size_t count) {
+        return TestSupport::WaitFor(
+            [&] { return Seqs(TestSupport::ReadText(agent.AlertsPath()), "kafka").size() >= count; },
+            kDeadlineMs);
+    };
+    ASSERT_TRUE(raisedAtLeast(200));
+    rd_kafka_mock_broker_set_down(cluster, 1);
+    ASSERT_TRUE(raisedAtLeast(700));
+    EXPECT_TRUE(agent.WaitForLog("cannot deliver alerts to kafka", kDeadlineMs));
+    rd_kafka_mock_broker_set_up(cluster, 1);
+    ASSERT_TRUE(raisedAtLeast(900));
+    EXPECT_TRUE(agent.WaitForLog("alerts reach kafka", kDeadlineMs)) << agent.ReadLog();
+    ASSERT_EQ(agent.Stop(), 0);
+    const std::set<long> raised = Seqs(TestSupport::ReadText(agent.AlertsPath()), "kafka");
+
+    rd_kafka_conf_t* conf = rd_kafka_conf_new();
+    rd_kafka_conf_set(conf, "bootstrap.servers", brokers.c_str(), reason, sizeof(reason));
+    rd_kafka_conf_set(conf, "group.id", "corvane-test", reason, sizeof(reason));
+    rd_kafka_conf_set(conf, "auto.offset.reset", "earliest", reason, sizeof(reason));
+    rd_kafka_t* consumer = rd_kafka_new(RD_KAFKA_CONSUMER, conf, reason, sizeof(reason));
+    ASSERT_NE(consumer, nullptr) << reason;
+    rd_kafka_poll_set_consumer(consumer);
+    rd_kafka_topic_partition_list_t* topics = rd_kafka_topic_partition_list_new(1);
+    rd_kafka_topic_partition_list_add(topics, "alerts", RD_KAFKA_PARTITION_UA);
+    rd_kafka_subscribe(consumer, topics);
+    rd_kafka_topic_partition_list_destroy(topics);
+    std::string consumed;
+    std::set<std::string> keys;
+    EXPECT_TRUE(TestSupport::WaitFor(
+        [&] {
+            while (rd_kafka_message_t* message = rd_kafka_consumer_poll(consumer, 100)) {
+                if (message->err == RD_KAFKA_RESP_ERR_NO_ERROR) {
+                    consumed.append(static_cast<const char*>(message->payload), message->len).push_back('\n');
+                    keys.insert(std::string(static_cast<const char*>(message->key), message->key_len));
+                }
+                rd_kafka_message_destroy(message);
+            }
+            return Includes(Seqs(consumed, "kafka"), raised);
+        },
+        kDeadlineMs))
+        << Seqs(consumed, "kafka").size() << " of " << raised.size() << " consumed";
+    EXPECT_EQ(keys, std::set<std::string>{"host-1"});
+    rd_kafka_consumer_close(consumer);
+    rd_kafka_destroy(consumer);
+    rd_kafka_mock_cluster_destroy(cluster);
+    rd_kafka_destroy(mock);
+}
