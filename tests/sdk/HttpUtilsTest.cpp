@@ -57,6 +57,15 @@ TEST_F(HttpUtilsTest, FailuresLeaveTheEarlierFileAndNoTemporaryFile) {
     std::ofstream(target_) << "earlier";
     EXPECT_EQ(Download("/missing"), 404);
     EXPECT_LT(Download("/loop"), 0) << "endless redirects";
+
+    // Answers over the 10 MiB cap, announced or not, are cut off and discarded.
+    const std::string huge(50u << 20, '1');
+    server_.Serve("/huge", huge);
+    server_.Serve("/huge-chunked", huge, true);
+    for (const char* path : {"/huge", "/huge-chunked"}) {
+        EXPECT_EQ(Download(path), -63) << path;
+        EXPECT_EQ(Target(), "earlier") << path;
+    }
     EXPECT_LT(SDK::HttpUtils::GetInstance()->Download(server_.Url("/list"), dir_.path() + "/no/such/dir/file",
                                                       "", "", ""),
               0);
