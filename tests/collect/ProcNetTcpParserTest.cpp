@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <tuple>
 #include <vector>
 
 #include "ProcNetTcpParser.h"
@@ -34,21 +35,15 @@ TEST(ProcNetTcpParser, CapturedTablesIncludingMappedIpv6) {
     }
     EXPECT_EQ((std::vector<long>{492, 72247, 72248, 72249, 72251, 72252}), inodes);
 
-    const auto& accepted = *map.at(72249);
-    EXPECT_EQ(inet_addr("127.0.0.2"), accepted.remoteAddr);
-    EXPECT_EQ(40617u, accepted.remotePort);
-    EXPECT_EQ(inet_addr("127.0.0.1"), accepted.localAddr);
-    EXPECT_EQ(5000u, accepted.localPort);
-    EXPECT_EQ(1, accepted.state);
-    EXPECT_EQ(0u, accepted.uid);
-    EXPECT_EQ("127.0.0.1:5000 -> 127.0.0.2:40617 ESTABLISHED", accepted.text);
+    auto facts = [&map](long inode) {
+        const auto& c = *map.at(inode);
+        return std::make_tuple(c.localAddr, c.localPort, c.remoteAddr, c.remotePort, c.state, c.uid, c.text);
+    };
+    EXPECT_EQ(facts(72249),
+              std::make_tuple(inet_addr("127.0.0.1"), 5000u, inet_addr("127.0.0.2"), 40617u, 1, 0u,
+                              std::string("127.0.0.1:5000 -> 127.0.0.2:40617 ESTABLISHED")));
     EXPECT_EQ(10, map.at(72247)->state);
-
-    const auto& mapped = *map.at(72251);
-    EXPECT_EQ(inet_addr("127.0.0.1"), mapped.remoteAddr);
-    EXPECT_EQ(5001u, mapped.remotePort);
-    EXPECT_EQ(58684u, mapped.localPort);
-    EXPECT_EQ("127.0.0.1:58684 -> 127.0.0.1:5001 ESTABLISHED", mapped.text);
+    EXPECT_EQ(std::get<6>(facts(72251)), "127.0.0.1:58684 -> 127.0.0.1:5001 ESTABLISHED");
 }
 
 TEST(SockDiagDecoder, MappedSocketAndEndOfDump) {

@@ -3,41 +3,22 @@
 
 #include <regex>
 
-#include "sdk/FileUtils.h"
 #include "sdk/LoggerUtils.h"
+#include "support/FileText.h"
 #include "support/TempDir.h"
 
 namespace {
 
-using TestSupport::TempDir;
-
 using SDK::LoggerUtils;
 
-class LoggerUtilsTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        settings_.directory = dir_.path();
-        settings_.level = "information";
-    }
-    void TearDown() override {
-        // Back to stderr so that no logger keeps a file of the removed directory open.
-        SDK::LogSettings console;
-        console.target = "stderr";
-        LoggerUtils::GetInstance()->Setup(console);
-    }
-    std::string Read(const std::string& name) {
-        std::string text;
-        SDK::FileUtils::ReadFile(dir_.path() + "/" + name, text, 0);
-        return text;
-    }
-
-    TempDir dir_;
-    SDK::LogSettings settings_;
-};
-
-TEST_F(LoggerUtilsTest, FormattedLinesInSharedAndOwnFiles) {
+TEST(LoggerUtils, FormattedLinesInSharedAndOwnFiles) {
+    TestSupport::TempDir dir;
+    auto Read = [&](const std::string& name) { return TestSupport::ReadText(dir.path() + "/" + name); };
+    SDK::LogSettings settings;
+    settings.directory = dir.path();
+    settings.level = "information";
     LoggerUtils* utils = LoggerUtils::GetInstance();
-    utils->Setup(settings_);
+    utils->Setup(settings);
     Poco::Logger* shared = utils->GetModuleLogger("shared_module", false);
     Poco::Logger* own = utils->GetModuleLogger("own_module", true);
     ASSERT_NE(shared, nullptr);
@@ -55,9 +36,13 @@ TEST_F(LoggerUtilsTest, FormattedLinesInSharedAndOwnFiles) {
     EXPECT_NE(Read("own_module.log").find("[Error] own_module: own line"), std::string::npos);
 
     // A log directory that cannot be made falls back to stderr instead of failing.
-    settings_.directory = "/proc/self/no_such_dir";
-    utils->Setup(settings_);
+    settings.directory = "/proc/self/no_such_dir";
+    utils->Setup(settings);
     EXPECT_NE(utils->GetModuleLogger("shared_module", false), nullptr);
+    // Back to stderr so that no logger keeps a file of the removed directory open.
+    SDK::LogSettings console;
+    console.target = "stderr";
+    utils->Setup(console);
 }
 
 }  // namespace
