@@ -1,20 +1,12 @@
 #include <gtest/gtest.h>
-#include <json/json.h>
 #include <unistd.h>
 
 #include "DetactionTestUtil.h"
-#include "sdk/JsonUtils.h"
 #include "support/TestEngine.h"
 
 using namespace DetactionTest;
 
 namespace {
-
-Json::Value Parse(const std::string& text) {
-    Json::Value value;
-    SDK::JsonUtils::ParseJsonStr(text.c_str(), text.size(), value);
-    return value;
-}
 
 Engine::ProcCheckInfo Info(const std::string& path, unsigned int flags) {
     Engine::ProcCheckInfo info;
@@ -25,35 +17,13 @@ Engine::ProcCheckInfo Info(const std::string& path, unsigned int flags) {
 
 class AlertTest : public ::testing::Test {
 protected:
-    Json::Value LastAlert() {
-        const auto reports = env.report().GetReports();
-        EXPECT_EQ(reports.back().type, "2");
-        return Parse(reports.back().body);
-    }
-
     TestSupport::TestEngine env;
     TestSupport::LogCapture log{"proc_det_module"};
     TaskPtr task = MakeInitedTask(TaskSection(R"({"tmp": 1, "cpu": 2, "deleted": 3, "hidden": -1})"));
 };
 
-// The header and the process facts of a sent alert are checked on the real
-// agent's alerts (DetactionE2ETest); here, the numeric details' form.
-TEST_F(AlertTest, NumericDetailsTravelAsDottedAddresses) {
-    Child child({"/bin/sleep", "30"});
-    Engine::ProcCheckInfo info = Info(RealPath("/bin/sleep"), Engine::PROC_TMP | Engine::HIGHCPU);
-    info.numDetails = {{"dt_cpu", 16777343}, {"dt_conn_sum", 5}};
-    info.strDetails = {{"dt_strings", "xmrig,randomx"}};
-    task->DetActionNotify({{child.pid(), info}}, nullptr);
-    ASSERT_EQ(env.report().GetCount(), 1u);
-    const Json::Value entry = LastAlert()["process_info"][0];
-    EXPECT_EQ(entry["process_pid"].asInt(), child.pid());
-    EXPECT_EQ(entry["rule"].asInt(), 0x21);
-    EXPECT_EQ(entry["score"].asInt(), 3);
-    EXPECT_EQ(entry["dt_cpu"].asString(), "127.0.0.1");
-    EXPECT_EQ(entry["dt_conn_sum"].asString(), "5.0.0.0");
-    EXPECT_EQ(entry["dt_strings"].asString(), "xmrig,randomx");
-}
-
+// The header, the process facts and the numeric details' dotted form are checked
+// on the real agent's alerts (DetactionE2ETest, NetstatE2ETest) and in ResultsTest.
 TEST_F(AlertTest, NothingIsSentBelowTheScoreOrForDeadProcesses) {
     Child child({"/bin/sleep", "30"});
     const int dead = DeadPid();
