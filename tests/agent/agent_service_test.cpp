@@ -20,6 +20,7 @@
 #include <string>
 
 #include "support/AgentRunner.h"
+#include "support/FileText.h"
 #include "support/TempDir.h"
 #include "support/WaitFor.h"
 
@@ -131,14 +132,6 @@ private:
     int fd_ = -1;
 };
 
-size_t Count(const std::string& text, const std::string& needle) {
-    size_t count = 0;
-    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
-        ++count;
-    }
-    return count;
-}
-
 TEST(AgentService, WatchdogHeartbeatStopsWhenATaskHangs) {
     const std::string module = std::string(CORVANE_BUILD_DIR) + "/tests/modules/libagent_test_module.so";
     NotifySocket notify;
@@ -154,7 +147,7 @@ TEST(AgentService, WatchdogHeartbeatStopsWhenATaskHangs) {
     const std::string healthy = notify.Read(4000);
     EXPECT_NE(healthy.find("READY=1"), std::string::npos) << healthy;
     EXPECT_NE(healthy.find("STATUS="), std::string::npos) << healthy;
-    EXPECT_GE(Count(healthy, "WATCHDOG=1"), 3u) << healthy;
+    EXPECT_GE(TestSupport::CountOf(healthy, "WATCHDOG=1"), 3u) << healthy;
 
     agent.WritePolicy("90001", "agent_test_feature", R"({"enabled": true, "value": "w", "hang": true})");
     agent.Reload();
@@ -168,7 +161,7 @@ TEST(AgentService, WatchdogHeartbeatStopsWhenATaskHangs) {
         kDeadlineMs))
         << agent.ReadLog();
     notify.Read(600);  // a heartbeat already in flight
-    EXPECT_EQ(Count(notify.Read(3000), "WATCHDOG=1"), 0u);
+    EXPECT_EQ(TestSupport::CountOf(notify.Read(3000), "WATCHDOG=1"), 0u);
     EXPECT_EQ(agent.Stop(kDeadlineMs), 0);
 }
 

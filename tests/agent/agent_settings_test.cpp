@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "AgentPaths.h"
@@ -42,12 +43,10 @@ TEST(AgentSettingsParser, BadValuesKeepTheirDefaultsAndAreNamed) {
         EXPECT_TRUE(Mentions(problems, key)) << key;
     }
     const Agent::AgentSettings defaults;
-    EXPECT_EQ(settings.log.level, defaults.log.level);
-    EXPECT_EQ(settings.log.rotateSize, defaults.log.rotateSize);
-    EXPECT_EQ(settings.cpuShare, defaults.cpuShare);
-    EXPECT_EQ(settings.alerts.toStdout, defaults.alerts.toStdout);
-    EXPECT_EQ(settings.alerts.rotateBytes, defaults.alerts.rotateBytes);
-    EXPECT_EQ(settings.procsRefreshSeconds, defaults.procsRefreshSeconds);
+    EXPECT_EQ(std::tie(settings.log.level, settings.log.rotateSize, settings.cpuShare,
+                       settings.alerts.toStdout, settings.alerts.rotateBytes, settings.procsRefreshSeconds),
+              std::tie(defaults.log.level, defaults.log.rotateSize, defaults.cpuShare,
+                       defaults.alerts.toStdout, defaults.alerts.rotateBytes, defaults.procsRefreshSeconds));
     // The good siblings of bad values still apply.
     EXPECT_EQ(settings.log.target, "stderr");
     EXPECT_EQ(settings.alerts.filePath, "/var/alerts.json");

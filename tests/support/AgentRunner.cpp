@@ -199,12 +199,7 @@ bool AgentRunner::WaitForLog(const std::string& needle, long timeoutMs) const {
 }
 
 size_t AgentRunner::CountInLog(const std::string& needle) const {
-    const std::string log = ReadLog();
-    size_t count = 0;
-    for (size_t at = log.find(needle); at != std::string::npos; at = log.find(needle, at + 1)) {
-        ++count;
-    }
-    return count;
+    return CountOf(ReadLog(), needle);
 }
 
 bool AgentRunner::WaitForMoreLog(const std::string& needle, size_t more, long timeoutMs) const {

@@ -25,4 +25,13 @@ inline std::vector<std::string> ReadLines(const std::string& path) {
     return lines;
 }
 
+// How many times `needle` occurs in `text`, overlaps included.
+inline size_t CountOf(const std::string& text, const std::string& needle) {
+    size_t count = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
 }  // namespace TestSupport
