@@ -21,7 +21,7 @@ class ProcDetStringsPeer;  // test access to the cache and the clean stamp
 // Looks for keywords among the printable strings of the executable of a process
 // that an earlier detector flagged (in practice for high CPU), then of the files
 // mapped into it. Scan results are cached per file path, so the same binaries and
-// libraries seen cycle after cycle cost one stat and one header read.
+// libraries seen cycle after cycle cost one stat and a lookup while stat shows them untouched.
 class ProcDetStrings : public ProcDetBase {
 public:
     // One cached scan.
