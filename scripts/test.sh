@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is needed, builds, and runs every test; then rebuilds with
-# AddressSanitizer and UndefinedBehaviorSanitizer and runs the unit tests again.
+# AddressSanitizer and UndefinedBehaviorSanitizer and runs the unit tests again; then the
+# framework, collector and report unit tests and the collectors' end-to-end tests under
+# ThreadSanitizer; then every fuzz target.
 # Usage: sudo bash scripts/test.sh      (run from the repository root, as root)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -16,3 +18,16 @@ cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DCORVANE_SANITIZE=ON -DCORVAN
 cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir build-asan --output-on-failure -j"$jobs" -L unit --timeout 600
+
+# ThreadSanitizer over the framework, the collectors and the report task: their unit tests, and the
+# collectors' end-to-end tests, whose event and snapshot threads run against the real kernel.
+tsan_suites="framework_test collect_unit_tests collect_e2e_tests report_test"
+cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCORVANE_TSAN=ON -DCORVANE_BUILD_BENCH=OFF
+# shellcheck disable=SC2086
+cmake --build build-tsan -j"$jobs" --target $tsan_suites
+for suite in $tsan_suites; do
+  TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 timeout 900 "build-tsan/tests/$suite"
+done
+
+# Every fuzz target for 20 s from its seed corpus (clang, ASan+UBSan; see scripts/fuzz.sh).
+bash scripts/fuzz.sh 20

@@ -101,6 +101,33 @@ void BM_UidEvent(benchmark::State& state) {
 }
 BENCHMARK(BM_UidEvent);
 
+long ResidentBytes() {
+    long pages = 0;
+    long resident = 0;
+    std::ifstream("/proc/self/statm") >> pages >> resident;
+    return resident * sysconf(_SC_PAGESIZE);
+}
+
+// What a long fork storm leaves behind: fork records live as long as the task, one
+// per pid ever seen, so their number is bounded by the kernel's pid_max (32,768 by
+// default, at most 4,194,304). Parents are gone, the cheapest path to a fork record.
+void BM_ForkStormMemory(benchmark::State& state) {
+    const int pids = static_cast<int>(state.range(0));
+    for (auto _ : state) {
+        auto* task = new Engine::ProcDetRootFullTask();
+        const long before = ResidentBytes();
+        for (int pid = 2; pid < pids + 2; ++pid) {
+            task->ProcsMessageAction(pid, Engine::PROCS_EVENT_FORK, MakeRecord(pid, 0x3ffffff, pid));
+        }
+        const double grown = static_cast<double>(ResidentBytes() - before);
+        state.counters["fork_records"] = static_cast<double>(task->GetForkRecordCount());
+        state.counters["rss_MiB"] = grown / (1 << 20);
+        state.counters["bytes_per_record"] = grown / pids;
+        task->release();
+    }
+}
+BENCHMARK(BM_ForkStormMemory)->Arg(32768)->Arg(4194304)->Iterations(1)->Unit(benchmark::kMillisecond);
+
 // A fake /proc with `count` live processes under one plain-user parent (pid 10).
 class FakeProc {
 public:

@@ -25,6 +25,7 @@
 #include "ServiceNotifier.h"
 #include "TaskWatchdog.h"
 #include "TextFile.h"
+#include "TrustedPath.h"
 #include "collect/CollectSettings.h"
 #include "framework/Metrics.h"
 #include "framework/Task.h"
@@ -43,6 +44,10 @@ std::string ThisExecutable() {
     const ssize_t length = ::readlink("/proc/self/exe", buffer, sizeof(buffer) - 1);
     return length > 0 ? std::string(buffer, static_cast<size_t>(length)) : std::string();
 }
+
+const char* const kTrustHint =
+    "files the agent loads must be owned by root and writable by no one else; CORVANE_INSECURE_DEV_TREE=1 "
+    "lifts this for development trees";
 
 void MakeDirectory(const std::string& dir) {
     try {
@@ -110,6 +115,9 @@ int AgentApp::main(const std::vector<std::string>& args) {
         return kExitUsage;
     }
     Configure(options);
+    if (!CheckTrusted(options.modules.empty())) {
+        return kExitUsage;
+    }
     WarnWithoutPrivileges();
 
     report_ = std::make_unique<ReportModule>(settings_.alerts);
@@ -235,10 +243,29 @@ void AgentApp::StartMetrics() {
                           settings_.metricsListen + ")");
 }
 
+bool AgentApp::CheckTrusted(bool moduleDirUsed) {
+    std::vector<std::string> paths = {paths_.config, paths_.policyDir};
+    if (moduleDirUsed) {
+        paths.push_back(paths_.moduleDir);
+    }
+    std::string error;
+    for (const std::string& path : paths) {
+        if (!TrustedPath::Check(path, error)) {
+            HOST_CONSOLE_LOG_ERROR(error + "; stopping (" + kTrustHint + ")");
+            return false;
+        }
+    }
+    return true;
+}
+
 bool AgentApp::LoadModules(const std::vector<std::string>& explicitModules) {
     std::string error;
     if (!explicitModules.empty()) {
         for (const std::string& path : explicitModules) {
+            if (!TrustedPath::Check(path, error)) {
+                HOST_CONSOLE_LOG_ERROR("module " + path + ": " + error + "; stopping (" + kTrustHint + ")");
+                return false;
+            }
             if (loader_->Load(path, error) == nullptr) {
                 HOST_CONSOLE_LOG_ERROR(error + "; stopping");
                 return false;
@@ -253,6 +280,10 @@ bool AgentApp::LoadModules(const std::vector<std::string>& explicitModules) {
             return false;
         }
         for (const std::string& path : discovered) {
+            if (!TrustedPath::Check(path, error)) {
+                HOST_CONSOLE_LOG_ERROR("module " + path + ": " + error + "; stopping (" + kTrustHint + ")");
+                return false;
+            }
             if (loader_->Load(path, error) == nullptr) {
                 Framework::Metrics::Instance()
                     .Counter("corvane_module_load_errors_total", "Module libraries that could not be loaded")

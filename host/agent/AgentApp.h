@@ -39,6 +39,9 @@ private:
     int Check(const AgentOptions& options) const;
     bool ExplicitPathsExist(const AgentOptions& options) const;
     void Configure(const AgentOptions& options);
+    // Whether agent.json, the policy directory and (when modules are found there) the module
+    // directory pass TrustedPath; logs the first that does not.
+    bool CheckTrusted(bool moduleDirUsed);
     void SetUpLogging();
     bool LoadModules(const std::vector<std::string>& explicitModules);
     void DeliverCollectSettings();

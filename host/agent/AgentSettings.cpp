@@ -7,6 +7,7 @@ namespace Agent {
 
 namespace {
 
+// agent.json is a few hundred bytes; the cap bounds a mistaken or hostile file.
 constexpr size_t kMaxConfigBytes = 1024 * 1024;
 
 }  // namespace

@@ -8,10 +8,11 @@
 #include <cctype>
 #include <initializer_list>
 #include <map>
-#include <memory>
 #include <set>
 #include <string>
 #include <utility>
+
+#include "sdk/JsonUtils.h"
 
 namespace Agent {
 
@@ -324,16 +325,9 @@ void ParseCollect(Section& section, AgentSettings& settings) {
 
 std::vector<std::string> AgentSettingsParser::Parse(const std::string& text, AgentSettings& settings) {
     std::vector<std::string> problems;
-    Json::CharReaderBuilder builder;
-    builder["collectComments"] = false;
-    builder["failIfExtra"] = true;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value root;
     std::string error;
-    if (!reader->parse(text.data(), text.data() + text.size(), &root, &error)) {
-        for (char& c : error) {
-            c = (c == '\n') ? ' ' : c;
-        }
+    if (!SDK::JsonUtils::ParseBounded(text.data(), text.size(), root, error)) {
         problems.push_back("-: not valid JSON (" + error + "); using the default settings");
         return problems;
     }

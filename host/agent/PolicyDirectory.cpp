@@ -8,12 +8,14 @@
 #include <memory>
 
 #include "TextFile.h"
+#include "TrustedPath.h"
 #include "sdk/HostLog.h"
 
 namespace Agent {
 
 namespace {
 
+// Policies are a few KiB; the cap bounds what a broken push can make the agent hold.
 constexpr size_t kMaxPolicyBytes = 4 * 1024 * 1024;
 const std::string kSuffix = ".json";
 
@@ -89,6 +91,11 @@ PolicyDirectory::Snapshot PolicyDirectory::Scan() const {
             const std::string path = PathOf(key);
             std::string text;
             std::string error;
+            if (!TrustedPath::Check(path, error)) {
+                HOST_CONSOLE_LOG_ERROR(error + "; the policy in force for it stays");
+                snapshot.unreadable.insert(key);
+                continue;
+            }
             if (!TextFile::Read(path, kMaxPolicyBytes, text, error)) {
                 HOST_CONSOLE_LOG_ERROR("cannot read policy file " + path + " (" + error +
                                        "); the policy in force for it stays");

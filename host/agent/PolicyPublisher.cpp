@@ -8,6 +8,7 @@
 #include "framework/Engine.h"
 #include "framework/Metrics.h"
 #include "sdk/HostLog.h"
+#include "sdk/JsonUtils.h"
 
 namespace Agent {
 
@@ -15,18 +16,8 @@ namespace {
 
 // jsoncpp's own account of what is wrong, on one line.
 bool CheckJson(const std::string& text, std::string& error) {
-    Json::CharReaderBuilder builder;
-    builder["collectComments"] = false;
-    builder["failIfExtra"] = true;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value document;
-    if (reader->parse(text.data(), text.data() + text.size(), &document, &error)) {
-        return true;
-    }
-    for (char& c : error) {
-        c = (c == '\n') ? ' ' : c;
-    }
-    return false;
+    return SDK::JsonUtils::ParseBounded(text.data(), text.size(), document, error);
 }
 
 }  // namespace

@@ -7,6 +7,8 @@
 
 #include "TextFile.h"
 
+#include "sdk/JsonUtils.h"
+
 namespace Agent {
 
 namespace {
@@ -52,6 +54,11 @@ bool IsEnabled(const Json::Value& document) {
 }  // namespace
 
 bool ParseStrictJson(const std::string& text, Json::Value& out, std::string& error) {
+    // The bounded parse refuses deep nesting and oversized texts (which make jsoncpp
+    // throw) before the strict one looks for duplicate keys and comments.
+    if (!SDK::JsonUtils::ParseBounded(text.data(), text.size(), out, error)) {
+        return false;
+    }
     Json::CharReaderBuilder builder;
     builder["collectComments"] = false;
     builder["allowComments"] = false;

@@ -40,6 +40,12 @@ bool TextFile::Read(const std::string& path, size_t limit, std::string& text, st
         error = "not a regular file";
         return false;
     }
+    // A file that says it is over the cap is refused unread; the loop below still stops at
+    // the cap for files that grow while being read.
+    if (static_cast<unsigned long long>(info.st_size) > limit) {
+        error = "larger than " + std::to_string(limit) + " bytes";
+        return false;
+    }
     text.clear();
     char buffer[16384];
     for (;;) {

@@ -10,6 +10,12 @@
 
 namespace Engine {
 
+namespace {
+
+constexpr size_t kMaxTableBytes = 64u << 20;
+
+}  // namespace
+
 ProcNetTcpSource::ProcNetTcpSource(const std::string& procRoot) : root_(procRoot) {}
 
 bool ProcNetTcpSource::Collect(NetProcsFullTask::NetMap& out, std::string& error) {
@@ -20,7 +26,9 @@ bool ProcNetTcpSource::Collect(NetProcsFullTask::NetMap& out, std::string& error
     } tables[] = {{"/net/tcp", false}, {"/net/tcp6", true}};
     for (const auto& table : tables) {
         const std::string path = root_ + table.file;
-        const int readError = SDK::FileUtils::ReadWholeFile(path, text_);
+        // About 150 bytes a socket: the bound is some 450,000 sockets, far beyond a busy server's
+        // and still a bounded allocation when a local user opens sockets by the million.
+        const int readError = SDK::FileUtils::ReadWholeFile(path, text_, kMaxTableBytes);
         if (readError != 0) {
             // A kernel without IPv6 has no tcp6; IPv4 is what matters.
             if (table.ipv6 && readError == ENOENT) {

@@ -58,6 +58,8 @@ bool SockDiagSource::Dump(int fd, unsigned char family, NetProcsFullTask::NetMap
         return false;
     }
     size_t malformed = 0;
+    // Each datagram is at most the buffer; the dump as a whole holds one record per TCP socket
+    // in the wanted states, which the kernel bounds by the host's socket count.
     for (;;) {
         const ssize_t got = ::recv(fd, buffer_.data(), buffer_.size(), 0);
         if (got < 0) {

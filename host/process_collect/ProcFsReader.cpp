@@ -111,7 +111,9 @@ bool ProcFsReader::Read(int pid, unsigned parts, ProcFsBuffers& buffers) const {
 }
 
 int ProcFsReader::ReadRootFile(const char* name, std::string& out) const {
-    return SDK::FileUtils::ReadWholeFile(root_ + "/" + name, out);
+    // /proc/stat and its kin grow with CPUs and interrupt lines: a few hundred KiB on large machines.
+    constexpr size_t kMaxRootFileBytes = 4u << 20;
+    return SDK::FileUtils::ReadWholeFile(root_ + "/" + name, out, kMaxRootFileBytes);
 }
 
 }  // namespace Engine

@@ -112,7 +112,7 @@ int FileUtils::ReadFile(const std::string& path, std::string& out, long limit) {
     return result;
 }
 
-int FileUtils::ReadWholeFile(const std::string& path, std::string& out) {
+int FileUtils::ReadWholeFile(const std::string& path, std::string& out, size_t maxBytes) {
     out.clear();
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
@@ -130,6 +130,10 @@ int FileUtils::ReadWholeFile(const std::string& path, std::string& out) {
         }
         if (got == 0) {
             return 0;
+        }
+        if (out.size() + static_cast<size_t>(got) > maxBytes) {
+            out.clear();
+            return EFBIG;
         }
         out.append(chunk, static_cast<size_t>(got));
     }

@@ -45,17 +45,30 @@ std::string DirectoryOf(const std::string& path) {
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
+// Where the body goes, and how much of it may come: the server controls the length.
+struct BodySink {
+    int fd = -1;
+    unsigned long long maxBytes = 0;
+    unsigned long long received = 0;
+    bool overCap = false;
+};
+
 size_t WriteToFd(char* data, size_t size, size_t count, void* userData) {
-    const int fd = *static_cast<int*>(userData);
+    BodySink& sink = *static_cast<BodySink*>(userData);
     const size_t total = size * count;
+    if (sink.received + total > sink.maxBytes) {
+        sink.overCap = true;
+        return 0;  // curl then fails the transfer with CURLE_WRITE_ERROR
+    }
+    sink.received += total;
     size_t done = 0;
     while (done < total) {
-        const ssize_t written = write(fd, data + done, total - done);
+        const ssize_t written = write(sink.fd, data + done, total - done);
         if (written < 0 && errno == EINTR) {
             continue;
         }
         if (written <= 0) {
-            return 0;  // curl then fails the transfer with CURLE_WRITE_ERROR
+            return 0;
         }
         done += static_cast<size_t>(written);
     }
@@ -118,7 +131,13 @@ int HttpUtils::Download(const std::string& url, const std::string& targetPath, c
     curlLib->easy_setopt(h, CURLOPT_ERRORBUFFER, errorText);
     curlLib->easy_setopt(h, CURLOPT_URL, url.c_str());
     curlLib->easy_setopt(h, CURLOPT_WRITEFUNCTION, &WriteToFd);
-    curlLib->easy_setopt(h, CURLOPT_WRITEDATA, &temp.fd);
+    BodySink sink;
+    sink.fd = temp.fd;
+    sink.maxBytes = maxBytes_;
+    curlLib->easy_setopt(h, CURLOPT_WRITEDATA, &sink);
+    // An announced length over the cap ends the transfer before the body; the write callback
+    // bounds the rest (chunked answers, lying lengths).
+    curlLib->easy_setopt(h, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(maxBytes_));
     curlLib->easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
     curlLib->easy_setopt(h, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
     curlLib->easy_setopt(h, CURLOPT_FOLLOWLOCATION, 1L);
@@ -139,6 +158,11 @@ int HttpUtils::Download(const std::string& url, const std::string& targetPath, c
     }
 
     const CURLcode result = curlLib->easy_perform(h);
+    if (sink.overCap || result == CURLE_FILESIZE_EXCEEDED) {
+        HOST_LOG_WARNING("download of " + url + ": answer larger than " + std::to_string(maxBytes_) +
+                         " bytes, discarded; " + targetPath + " left as it was");
+        return -static_cast<int>(CURLE_FILESIZE_EXCEEDED);
+    }
     if (result != CURLE_OK) {
         HOST_LOG_WARNING("download of " + url +
                          " failed: " + (errorText[0] != '\0' ? errorText : curlLib->easy_strerror(result)));

@@ -18,26 +18,41 @@ const Json::Value* FindMember(const Json::Value& object, const char* key) {
 
 }  // namespace
 
-int JsonUtils::ParseJsonStr(const char* text, unsigned long length, Json::Value& out) {
+bool JsonUtils::ParseBounded(const char* text, size_t length, Json::Value& out, std::string& error) {
+    error.clear();
     if (text == nullptr) {
-        return -1;
+        error = "no text";
+        return false;
+    }
+    if (length > kMaxTextBytes) {
+        error = "larger than " + std::to_string(kMaxTextBytes) + " bytes";
+        return false;
     }
     Json::CharReaderBuilder builder;
     builder["collectComments"] = false;
     builder["failIfExtra"] = true;  // "{} trailing junk" is a broken policy, not an empty one
+    builder["stackLimit"] = kMaxDepth;
     const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value parsed;
-    std::string errors;
     try {
-        if (!reader->parse(text, text + length, &parsed, &errors)) {
-            return -1;
+        if (!reader->parse(text, text + length, &parsed, &error)) {
+            for (char& c : error) {
+                c = (c == '\n' || c == '\r') ? ' ' : c;
+            }
+            return false;
         }
-    } catch (const std::exception&) {
-        // jsoncpp throws when nesting exceeds its stack limit.
-        return -1;
+    } catch (const Json::Exception& failure) {
+        // jsoncpp throws, rather than reports, nesting beyond stackLimit.
+        error = failure.what();
+        return false;
     }
     out.swap(parsed);
-    return 0;
+    return true;
+}
+
+int JsonUtils::ParseJsonStr(const char* text, unsigned long length, Json::Value& out) {
+    std::string error;
+    return ParseBounded(text, length, out, error) ? 0 : -1;
 }
 
 bool JsonUtils::GetBoolValue(const Json::Value& object, const char* key, bool defaultValue) {

@@ -299,18 +299,6 @@ bool ParseSocketLink(const std::string& target, long& inode) {
     return true;
 }
 
-bool ParseAuditSessionId(const std::string& text, std::string& sessionId) {
-    std::string value = text;
-    StrUtils::Trim(value);
-    unsigned long long id = 0;
-    // (unsigned int)-1 is the kernel's "not set": a process outside any login session.
-    if (!ToUnsigned(value, 10, id) || id >= 0xFFFFFFFFULL) {
-        return false;
-    }
-    sessionId = std::to_string(id);
-    return true;
-}
-
 bool ParseUptimeText(const std::string& text, long long& uptimeMs) {
     std::istringstream in(text);
     std::string first;
@@ -324,39 +312,6 @@ bool ParseUptimeText(const std::string& text, long long& uptimeMs) {
         return false;
     }
     uptimeMs = static_cast<long long>(seconds * 1000.0);
-    return true;
-}
-
-bool ParseLogindSessionText(const std::string& text, ProcessUtils::SessionInfo& out) {
-    ProcessUtils::SessionInfo info;
-    bool haveUser = false;
-    std::istringstream lines(text);
-    std::string line;
-    while (std::getline(lines, line)) {
-        const std::string::size_type equals = line.find('=');
-        if (line.empty() || line[0] == '#' || equals == std::string::npos) {
-            continue;
-        }
-        const std::string key = line.substr(0, equals);
-        const std::string value = line.substr(equals + 1);
-        if (key == "USER") {
-            info.user = value;
-            haveUser = !value.empty();
-        } else if (key == "REMOTE_HOST") {
-            info.host = value;
-        } else if (key == "TTY") {
-            info.terminal = value;
-        } else if (key == "REALTIME") {
-            unsigned long long micros = 0;
-            if (ToUnsigned(value, 10, micros)) {
-                info.loginTime = static_cast<long>(micros / 1000000ULL);
-            }
-        }
-    }
-    if (!haveUser) {
-        return false;
-    }
-    out = info;
     return true;
 }
 

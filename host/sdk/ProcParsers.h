@@ -38,14 +38,7 @@ std::string JoinCmdlineText(const std::string& raw, std::size_t maxLength);
 // A /proc/PID/fd link target "socket:[N]". False for anything else.
 bool ParseSocketLink(const std::string& target, long& inode);
 
-// /proc/PID/sessionid. False when it is not a number or the "no session" value.
-bool ParseAuditSessionId(const std::string& text, std::string& sessionId);
-
 // /proc/uptime: seconds since boot (first field) in milliseconds.
 bool ParseUptimeText(const std::string& text, long long& uptimeMs);
-
-// A logind session file (/run/systemd/sessions/ID): USER=, REMOTE_HOST=, TTY= and
-// REALTIME= (microseconds). False without USER=.
-bool ParseLogindSessionText(const std::string& text, ProcessUtils::SessionInfo& out);
 
 }  // namespace SDK

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
+#include <set>
 #include <vector>
 
 #include "KeptStatFiles.h"
@@ -22,6 +23,8 @@ namespace {
 
 // /proc/PID/status and stat are a few KiB at most; anything bigger is not /proc.
 constexpr long kProcTextLimit = 256 * 1024;
+// How far up the process tree a login is looked for (pid 1 ends the walk sooner).
+constexpr int kMaxSessionAncestors = 64;
 
 std::string& ProcRoot() {
     static std::string root = "/proc";
@@ -231,33 +234,37 @@ int ProcessUtils::GetProcessSessionId(int pid, std::string& sessionId) {
     if (pid <= 0) {
         return -1;
     }
-    std::string text;
-    std::string auditId;
-    if (ReadHead(PidPath(pid, "sessionid"), text, 64) && ParseAuditSessionId(text, auditId) &&
-        HasLogindSession(kLogindSessionsDir, auditId)) {
-        sessionId = auditId;
+    if (FindLogindSession(pid, sessionId)) {
         return 0;
     }
-    // Without logind the session is found in utmp by its leader, the process's session id.
-    ProcStat stat;
-    if (!ReadStat(pid, stat) || stat.session <= 0) {
-        return -1;
+    // Without logind: the nearest of the process and its ancestors that recorded a login.
+    const std::set<long> logins = ReadUtmpLoginPids(kUtmpFile);
+    long current = pid;
+    for (int depth = 0; depth < kMaxSessionAncestors && current > 0 && !logins.empty(); ++depth) {
+        if (logins.count(current) != 0) {
+            sessionId = std::to_string(current);
+            return 0;
+        }
+        ProcStat stat;
+        if (!ReadStat(current, stat) || stat.ppid == current) {
+            break;
+        }
+        current = stat.ppid;
     }
-    sessionId = std::to_string(stat.session);
-    return 0;
+    return -1;
 }
 
 int ProcessUtils::GetSessionInfo(const std::string& sessionId, SessionInfo& info) {
-    if (HasLogindSession(kLogindSessionsDir, sessionId)) {
-        return ReadLogindSession(kLogindSessionsDir, sessionId, info);
+    if (ReadLogindSession(sessionId, info) == 0) {
+        return 0;
     }
     char* end = nullptr;
     errno = 0;
-    const long session = std::strtol(sessionId.c_str(), &end, 10);
+    const long loginPid = std::strtol(sessionId.c_str(), &end, 10);
     if (sessionId.empty() || errno != 0 || *end != '\0') {
         return -1;
     }
-    return FindUtmpSession(kUtmpFile, session, info);
+    return FindUtmpSession(kUtmpFile, loginPid, info);
 }
 
 int ProcessUtils::GetProcessFileSha256(int pid, const std::string& exePath, std::string& hex, bool& fromLink,

@@ -1,26 +1,32 @@
 #pragma once
 
-// Login-session records behind ProcessUtils::GetSessionInfo. Internal to libsdk
-// (exported only for its tests).
+// Login sessions behind ProcessUtils::GetProcessSessionId and GetSessionInfo. Internal
+// to libsdk (exported only for its tests).
+//
+// Where systemd-logind runs it is asked through libsystemd. Elsewhere the session is
+// the utmp USER_PROCESS entry of the login: login and sshd record their own pid in it
+// and stay the ancestors of everything the user starts, while the session ids of the
+// user's processes (their own setsid, the audit session) number sessions differently.
 
+#include <set>
 #include <string>
 
 #include "sdk/ProcessUtils.h"
 
 namespace SDK {
 
-constexpr const char* kLogindSessionsDir = "/run/systemd/sessions";
 constexpr const char* kUtmpFile = "/var/run/utmp";
 
-// True when logind keeps a record of session `id` in `sessionsDir`.
-bool HasLogindSession(const std::string& sessionsDir, const std::string& id);
+// logind's session of `pid`; false where logind does not run or has no session for it.
+bool FindLogindSession(int pid, std::string& sessionId);
 
-// The record of logind session `id`. 0 on success.
-int ReadLogindSession(const std::string& sessionsDir, const std::string& id, ProcessUtils::SessionInfo& info);
+// logind's record of session `id`. 0 on success.
+int ReadLogindSession(const std::string& id, ProcessUtils::SessionInfo& info);
 
-// The USER_PROCESS entry of `utmpFile` whose session or pid is `session` (the
-// session leader is the login shell or the process that logged the user in).
-// 0 on success.
-int FindUtmpSession(const std::string& utmpFile, long session, ProcessUtils::SessionInfo& info);
+// The pids that USER_PROCESS entries of `utmpFile` record.
+std::set<long> ReadUtmpLoginPids(const std::string& utmpFile);
+
+// The USER_PROCESS entry of `utmpFile` recorded by process `pid`. 0 on success.
+int FindUtmpSession(const std::string& utmpFile, long pid, ProcessUtils::SessionInfo& info);
 
 }  // namespace SDK

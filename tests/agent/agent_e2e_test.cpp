@@ -62,6 +62,9 @@ TEST(AgentEndToEnd, DeliversReloadsKeepsGoodPolicyOverBadTextAndLosesNothingOnSt
     TestSupport::AgentRunner agent("agent");
     const std::string sentLog = agent.prefix() + "/sent.txt";
     agent.WritePolicy("90001", "agent_test_feature", Policy("first", sentLog));
+    // jsoncpp throws on nesting this deep; the agent must refuse the file, not die.
+    const std::string deep = std::string(20000, '[') + std::string(20000, ']');
+    agent.WritePolicy("90002", "deep_feature", deep);
     ASSERT_TRUE(agent.Start({}, {kGood}));
     auto first = [](const Json::Value& alert) { return alert["test_value"].asString() == "first"; };
     ASSERT_TRUE(agent.WaitForAlert(first, kDeadlineMs)) << agent.ReadLog();
@@ -71,12 +74,18 @@ TEST(AgentEndToEnd, DeliversReloadsKeepsGoodPolicyOverBadTextAndLosesNothingOnSt
     ASSERT_TRUE(WaitFor([&] { return CountValue(agent, "second") > 0; })) << agent.ReadLog();
 
     const std::string policyPath = agent.PolicyDir() + "/90001/agent_test_feature.json";
-    agent.WritePolicy("90001", "agent_test_feature", "{\"enabled\": tru");
-    agent.Reload();
-    ASSERT_TRUE(agent.WaitForLog("policy file " + policyPath + " is not valid JSON", kDeadlineMs))
-        << agent.ReadLog();
-    const size_t before = CountValue(agent, "second");
-    ASSERT_TRUE(WaitFor([&] { return CountValue(agent, "second") > before; })) << "the good policy stopped";
+    ASSERT_TRUE(
+        agent.WaitForLog(agent.PolicyDir() + "/90002/deep_feature.json is not valid JSON", kDeadlineMs));
+    const std::pair<std::string, std::string> badTexts[] = {
+        {"{\"enabled\": tru", " is not valid JSON"}, {deep, " is not valid JSON (Exceeded stackLimit"}};
+    for (const auto& [bad, complaint] : badTexts) {
+        agent.WritePolicy("90001", "agent_test_feature", bad);
+        agent.Reload();
+        ASSERT_TRUE(agent.WaitForLog(policyPath + complaint, kDeadlineMs)) << agent.ReadLog();
+        const size_t before = CountValue(agent, "second");
+        ASSERT_TRUE(WaitFor([&] { return CountValue(agent, "second") > before; }))
+            << "the good policy stopped";
+    }
 
     ASSERT_EQ(agent.Stop(kDeadlineMs), 0) << agent.ReadLog();
     long sent = 0;
@@ -148,8 +157,17 @@ TEST(AgentEndToEnd, RemovedPolicyFileDisablesTheFeature) {
 }
 
 TEST(AgentEndToEnd, ModulesThatCannotBeLoadedStopTheAgentWithExitCode2) {
-    for (const std::string& module : {kModules + "libagent_broken_module.so", kModules + "libnowhere.so"}) {
+    for (const char* name : {"libagent_broken_module.so", "libnowhere.so", "open"}) {
         TestSupport::AgentRunner agent("agent-bad");
+        std::string module = kModules + name;
+        if (module == kModules + "open") {
+            // A module directory anyone may write to: whoever can plant a library runs code as root.
+            const std::string dir = agent.prefix() + "/open";
+            module = dir + "/libagent_test_module.so";
+            ASSERT_EQ(mkdir(dir.c_str(), 0777), 0);
+            ASSERT_EQ(chmod(dir.c_str(), 0777), 0);
+            ASSERT_EQ(symlink(kGood.c_str(), module.c_str()), 0);
+        }
         ASSERT_TRUE(agent.Start({}, {module}));
         // The agent exits by itself; Stop only collects the exit status.
         ASSERT_TRUE(agent.WaitForLog("corvane-agent stopped", kDeadlineMs)) << agent.ReadLog();
@@ -158,6 +176,9 @@ TEST(AgentEndToEnd, ModulesThatCannotBeLoadedStopTheAgentWithExitCode2) {
         EXPECT_NE(log.find("module " + module), std::string::npos) << log;
         if (module.find("broken") != std::string::npos) {
             EXPECT_NE(log.find("CreateModule"), std::string::npos) << log;
+        }
+        if (module.find("/open/") != std::string::npos) {
+            EXPECT_NE(log.find("/open is writable by everyone (mode 0777)"), std::string::npos) << log;
         }
     }
 }

@@ -89,12 +89,14 @@ TEST(AgentSettingsParser, SinksAreCheckedEntryByEntryAndEachBadOneIsNamed) {
 }
 
 TEST(AgentSettingsParser, UnusableFilesLeaveEverythingAtDefaults) {
-    for (const std::string text : {"{\"cpu_share\": 20", "[1, 2]", "", "{\"cpu_share\": 20} {}"}) {
+    for (const std::string& text : {std::string("{\"cpu_share\": 20"), std::string("[1, 2]"), std::string(),
+                                    std::string("{\"cpu_share\": 20} {}"),
+                                    "{\"log\": " + std::string(20000, '[') + std::string(20000, ']') + "}"}) {
         Agent::AgentSettings settings;
         const std::vector<std::string> problems = Agent::AgentSettingsParser::Parse(text, settings);
         ASSERT_EQ(problems.size(), 1u) << text;
-        EXPECT_TRUE(Mentions(problems, "using the default settings")) << text;
-        EXPECT_EQ(settings.cpuShare, 10) << text;
+        EXPECT_TRUE(Mentions(problems, "using the default settings")) << text.substr(0, 40);
+        EXPECT_EQ(settings.cpuShare, 10) << text.substr(0, 40);
     }
     Agent::AgentSettings settings;
     const std::vector<std::string> problems =

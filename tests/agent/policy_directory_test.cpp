@@ -53,6 +53,8 @@ TEST(PolicyDirectory, ScanReadsIdDirectoriesAndRemembersOnlyWhatWasMarkedDeliver
     dir.Write("90001/test.json", "{\"value\":1}");
     dir.Write("90001/locked.json", "{}");
     ::chmod((root + "/90001/locked.json").c_str(), 0);
+    dir.Write("90001/open.json", "{}");  // anyone may rewrite it: refused
+    ::chmod((root + "/90001/open.json").c_str(), 0666);
 
     PolicyDirectory directory(root);
     const bool root_user = ::geteuid() == 0;  // root reads mode-0 files

@@ -4,7 +4,6 @@
 #include <vector>
 
 #include "RecordingTask.h"
-#include "framework/CompositePolicy.h"
 #include "framework/Engine.h"
 #include "framework/FeaturePolicy.h"
 #include "framework/Module.h"
@@ -80,26 +79,6 @@ TEST(TaskConditionTest, ParseAcceptsScheduleFormsAndKeepsRecordOnFailure) {
         EXPECT_EQ(5, policy.GetCondition().GetTaskCondition().repeatInterval) << bad;
     }
     EXPECT_TRUE(policy.HasCondition());
-}
-
-TEST(PolicyTreeTest, CompositeOwnsAndFindsItsChildren) {
-    static int destroyed;
-    destroyed = 0;
-    struct Leaf : Framework::Policy {
-        using Framework::Policy::Policy;
-        ~Leaf() override { ++destroyed; }
-    };
-    {
-        Framework::CompositePolicy root("root");
-        root.Add(new Leaf("a"));
-        root.Add(nullptr);
-        root.Add(new Leaf("b"));
-        EXPECT_EQ(2u, root.GetChildCount());
-        EXPECT_EQ("b", root.FindChild("b")->GetName());
-        EXPECT_EQ(nullptr, root.FindChild("c"));
-        EXPECT_EQ(nullptr, root.GetChild(2));
-    }
-    EXPECT_EQ(2, destroyed);
 }
 
 class PolicyDeliveryTest : public ::testing::Test {

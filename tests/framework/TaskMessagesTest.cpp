@@ -71,9 +71,6 @@ TEST(TaskQueueTest, QueueIsBoundedAndInterceptedMessagesBypassIt) {
     // A cancelled task does not wait for messages that will never be handled.
     task->cancel();
     EXPECT_FALSE(task->WaitForMsg(60000));
-
-    TaskRef unbounded(new RecordingTask("default_task", TaskCondition::TASK_TYPE_MESSAGE));
-    EXPECT_EQ(Framework::Task::kDefaultQueueCapacity, unbounded->GetQueueCapacity());
 }
 
 TEST_F(MessagesTest, DirectMessagesReachOnlyRegisteredTasks) {

@@ -6,9 +6,7 @@
 #include <filesystem>
 #include <string>
 
-#include "support/AgentRunner.h"
 #include "support/FileText.h"
-#include "support/WaitFor.h"
 
 // Helpers shared by the detection module's tests.
 namespace ModuleTest {
@@ -28,21 +26,6 @@ inline std::string Sha256OfFile(const std::string& path) {
 inline std::string RealPath(const std::string& path) {
     std::error_code error;
     return std::filesystem::canonical(path, error).string();
-}
-
-inline size_t CountOf(const std::string& text, const std::string& needle) {
-    size_t count = 0;
-    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
-        ++count;
-    }
-    return count;
-}
-
-// Waits until the agent's log holds `more` lines with `needle` beyond those there now.
-inline bool WaitForMoreInLog(const TestSupport::AgentRunner& agent, const std::string& needle, size_t more,
-                             long timeoutMs = 60000) {
-    const size_t seen = CountOf(agent.ReadLog(), needle);
-    return TestSupport::WaitFor([&] { return CountOf(agent.ReadLog(), needle) >= seen + more; }, timeoutMs);
 }
 
 }  // namespace ModuleTest

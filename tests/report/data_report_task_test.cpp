@@ -76,7 +76,10 @@ TEST(DataReportTask, RunsAsSystemTaskRetriesAFailedFileAndDrainsOnStopAll) {
         ASSERT_EQ(
             report->SendDirectMsg("data_comm_report_task", new Framework::DataMessage("2", "{\"n\":0}")), 0);
 
-        // No further report arrives: the periodic retry alone must bring the line out.
+        // Once the line waits in the backlog, no further report arrives: the periodic
+        // retry alone must bring the line out.
+        auto* task = dynamic_cast<Agent::DataReportTask*>(report);
+        ASSERT_TRUE(TestSupport::WaitFor([&] { return task->GetWrittenCount() == 1; }));
         Poco::File(dir.path() + "/missing").createDirectories();
         TestSupport::WaitFor([&] { return !ReadLines(settings.filePath).empty(); });
         ASSERT_EQ(ReadLines(settings.filePath), std::vector<std::string>{"{\"n\":0}"});

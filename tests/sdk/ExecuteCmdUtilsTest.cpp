@@ -14,22 +14,30 @@ namespace {
 
 using SDK::ExecuteCmdUtils;
 
-TEST(ExecuteCmdUtils, StatusAndOutput) {
-    std::string output;
-    ASSERT_EQ(ExecuteCmdUtils::ExecuteCmd("PATH=/a:/b; echo $PATH; echo err >&2", output, 4096), 0);
-    EXPECT_EQ(output, "/a:/b\n") << "only standard output is collected";
-    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("exit 3", output, 4096), 3);
-    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("kill -9 $$", output, 4096), -1);
-    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("", output, 4096), -1);
-    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("no_such_command_here", output, 4096), 127);
-}
-
-TEST(ExecuteCmdUtils, OutputCapDrainsTheRest) {
-    std::string output;
-    // Far more than a pipe holds: the command must still run to its end.
-    ASSERT_EQ(
-        ExecuteCmdUtils::ExecuteCmd("head -c 1000000 /dev/zero | tr '\\0' x; echo; exit 5", output, 100), 5);
-    EXPECT_EQ(output, std::string(100, 'x'));
+TEST(ExecuteCmdUtils, StatusAndCappedOutput) {
+    // The agent ignores SIGPIPE; a command must not inherit that.
+    signal(SIGPIPE, SIG_IGN);
+    // The last case is far more than a pipe holds: the command must still run to its end.
+    const struct {
+        const char* command;
+        size_t cap;
+        int status;
+        std::string output;
+    } cases[] = {
+        {"PATH=/a:/b; echo $PATH; echo err >&2", 4096, 0, "/a:/b\n"},
+        {"exit 3", 4096, 3, ""},
+        {"kill -9 $$", 4096, -1, ""},
+        {"kill -PIPE $$; exit 0", 4096, -1, ""},
+        {"", 4096, -1, ""},
+        {"no_such_command_here", 4096, 127, ""},
+        {"head -c 1000000 /dev/zero | tr '\\0' x; echo; exit 5", 100, 5, std::string(100, 'x')},
+    };
+    for (const auto& c : cases) {
+        std::string output;
+        EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd(c.command, output, c.cap), c.status) << c.command;
+        EXPECT_EQ(output, c.output) << c.command;
+    }
+    signal(SIGPIPE, SIG_DFL);
 }
 
 TEST(ExecuteCmdUtils, TimeOutKillsTheWholeGroup) {
@@ -53,14 +61,6 @@ TEST(ExecuteCmdUtils, TimeOutKillsTheWholeGroup) {
         usleep(10 * 1000);
     }
     EXPECT_FALSE(SDK::ProcessUtils::IsProcessAlive(background));
-}
-
-TEST(ExecuteCmdUtils, CommandGetsDefaultSignalHandling) {
-    // The agent ignores SIGPIPE; a command must not inherit that.
-    signal(SIGPIPE, SIG_IGN);
-    std::string output;
-    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("kill -PIPE $$; exit 0", output, 4096), -1);
-    signal(SIGPIPE, SIG_DFL);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 
 #include "sdk/FileUtils.h"
@@ -68,6 +69,11 @@ TEST_F(FileUtilsTest, ReadFileWholeOrRefused) {
     ASSERT_EQ(FileUtils::ReadFile("/proc/self/stat", out, 0), 0);
     EXPECT_EQ(out.compare(0, std::to_string(getpid()).size() + 1, std::to_string(getpid()) + " "), 0);
     EXPECT_NE(FileUtils::ReadFile("/proc/self/status", out, 10), 0);
+    // ReadWholeFile's bound holds against what arrives, not against a stated size.
+    ASSERT_EQ(FileUtils::ReadWholeFile(path, out, 18), 0);
+    EXPECT_EQ(out, content);
+    EXPECT_EQ(FileUtils::ReadWholeFile(path, out, 17), EFBIG);
+    EXPECT_TRUE(out.empty());
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <map>
 
 #include "sdk/JsonUtils.h"
 
@@ -33,36 +33,25 @@ TEST(JsonUtils, ParseAcceptsDocumentsAndRejectsBrokenText) {
     EXPECT_EQ(JsonUtils::ParseJsonStr(nullptr, 10, value), -1);
 }
 
+// Policies are outside input: a mistyped or out-of-range member, or a lookup on
+// a non-object (where jsoncpp itself would throw), gives the caller's default.
 TEST(JsonUtils, GettersGiveTheDefaultForMissingOrMistypedMembers) {
     Json::Value doc;
     ASSERT_EQ(Parse(R"({"flag": true, "num": -42, "big": 3000000000, "real": 2.5, "whole": 7.0,
                        "str": "text", "obj": {"k": 1}, "arr": [1, 2], "nul": null})",
                     doc),
               0);
-    EXPECT_TRUE(JsonUtils::GetBoolValue(doc, "flag", false));
+    const std::map<std::string, int> ints = {{"num", -42}, {"big", 9}, {"real", 9},   {"whole", 7},
+                                             {"str", 9},   {"nul", 9}, {"missing", 9}};
+    for (const auto& [key, expected] : ints) {
+        EXPECT_EQ(JsonUtils::GetIntValue(doc, key.c_str(), 9), expected) << key;
+    }
     EXPECT_TRUE(JsonUtils::GetBoolValue(doc, "num", true)) << "a number is not a bool";
-    EXPECT_FALSE(JsonUtils::GetBoolValue(doc, "missing", false));
-
-    EXPECT_EQ(JsonUtils::GetIntValue(doc, "num", 0), -42);
-    EXPECT_EQ(JsonUtils::GetIntValue(doc, "big", 9), 9) << "out of int range";
-    EXPECT_EQ(JsonUtils::GetIntValue(doc, "real", 9), 9);
-    EXPECT_EQ(JsonUtils::GetIntValue(doc, "whole", 9), 7);
-    EXPECT_EQ(JsonUtils::GetIntValue(doc, "str", 9), 9);
-    EXPECT_EQ(JsonUtils::GetIntValue(doc, "nul", 9), 9);
-
-    EXPECT_EQ(JsonUtils::GetStringValue(doc, "str", "d"), "text");
     EXPECT_EQ(JsonUtils::GetStringValue(doc, "num", "d"), "d");
     EXPECT_EQ(JsonUtils::GetStringValue(doc, "missing", nullptr), "");
-
     Json::Value out(5);
-    EXPECT_TRUE(JsonUtils::GetSubobjectValue(doc, "obj", out));
-    EXPECT_EQ(out["k"].asInt(), 1);
     EXPECT_FALSE(JsonUtils::GetSubobjectValue(doc, "arr", out));
-    EXPECT_TRUE(JsonUtils::GetArrayValue(doc, "arr", out));
-    EXPECT_EQ(out.size(), 2u);
     EXPECT_FALSE(JsonUtils::GetArrayValue(doc, "obj", out));
-
-    // Lookups on arrays and scalars, where jsoncpp itself would throw.
     for (const Json::Value& notObject : {doc["arr"], doc["str"], Json::Value()}) {
         EXPECT_EQ(JsonUtils::GetIntValue(notObject, "k", 3), 3);
         EXPECT_FALSE(JsonUtils::GetArrayValue(notObject, "k", out));

@@ -107,30 +107,10 @@ TEST(ProcParsers, SmallTexts) {
         EXPECT_FALSE(SDK::ParseSocketLink(other, inode)) << other;
     }
 
-    std::string session;
-    EXPECT_TRUE(SDK::ParseAuditSessionId("42\n", session));
-    EXPECT_EQ(session, "42");
-    EXPECT_FALSE(SDK::ParseAuditSessionId("4294967295", session));
-    EXPECT_FALSE(SDK::ParseAuditSessionId("", session));
-
     long long uptimeMs = 0;
     EXPECT_TRUE(SDK::ParseUptimeText("1234.56 2000.00\n", uptimeMs));
     EXPECT_EQ(uptimeMs, 1234560);
     EXPECT_FALSE(SDK::ParseUptimeText("abc 1", uptimeMs));
-}
-
-TEST(ProcParsers, LogindSessionRecord) {
-    SDK::ProcessUtils::SessionInfo info;
-    ASSERT_TRUE(
-        SDK::ParseLogindSessionText("# This is private data. Do not parse.\nUID=1000\nUSER=alice\n"
-                                    "ACTIVE=1\nREMOTE=1\nTTY=pts/3\nREMOTE_HOST=10.1.2.3\n"
-                                    "REALTIME=1700000000123456\nMONOTONIC=5\n",
-                                    info));
-    EXPECT_EQ(info.user, "alice");
-    EXPECT_EQ(info.host, "10.1.2.3");
-    EXPECT_EQ(info.terminal, "pts/3");
-    EXPECT_EQ(info.loginTime, 1700000000L);
-    EXPECT_FALSE(SDK::ParseLogindSessionText("UID=0\nTTY=tty1\n", info));
 }
 
 }  // namespace

@@ -1,15 +1,21 @@
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <utmpx.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
+#include <set>
+#include <string>
 
 #include "SessionLookup.h"
 #include "sdk/ProcessUtils.h"
 #include "support/ChildProcess.h"
+#include "support/FileText.h"
 #include "support/TempDir.h"
+#include "support/WaitFor.h"
 
 namespace {
 
@@ -18,24 +24,18 @@ using TestSupport::TempDir;
 
 using SDK::ProcessUtils;
 
-TEST(ProcessUtils, FactsOfAnExecutedChild) {
-    // The empty argument shows as two blanks in a row.
-    ChildProcess child({"/bin/sh", "-c", "while :; do sleep 5; done", "name", "", "last arg"});
+// The parsers are tested on captured texts (ProcParsersTest); here, the reads of a live process.
+TEST(ProcessUtils, FactsOfAnExecutedChildAndFailuresOnceItIsGone) {
+    ChildProcess child({"/bin/sh", "-c", "while :; do sleep 5; done"});
     ASSERT_GT(child.pid(), 0);
     const int pid = child.pid();
 
     EXPECT_TRUE(ProcessUtils::IsProcessAlive(pid));
     std::string text;
-    ASSERT_EQ(ProcessUtils::GetProcessCmdline(pid, text, 4096), 0);
-    EXPECT_EQ(text, "/bin/sh -c while :; do sleep 5; done name  last arg");
-    ASSERT_EQ(ProcessUtils::GetProcessCmdline(pid, text, 10), 0);
-    EXPECT_EQ(text, "/bin/sh -c");
-
     char resolved[4096];
     ASSERT_NE(realpath("/bin/sh", resolved), nullptr);
     ASSERT_EQ(ProcessUtils::GetProcessExePath(pid, text), 0);
     EXPECT_EQ(text, resolved);
-
     int ppid = 0;
     long startTime = -1;
     std::string name;
@@ -45,7 +45,10 @@ TEST(ProcessUtils, FactsOfAnExecutedChild) {
     EXPECT_GT(startTime, 0);
     EXPECT_EQ(name, "sh");
     EXPECT_NE(std::string("RSD").find(state), std::string::npos) << state;
-    EXPECT_EQ(ProcessUtils::GetProcessStatInfo(pid, nullptr, nullptr, nullptr), 0);
+    std::string user;
+    ASSERT_EQ(ProcessUtils::GetProcessUser(0, user), 0);
+    EXPECT_EQ(user, "root");
+    EXPECT_NE(ProcessUtils::GetProcessUser(0xFFFFFFF0u, user), 0);
 
     // The image's hash comes through the exe link and matches the file's.
     std::string viaLink;
@@ -74,45 +77,6 @@ TEST(ProcessUtils, FactsOfAnExecutedChild) {
     EXPECT_NE(ProcessUtils::GetProcessSocketFd(pid, inodes), 0);
 }
 
-TEST(ProcessUtils, StatusOfAChildThatChangedIdentity) {
-    ChildProcess child([](const std::function<void()>& notify) {
-        if (setresgid(2001, 2002, 2003) == 0 && setresuid(1001, 1002, 1003) == 0) {
-            notify();
-        }
-        pause();
-    });
-    ASSERT_GT(child.pid(), 0);
-    ProcessUtils::procStatus status;
-    ASSERT_EQ(ProcessUtils::GetProcessStatusInfo(child.pid(), status), 0);
-    EXPECT_EQ(status.uid, 1001u);
-    EXPECT_EQ(status.euid, 1002u);
-    EXPECT_EQ(status.suid, 1003u);
-    EXPECT_EQ(status.fsuid, 1002u);
-    EXPECT_EQ(status.gid, 2001u);
-    EXPECT_EQ(status.egid, 2002u);
-    EXPECT_EQ(status.sgid, 2003u);
-    EXPECT_EQ(status.fsgid, 2002u);
-    EXPECT_EQ(status.ppid, getpid());
-    EXPECT_EQ(status.capEff, 0u) << "a non-root effective uid drops the effective capabilities";
-
-    std::string user;
-    ASSERT_EQ(ProcessUtils::GetProcessUser(0, user), 0);
-    EXPECT_EQ(user, "root");
-    EXPECT_NE(ProcessUtils::GetProcessUser(0xFFFFFFF0u, user), 0);
-}
-
-TEST(ProcessUtils, SocketInodesOfThisProcess) {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_GE(fd, 0);
-    struct stat st {};
-    ASSERT_EQ(fstat(fd, &st), 0);
-    std::set<long> inodes = {-5};
-    ASSERT_EQ(ProcessUtils::GetProcessSocketFd(getpid(), inodes), 0);
-    close(fd);
-    EXPECT_EQ(inodes.count(static_cast<long>(st.st_ino)), 1u);
-    EXPECT_EQ(inodes.count(-5), 0u) << "earlier contents are replaced";
-}
-
 TEST(ProcessUtils, FakeProcTreeWithBrokenFiles) {
     TempDir root;
     root.Write("10/stat", "10 (worker) S 1 10 10 0 -1 0 0 0 0 0 5 5 0 0 20 0 1 0 500");
@@ -130,32 +94,18 @@ TEST(ProcessUtils, FakeProcTreeWithBrokenFiles) {
     ProcessUtils::procStatus status;
     EXPECT_NE(ProcessUtils::GetProcessStatusInfo(10, status), 0);
     EXPECT_NE(ProcessUtils::GetProcessExePath(10, text), 0);
-    std::string session;
-    EXPECT_EQ(ProcessUtils::GetProcessSessionId(10, session), 0) << "no audit session: the stat session";
-    EXPECT_EQ(session, "10");
     ProcessUtils::SetProcRoot("/proc");
 }
 
-TEST(ProcessUtils, SessionRecordsFromLogindAndUtmp) {
+TEST(ProcessUtils, SessionRecordsFromUtmpByLoginPid) {
     TempDir dir;
-    const std::string& sessions = dir.path();
-    dir.Write("7", "USER=bob\nREMOTE_HOST=192.0.2.9\nTTY=pts/1\nREALTIME=1600000000000000\n");
-    ProcessUtils::SessionInfo info;
-    EXPECT_TRUE(SDK::HasLogindSession(sessions, "7"));
-    ASSERT_EQ(SDK::ReadLogindSession(sessions, "7", info), 0);
-    EXPECT_EQ(info.user, "bob");
-    EXPECT_EQ(info.host, "192.0.2.9");
-    EXPECT_FALSE(SDK::HasLogindSession(sessions, "8"));
-    EXPECT_FALSE(SDK::HasLogindSession(sessions, "../7"));
-
-    // utmp: a dead entry with the same session, then the login entry.
-    const std::string utmp = sessions + "/utmp";
+    const std::string utmp = dir.path() + "/utmp";
     std::FILE* file = std::fopen(utmp.c_str(), "wb");
     ASSERT_NE(file, nullptr);
-    struct utmpx entries[3];
+    struct utmpx entries[2];
     std::memset(entries, 0, sizeof(entries));
     entries[0].ut_type = DEAD_PROCESS;
-    entries[0].ut_session = 4321;
+    entries[0].ut_pid = 999;
     std::strncpy(entries[0].ut_user, "ghost", sizeof(entries[0].ut_user));
     entries[1].ut_type = USER_PROCESS;
     entries[1].ut_pid = 999;
@@ -164,21 +114,49 @@ TEST(ProcessUtils, SessionRecordsFromLogindAndUtmp) {
     std::strncpy(entries[1].ut_line, "pts/4", sizeof(entries[1].ut_line));
     std::memset(entries[1].ut_host, 'h', sizeof(entries[1].ut_host));  // full field, no NUL
     entries[1].ut_tv.tv_sec = 1650000000;
-    entries[2].ut_type = USER_PROCESS;
-    entries[2].ut_pid = 5555;
-    std::strncpy(entries[2].ut_user, "dave", sizeof(entries[2].ut_user));
-    std::fwrite(entries, sizeof(entries[0]), 3, file);
+    std::fwrite(entries, sizeof(entries[0]), 2, file);
     std::fclose(file);
 
-    ASSERT_EQ(SDK::FindUtmpSession(utmp, 4321, info), 0);
+    ProcessUtils::SessionInfo info;
+    ASSERT_EQ(SDK::FindUtmpSession(utmp, 999, info), 0);
     EXPECT_EQ(info.user, "carol");
     EXPECT_EQ(info.terminal, "pts/4");
     EXPECT_EQ(info.host, std::string(sizeof(entries[1].ut_host), 'h'));
     EXPECT_EQ(info.loginTime, 1650000000L);
-    ASSERT_EQ(SDK::FindUtmpSession(utmp, 5555, info), 0);
-    EXPECT_EQ(info.user, "dave");
-    EXPECT_NE(SDK::FindUtmpSession(utmp, 1234, info), 0);
-    EXPECT_NE(SDK::FindUtmpSession(sessions + "/missing", 4321, info), 0);
+    EXPECT_EQ(SDK::ReadUtmpLoginPids(utmp), std::set<long>{999});
+    EXPECT_NE(SDK::FindUtmpSession(utmp, 4321, info), 0) << "a session id is no login pid";
+    EXPECT_NE(SDK::FindUtmpSession(dir.path() + "/missing", 999, info), 0);
+}
+
+// A real login (login on the pseudo-terminal of script) and, as under sshd, a process
+// in a session of its own below it: found through its ancestors.
+TEST(ProcessUtils, ProcessOfARealLoginFindsItsSession) {
+    if (geteuid() != 0 || access("/usr/bin/login", X_OK) != 0 || access("/usr/bin/script", X_OK) != 0) {
+        GTEST_SKIP() << "needs root, login and script";
+    }
+    // Without the utmp file (containers) login records nothing: made for the run.
+    const bool madeUtmp = access(SDK::kUtmpFile, F_OK) != 0;
+    ASSERT_TRUE(!madeUtmp || std::fclose(std::fopen(SDK::kUtmpFile, "w")) == 0);
+    TempDir dir;
+    const std::string pidFile = dir.path() + "/pid";
+    const std::string input = "setsid -w sh -c 'echo $$ > " + pidFile + "; exec sleep 30'\n";
+    // In a process group of its own, so that script and its input go with it at the end.
+    ChildProcess login({"/usr/bin/setsid", "/bin/sh", "-c",
+                        "(printf '%s' \"$1\"; sleep 30) | script -qfc 'login -f root' /dev/null", "sh",
+                        input});
+    ASSERT_TRUE(TestSupport::WaitFor([&] { return !TestSupport::ReadText(pidFile).empty(); }));
+    const int pid = std::stoi(TestSupport::ReadText(pidFile));
+    std::string session;
+    ASSERT_EQ(ProcessUtils::GetProcessSessionId(pid, session), 0);
+    ProcessUtils::SessionInfo info;
+    ASSERT_EQ(ProcessUtils::GetSessionInfo(session, info), 0);
+    EXPECT_EQ(info.user, "root");
+    EXPECT_EQ(info.terminal.rfind("pts/", 0), 0u) << info.terminal;
+    EXPECT_LE(std::labs(info.loginTime - time(nullptr)), 60L);
+    kill(-login.pid(), SIGKILL);  // script's end hangs the terminal up: login and its shell go too
+    if (madeUtmp) {
+        unlink(SDK::kUtmpFile);
+    }
 }
 
 }  // namespace

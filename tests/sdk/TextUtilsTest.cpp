@@ -5,61 +5,9 @@
 #include <set>
 
 #include "sdk/CryptoCodeUtils.h"
-#include "sdk/PathUtils.h"
 #include "sdk/SecureC.h"
-#include "sdk/StrUtils.h"
 
 namespace {
-
-using SDK::StrUtils;
-
-std::vector<std::string> Split(const std::string& text, const std::string& delimiters) {
-    std::vector<std::string> out;
-    StrUtils::EasySplit(text, out, delimiters);
-    return out;
-}
-
-TEST(StrUtils, EasySplitDropsEmptyPiecesAndAppends) {
-    using V = std::vector<std::string>;
-    EXPECT_EQ(Split("  0: 0100007F:0035   00000000:0000 0A ", " "),
-              (V{"0:", "0100007F:0035", "00000000:0000", "0A"}));
-    EXPECT_EQ(Split("/usr/bin::/bin:", ":"), (V{"/usr/bin", "/bin"}));
-    EXPECT_EQ(Split("a\tb \nc", " \t\n"), (V{"a", "b", "c"}));
-    EXPECT_EQ(Split(":::", ":"), V{});
-    EXPECT_EQ(Split("", ":"), V{});
-    EXPECT_EQ(Split("whole", ""), V{"whole"});
-    std::vector<std::string> out{"kept"};
-    StrUtils::EasySplit("x,y", out, ",");
-    EXPECT_EQ(out, (V{"kept", "x", "y"}));
-}
-
-TEST(StrUtils, TrimRemovesBlanksTabsAndLineEnds) {
-    std::string text = " \t/usr/lib/x.so (deleted)\r\n";
-    EXPECT_EQ(&StrUtils::Trim(text), &text);
-    EXPECT_EQ(text, "/usr/lib/x.so (deleted)");
-    for (std::string blank : {std::string(""), std::string(" \t\r\n "), std::string("\n")}) {
-        EXPECT_EQ(StrUtils::Trim(blank), "");
-    }
-    std::string inner = "a \t b";
-    EXPECT_EQ(StrUtils::Trim(inner), "a \t b");
-}
-
-TEST(PathUtils, FileNameAndInstallationPrefix) {
-    EXPECT_EQ(SDK::PathUtils::GetFileNameFromPath("module/module_procdet/feature_detaction/ProcDetManager"),
-              "ProcDetManager");
-    EXPECT_EQ(SDK::PathUtils::GetFileNameFromPath("plain"), "plain");
-    EXPECT_EQ(SDK::PathUtils::GetFileNameFromPath("dir/"), "");
-
-    std::string prefix;
-    SDK::PathUtils::GetInstallationPath(prefix);
-    EXPECT_EQ(prefix, "/usr/local/corvane/");
-    SDK::PathUtils::SetInstallationPath("/opt/agent");
-    SDK::PathUtils::GetInstallationPath(prefix);
-    EXPECT_EQ(prefix, "/opt/agent/");
-    SDK::PathUtils::SetInstallationPath("");
-    SDK::PathUtils::GetInstallationPath(prefix);
-    EXPECT_EQ(prefix, "/usr/local/corvane/");
-}
 
 TEST(SecureC, CopiesAndFormatsOnlyWithinBounds) {
     char buffer[8];

@@ -198,25 +198,43 @@ bool AgentRunner::WaitForLog(const std::string& needle, long timeoutMs) const {
     return WaitFor([&] { return ReadLog().find(needle) != std::string::npos; }, timeoutMs);
 }
 
-std::vector<Json::Value> FindProcessEntries(const std::vector<Json::Value>& alerts,
-                                            const std::string& eventClass,
-                                            const std::function<bool(const Json::Value&)>& match) {
-    std::vector<Json::Value> entries;
-    for (const Json::Value& alert : alerts) {
-        if (!alert.isObject() || alert.get("event_classid", "").asString() != eventClass) {
+size_t AgentRunner::CountInLog(const std::string& needle) const {
+    const std::string log = ReadLog();
+    size_t count = 0;
+    for (size_t at = log.find(needle); at != std::string::npos; at = log.find(needle, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+bool AgentRunner::WaitForMoreLog(const std::string& needle, size_t more, long timeoutMs) const {
+    const size_t seen = CountInLog(needle);
+    return WaitFor([&] { return CountInLog(needle) >= seen + more; }, timeoutMs);
+}
+
+std::vector<AgentRunner::Finding> AgentRunner::Findings(const std::string& eventClass, int pid,
+                                                        unsigned ruleMask) const {
+    std::vector<Finding> found;
+    for (const Json::Value& alert : ReadAlerts()) {
+        if (!alert.isObject() || alert.get("event_classid", "").asString() != eventClass ||
+            !alert["process_info"].isArray()) {
             continue;
         }
-        const Json::Value& processes = alert["process_info"];
-        if (!processes.isArray()) {
-            continue;
-        }
-        for (const Json::Value& entry : processes) {
-            if (match(entry)) {
-                entries.push_back(entry);
+        for (const Json::Value& entry : alert["process_info"]) {
+            if (entry["process_pid"].asInt() == pid &&
+                (ruleMask == 0 || (entry["rule"].asUInt() & ruleMask) != 0)) {
+                found.push_back({alert, entry});
             }
         }
     }
-    return entries;
+    return found;
+}
+
+AgentRunner::Finding AgentRunner::WaitForFinding(const std::string& eventClass, int pid, unsigned ruleMask,
+                                                 long timeoutMs) const {
+    std::vector<Finding> found;
+    WaitFor([&] { return !(found = Findings(eventClass, pid, ruleMask)).empty(); }, timeoutMs);
+    return found.empty() ? Finding{} : found.front();
 }
 
 }  // namespace TestSupport

@@ -43,10 +43,25 @@ public:
     // Waits until some alert satisfies `match`; the first match goes to `found`.
     bool WaitForAlert(const std::function<bool(const Json::Value&)>& match, long timeoutMs,
                       Json::Value* found = nullptr) const;
+    // One process of a detection alert: the alert and its "process_info" entry.
+    struct Finding {
+        Json::Value alert;
+        Json::Value entry;  // null when there is none
+    };
+    // The entries of the `eventClass` alerts so far that name `pid` and, when
+    // `ruleMask` is set, carry one of its "rule" bits.
+    std::vector<Finding> Findings(const std::string& eventClass, int pid, unsigned ruleMask = 0) const;
+    // The first such finding; its entry is null when none came within `timeoutMs`.
+    Finding WaitForFinding(const std::string& eventClass, int pid, unsigned ruleMask = 0,
+                           long timeoutMs = 60000) const;
+
     // The agent's log file text.
     std::string ReadLog() const;
     // Waits until the log holds `needle`.
     bool WaitForLog(const std::string& needle, long timeoutMs) const;
+    // Waits until the log holds `more` lines with `needle` beyond those there now.
+    bool WaitForMoreLog(const std::string& needle, size_t more, long timeoutMs = 60000) const;
+    size_t CountInLog(const std::string& needle) const;
 
     // Paths in the build tree.
     static std::string BuildDir();
@@ -57,10 +72,5 @@ private:
     std::string prefix_;
     pid_t pid_ = -1;
 };
-
-// The process-info entries of all procdet alerts, across alerts, that match.
-std::vector<Json::Value> FindProcessEntries(const std::vector<Json::Value>& alerts,
-                                            const std::string& eventClass,
-                                            const std::function<bool(const Json::Value&)>& match);
 
 }  // namespace TestSupport

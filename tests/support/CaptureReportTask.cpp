@@ -1,7 +1,5 @@
 #include "support/CaptureReportTask.h"
 
-#include <chrono>
-
 #include "framework/DataMessage.h"
 
 namespace TestSupport {
@@ -15,11 +13,8 @@ bool CaptureReportTask::InterceptMsg(std::shared_ptr<Framework::Message>& messag
     if (data == nullptr) {
         return false;
     }
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        reports_.push_back({data->GetType(), data->GetBody()});
-    }
-    cond_.notify_all();
+    std::lock_guard<std::mutex> lock(mutex_);
+    reports_.push_back({data->GetType(), data->GetBody()});
     return true;
 }
 
@@ -37,17 +32,6 @@ std::vector<CaptureReportTask::Report> CaptureReportTask::GetReports() const {
 size_t CaptureReportTask::GetCount() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return reports_.size();
-}
-
-void CaptureReportTask::Clear() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    reports_.clear();
-}
-
-bool CaptureReportTask::WaitForCount(size_t count, long timeoutMs) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return cond_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                          [&] { return reports_.size() >= count; });
 }
 
 }  // namespace TestSupport

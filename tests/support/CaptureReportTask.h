@@ -1,6 +1,5 @@
 #pragma once
 
-#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -25,13 +24,9 @@ public:
 
     std::vector<Report> GetReports() const;
     size_t GetCount() const;
-    void Clear();
-    // Waits up to `timeoutMs` until at least `count` reports were captured.
-    bool WaitForCount(size_t count, long timeoutMs);
 
 private:
     mutable std::mutex mutex_;
-    std::condition_variable cond_;
     std::vector<Report> reports_;
 };
 

@@ -6,11 +6,6 @@ namespace TestSupport {
 
 FakeNetProcsFullTask::FakeNetProcsFullTask() : Engine::NetProcsFullTask(1) {}
 
-void FakeNetProcsFullTask::SetTable(const NetMap& table) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    table_ = table;
-}
-
 void FakeNetProcsFullTask::AddConnection(long inode, const std::string& remote, unsigned int remotePort,
                                          int state) {
     auto connection = std::make_shared<Engine::NetProcsMessage::netProcInfo>();

@@ -12,7 +12,6 @@ class FakeNetProcsFullTask : public Engine::NetProcsFullTask {
 public:
     FakeNetProcsFullTask();
 
-    void SetTable(const NetMap& table);
     // Adds a connection keyed by its inode; `remote` is a dotted IPv4 text.
     void AddConnection(long inode, const std::string& remote, unsigned int remotePort, int state);
     int GetNetCacheMap(NetMap& out) override;

@@ -14,21 +14,10 @@ void FakeProcsFullTask::Put(const std::shared_ptr<Engine::ProcsMessage::procInfo
     table_[record->pid] = record;
 }
 
-void FakeProcsFullTask::Remove(int pid) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    table_.erase(pid);
-}
-
 int FakeProcsFullTask::GetProcsMap(ProcsMap& out) {
     std::lock_guard<std::mutex> lock(mutex_);
-    ++calls_;
     out = table_;
     return static_cast<int>(out.size());
-}
-
-int FakeProcsFullTask::GetCallCount() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return calls_;
 }
 
 int FakeProcsFullTask::Run() {

@@ -16,17 +16,13 @@ public:
     void SetTable(const ProcsMap& table);
     // Adds or replaces one record (the pid is the record's).
     void Put(const std::shared_ptr<Engine::ProcsMessage::procInfo>& record);
-    void Remove(int pid);
     int GetProcsMap(ProcsMap& out) override;
-    // How many times GetProcsMap was called.
-    int GetCallCount() const;
 
     int Run() override;  // waits until cancelled
 
 private:
     mutable std::mutex mutex_;
     ProcsMap table_;
-    int calls_ = 0;
 };
 
 // A record with the given fields; identities 1000 unless set afterwards.

@@ -26,6 +26,7 @@ public:
         std::string body;
         std::string location;
         bool found = false;
+        bool chunked = false;
         std::string posted;
         if (request.getMethod() == Poco::Net::HTTPRequest::HTTP_POST) {
             Poco::StreamCopier::copyToString(request.stream(), posted);
@@ -55,6 +56,7 @@ public:
             } else if (file != state_->bodies.end()) {
                 body = file->second;
                 found = true;
+                chunked = state_->chunked.count(path) != 0;
             }
         }
         if (!location.empty()) {
@@ -64,7 +66,11 @@ public:
             response.send() << "not found";
         } else {
             response.setContentType("application/octet-stream");
-            response.setContentLength(static_cast<std::streamsize>(body.size()));
+            if (chunked) {
+                response.setChunkedTransferEncoding(true);
+            } else {
+                response.setContentLength(static_cast<std::streamsize>(body.size()));
+            }
             response.send() << body;
         }
     }
@@ -114,9 +120,12 @@ HttpTestServer::~HttpTestServer() {
     server_->stopAll(true);
 }
 
-void HttpTestServer::Serve(const std::string& path, const std::string& body) {
+void HttpTestServer::Serve(const std::string& path, const std::string& body, bool chunked) {
     std::lock_guard<std::mutex> lock(state_->mutex);
     state_->bodies[path] = body;
+    if (chunked) {
+        state_->chunked.insert(path);
+    }
 }
 
 void HttpTestServer::Redirect(const std::string& path, const std::string& target) {

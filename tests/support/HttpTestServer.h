@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -26,7 +27,8 @@ public:
     HttpTestServer(const HttpTestServer&) = delete;
     HttpTestServer& operator=(const HttpTestServer&) = delete;
 
-    void Serve(const std::string& path, const std::string& body);
+    // `chunked`: sent without a length, so the client learns the size only while reading.
+    void Serve(const std::string& path, const std::string& body, bool chunked = false);
     // Answers `path` with 302 to `target` (a path of this server).
     void Redirect(const std::string& path, const std::string& target);
 
@@ -46,6 +48,7 @@ public:
         std::map<std::string, std::string> bodies;
         std::map<std::string, std::string> redirects;
         std::map<std::string, int> requests;
+        std::set<std::string> chunked;
         std::map<std::string, std::pair<int, int>> failures;  // status, count left
         std::map<std::string, std::vector<std::string>> posted;
         std::map<std::string, std::string> authorization;

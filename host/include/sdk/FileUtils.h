@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 namespace SDK {
@@ -13,8 +14,9 @@ public:
     // 0 on success.
     static int ReadFile(const std::string& path, std::string& out, long limit);
     // The whole file, read to its end whatever its stated size (/proc files say 0),
-    // into `out` (cleared first, its capacity kept). 0, or the errno of the failure.
-    static int ReadWholeFile(const std::string& path, std::string& out);
+    // into `out` (cleared first, its capacity kept). 0, or the errno of the failure;
+    // EFBIG once more than `maxBytes` arrive.
+    static int ReadWholeFile(const std::string& path, std::string& out, size_t maxBytes);
 };
 
 }  // namespace SDK

@@ -56,11 +56,12 @@ public:
     static int GetProcessStatusInfo(int pid, procStatus& out);
     // User name of a uid (getpwuid_r). 0 on success.
     static int GetProcessUser(unsigned int uid, std::string& name);
-    // The login session id of a process: its audit session (/proc/PID/sessionid),
-    // which logind uses as its session name. 0 on success.
+    // The login session of a process: logind's session name where logind runs, else
+    // the pid of the nearest of the process and its ancestors (login, sshd) that
+    // recorded a login in utmp. 0 on success.
     static int GetProcessSessionId(int pid, std::string& sessionId);
-    // The session record: logind's /run/systemd/sessions/ID when present, else the
-    // utmp USER_PROCESS entry of the session. 0 on success.
+    // The session record: from logind (libsystemd), else the utmp USER_PROCESS entry
+    // recorded by the pid. 0 on success.
     static int GetSessionInfo(const std::string& sessionId, SessionInfo& info);
     // SHA-256 of a process's executable: of /proc/PID/exe when readable (works for
     // deleted files; fromLink true), else of exePath. Files over `limit` bytes are

@@ -108,6 +108,8 @@ bool ProcDetNetstat::Prepare2() {
     }
     char* buffer = nullptr;
     size_t capacity = 0;
+    // Bounded by the kernel: fixed-width lines of 150 bytes, one per IPv4 TCP socket; the file is
+    // read line by line, so memory stays one line whatever the number of sockets.
     // The first line is the column header.
     if (getline(&buffer, &capacity, file.get()) < 0) {
         std::free(buffer);

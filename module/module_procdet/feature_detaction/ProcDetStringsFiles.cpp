@@ -171,6 +171,8 @@ void ProcDetStrings::ParseMapsStream(FILE* maps, const bool& running, std::set<s
     char* line = nullptr;
     size_t capacity = 0;
     uint32_t lines = 0;
+    // Bounded by the kernel: a maps line is at most a path (PATH_MAX) and its fixed fields, and a
+    // process has at most vm.max_map_count mappings; only one line is held at a time.
     while (running && getline(&line, &capacity, maps) > 0) {
         const char* field = FindPathField(line);
         std::string path;

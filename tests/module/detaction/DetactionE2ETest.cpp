@@ -2,10 +2,12 @@
 #include <json/json.h>
 #include <unistd.h>
 
+#include <ctime>
 #include <filesystem>
 #include <regex>
 
 #include "module/ModuleTestUtil.h"
+#include "support/AgentRunner.h"
 #include "support/ChildProcess.h"
 #include "support/TempDir.h"
 
@@ -38,30 +40,33 @@ std::string CopySleep(const TestSupport::TempDir& dir, const std::string& name) 
     return path;
 }
 
-std::vector<Json::Value> EntriesFor(const AgentRunner& agent, int pid) {
-    return TestSupport::FindProcessEntries(
-        agent.ReadAlerts(), "procdet_0001",
-        [pid](const Json::Value& item) { return item["process_pid"].asInt() == pid; });
+size_t FindingsFor(const AgentRunner& agent, int pid) {
+    return agent.Findings("procdet_0001", pid).size();
 }
 
-// The first alert entry naming `pid`; null when none came in time.
 Json::Value WaitForEntry(const AgentRunner& agent, int pid) {
-    std::vector<Json::Value> entries;
-    WaitFor([&] { return !(entries = EntriesFor(agent, pid)).empty(); }, kTimeoutMs);
-    return entries.empty() ? Json::Value() : entries.front();
+    return agent.WaitForFinding("procdet_0001", pid, 0, kTimeoutMs).entry;
 }
 
-TEST(DetactionE2ETest, TmpAndDeletedProgramsAreReportedOnceAndIgnoredPathsNever) {
+// Programs under /tmp, deleted and busy ones are reported, with the alert's header
+// and the facts of process and parent; findings that stay the same are not sent
+// again, and ignored paths never.
+TEST(DetactionE2ETest, TmpDeletedAndBusyProgramsAreReportedOnceAndIgnoredPathsNever) {
     const TestSupport::TempDir dir("detaction");
     const std::string program = CopySleep(dir, "tmp");
     const std::string deleted = CopySleep(dir, "deleted");
     const std::string ignored = CopySleep(dir, "ignored");
     AgentRunner agent("detaction");
     agent.WritePolicy("10001", "proc_detaction_feature",
-                      Policy(R"({"tmp": 3, "hidden": 1, "deleted": 1, "cpu": 0})", 1000000, ignored));
+                      Policy(R"({"tmp": 3, "hidden": 1, "deleted": 1, "cpu": 3})", 500, ignored));
     Child child({program, "300"});
     Child ignoredChild({ignored, "300"});
     Child deletedChild({deleted, "300"});
+    const Child busy([](const std::function<void()>& ready) {
+        ready();
+        for (volatile unsigned long spin = 0;; spin = spin + 1) {
+        }
+    });
     // Deleted before the agent starts, so no cycle sees the file still in place.
     const std::string deletedHash = ModuleTest::Sha256OfFile(deleted);
     ASSERT_TRUE(
@@ -69,10 +74,28 @@ TEST(DetactionE2ETest, TmpAndDeletedProgramsAreReportedOnceAndIgnoredPathsNever)
     std::filesystem::remove(deleted);
     ASSERT_TRUE(agent.Start());
 
-    Json::Value entry = WaitForEntry(agent, child.pid());
+    const long before = static_cast<long>(time(nullptr));
+    const AgentRunner::Finding finding = agent.WaitForFinding("procdet_0001", child.pid(), 0, kTimeoutMs);
+    Json::Value entry = finding.entry;
     ASSERT_FALSE(entry.isNull()) << agent.ReadLog();
+    const Json::Value& alert = finding.alert;
+    Json::Value header;
+    ASSERT_TRUE(Json::Reader().parse(R"({"event_classid": "procdet_0001", "event_name": "detaction",
+        "event_category": 3000, "event_type": 3007, "severity": 2, "event_count": 1, "attack_phase": 6,
+        "attack_tag": 4, "confidence": 70, "detect_module": "proc_det_module"})",
+                                     header));
+    for (const std::string& key : header.getMemberNames()) {
+        EXPECT_EQ(alert[key], header[key]) << key;
+    }
+    EXPECT_EQ(alert["event_id"].asString().size(), 36u);
+    ASSERT_TRUE(alert["occur_time"].isIntegral());
+    EXPECT_GE(alert["occur_time"].asInt64(), before);
+    EXPECT_LE(alert["occur_time"].asInt64(), static_cast<long>(time(nullptr)));
     EXPECT_EQ(entry["process_path"].asString(), program);
     EXPECT_EQ(entry["process_hash"].asString(), ModuleTest::Sha256OfFile(program));
+    EXPECT_EQ(entry["process_cmdline"].asString(), program + " 300");
+    EXPECT_EQ(entry["parent_process_pid"].asInt(), getpid());
+    EXPECT_EQ(entry["parent_process_path"].asString(), RealPath("/proc/self/exe"));
     EXPECT_EQ(entry["rule"].asInt(), kProcTmp);
     EXPECT_EQ(entry["score"].asInt(), 3);
 
@@ -84,29 +107,8 @@ TEST(DetactionE2ETest, TmpAndDeletedProgramsAreReportedOnceAndIgnoredPathsNever)
     EXPECT_EQ(entry["rule"].asInt(), kProcTmp | kProcDeleted);
     EXPECT_EQ(entry["score"].asInt(), 4);
 
-    // Over the next cycles the unchanged findings are not sent again.
-    const size_t sentBefore = EntriesFor(agent, child.pid()).size();
-    ASSERT_TRUE(ModuleTest::WaitForMoreInLog(agent, "ProcDetActionFullTask run", 4, kTimeoutMs));
-    const std::string log = agent.ReadLog();
-    EXPECT_EQ(ModuleTest::CountOf(log, "DetectNEW RESULT " + std::to_string(ignoredChild.pid()) + " "), 0u);
-    EXPECT_EQ(ModuleTest::CountOf(log, "DetectNEW RESULT " + std::to_string(child.pid()) + " "), 1u);
-    EXPECT_LT(EntriesFor(agent, child.pid()).size(), sentBefore + 4);
-    EXPECT_TRUE(EntriesFor(agent, ignoredChild.pid()).empty());
-    agent.Stop();
-}
-
-TEST(DetactionE2ETest, BusyProcessIsFlaggedHighCpu) {
-    AgentRunner agent("detaction-cpu");
-    agent.WritePolicy("10001", "proc_detaction_feature", Policy(R"({"tmp": 0, "cpu": 3})", 3000, "/none"));
-    const Child busy([](const std::function<void()>& ready) {
-        ready();
-        for (volatile unsigned long spin = 0;; spin = spin + 1) {
-        }
-    });
-    ASSERT_TRUE(agent.Start());
-
-    const Json::Value entry = WaitForEntry(agent, busy.pid());
-    ASSERT_FALSE(entry.isNull()) << agent.ReadLog();
+    entry = WaitForEntry(agent, busy.pid());
+    ASSERT_FALSE(entry.isNull());
     EXPECT_EQ(entry["rule"].asInt() & kHighCpu, kHighCpu);
     // The usage travels as dotted text, its low byte first.
     std::smatch parts;
@@ -114,7 +116,15 @@ TEST(DetactionE2ETest, BusyProcessIsFlaggedHighCpu) {
     ASSERT_TRUE(std::regex_match(dotted, parts, std::regex(R"((\d+)\.(\d+)\.(\d+)\.(\d+))"))) << dotted;
     const long usage = std::stol(parts[1]) | std::stol(parts[2]) << 8 | std::stol(parts[3]) << 16 |
                        std::stol(parts[4]) << 24;
-    EXPECT_GT(usage, 3000);
+    EXPECT_GT(usage, 500);
+
+    // Over the next cycles the unchanged findings are not sent again.
+    const size_t sentBefore = FindingsFor(agent, child.pid());
+    ASSERT_TRUE(agent.WaitForMoreLog("ProcDetActionFullTask run", 4, kTimeoutMs));
+    EXPECT_EQ(agent.CountInLog("DetectNEW RESULT " + std::to_string(ignoredChild.pid()) + " "), 0u);
+    EXPECT_EQ(agent.CountInLog("DetectNEW RESULT " + std::to_string(child.pid()) + " "), 1u);
+    EXPECT_LT(FindingsFor(agent, child.pid()), sentBefore + 4);
+    EXPECT_EQ(FindingsFor(agent, ignoredChild.pid()), 0u);
     agent.Stop();
 }
 

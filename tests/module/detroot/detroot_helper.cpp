@@ -5,20 +5,12 @@
 // runs its steps in order; DIR is where pid files, trigger files and errors go.
 //   pid:NAME        write this process's pid to DIR/NAME
 //   resuid:R,E,S    setresuid
-//   fsuid:U         setfsuid
 //   seteuid:U       seteuid
-//   capdrop:A,B     drop capabilities (setuid, setgid) from the permitted,
-//                   effective and inheritable sets
-//   capeff0         empty the effective set (the permitted set stays)
 //   fork            the child goes on with the remaining steps; the parent waits
-//   spawn:NAME      the child writes DIR/NAME and waits; the parent goes on
 //   waitfile:NAME   wait until DIR/NAME exists
 //   exec:PATH       exec PATH with DIR and the remaining steps
 //   wait            wait until killed (also what happens after the last step)
-#include <linux/capability.h>
-#include <sys/fsuid.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -59,33 +51,6 @@ std::vector<unsigned long> Numbers(const std::string& step, const std::string& t
     return numbers;
 }
 
-void ChangeCaps(const std::string& step, bool dropNamed, const std::string& names) {
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct data[2]{};
-    if (syscall(SYS_capget, &header, data) != 0) {
-        Fail(step, std::strerror(errno));
-    }
-    if (dropNamed) {
-        std::istringstream in(names);
-        std::string name;
-        while (std::getline(in, name, ',')) {
-            const int cap = name == "setuid" ? CAP_SETUID : name == "setgid" ? CAP_SETGID : -1;
-            if (cap < 0) {
-                Fail(step, "unknown capability " + name);
-            }
-            const __u32 bit = ~CAP_TO_MASK(cap);
-            data[CAP_TO_INDEX(cap)].permitted &= bit;
-            data[CAP_TO_INDEX(cap)].effective &= bit;
-            data[CAP_TO_INDEX(cap)].inheritable &= bit;
-        }
-    } else {
-        data[0].effective = data[1].effective = 0;
-    }
-    if (syscall(SYS_capset, &header, data) != 0) {
-        Fail(step, std::strerror(errno));
-    }
-}
-
 void WriteFile(const std::string& name, const std::string& text) {
     const std::string path = g_dir + "/" + name;
     const std::string temp = path + ".tmp" + std::to_string(getpid());
@@ -113,28 +78,16 @@ int main(int argc, char** argv) {
             if (ids.size() != 3 || setresuid(ids[0], ids[1], ids[2]) != 0) {
                 Fail(step, std::strerror(errno));
             }
-        } else if (verb == "fsuid") {
-            const unsigned long id = Numbers(step, arg).at(0);
-            setfsuid(id);
-            if (static_cast<unsigned long>(setfsuid(-1)) != id) {
-                Fail(step, "fsuid not taken");
-            }
         } else if (verb == "seteuid") {
             if (seteuid(Numbers(step, arg).at(0)) != 0) {
                 Fail(step, std::strerror(errno));
             }
-        } else if (verb == "capdrop" || verb == "capeff0") {
-            ChangeCaps(step, verb == "capdrop", arg);
-        } else if (verb == "fork" || verb == "spawn") {
+        } else if (verb == "fork") {
             const pid_t child = fork();
             if (child < 0) {
                 Fail(step, std::strerror(errno));
             }
-            if (verb == "fork" && child > 0) {
-                WaitForever();
-            }
-            if (verb == "spawn" && child == 0) {
-                WriteFile(arg, std::to_string(getpid()) + "\n");
+            if (child > 0) {
                 WaitForever();
             }
         } else if (verb == "waitfile") {
