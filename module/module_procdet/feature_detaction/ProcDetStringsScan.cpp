@@ -218,11 +218,13 @@ bool ProcDetStrings::MatchKeywords(const char* text, size_t length, std::set<std
         group.clear();
         while (next != remaining.end() && group.size() < static_cast<size_t>(kTestsPerPace - counter)) {
             if (next->size() <= length) {
-                while (indexed != keywords.end() && *indexed < *next) {
+                // One comparison per step: the scan tests this for every string it keeps.
+                int order = 1;
+                while (indexed != keywords.end() && (order = indexed->compare(*next)) < 0) {
                     ++indexed;
                     ++rank;
                 }
-                const bool known = indexed != keywords.end() && *indexed == *next;
+                const bool known = indexed != keywords.end() && order == 0;
                 group.push_back({next, known ? rank : kNotIndexed});
                 if (known) {
                     selected[rank] = 1;
