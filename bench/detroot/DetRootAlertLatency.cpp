@@ -73,9 +73,7 @@ pid_t StartEscalator(pid_t& group, int& trigger) {
 }
 
 bool HasAlertFor(const TestSupport::AgentRunner& agent, int pid) {
-    return !TestSupport::FindProcessEntries(agent.ReadAlerts(), "procdet_0002", [pid](const Json::Value& e) {
-                return e["process_pid"].asInt() == pid;
-            }).empty();
+    return !agent.Findings("procdet_0002", pid).empty();
 }
 
 }  // namespace
