@@ -31,7 +31,6 @@
 #include "sdk/CpuCalcUtils.h"
 #include "sdk/InnerCpuCtrlUtils.h"
 
-
 // Live heap bytes of the whole process, for the growth check.
 namespace {
 std::atomic<long> g_liveBytes{0};

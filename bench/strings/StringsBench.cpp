@@ -1,5 +1,6 @@
 // Throughput of the strings detector's file scan on ~10 MiB of real ELF binaries
-// with 20 keywords that never occur (so the whole file is read), beside yara, grep -F
+// with 20 keywords that never occur (so the whole file is read) and with the shipped
+// policy's keyword list, beside yara (also on an empty file, for its fixed cost), grep -F
 // and a bare read-and-classify loop over the same file, all reading from the page
 // cache. Times are CPU times (the child's for the external tools), so a loaded
 // machine does not skew the comparison.
@@ -16,11 +17,14 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include <json/json.h>
 
 #include "feature_detaction/ProcDetStrings.h"
 #include "sdk/InnerCpuCtrlUtils.h"
@@ -32,13 +36,67 @@ namespace {
 constexpr size_t kTargetSize = 10u << 20;
 const std::string kDir = "/tmp/corvane-strings-bench";
 
-struct Corpus {
-    std::string file;
+// One keyword set with its grep pattern file and yara rule.
+struct KeywordSet {
+    std::set<std::string> keywords;
     std::string keywordFile;
     std::string yaraRules;
-    std::set<std::string> keywords;
+};
+
+struct Corpus {
+    std::string file;
+    std::string emptyFile;  // yara on it costs its start-up and rule compilation alone
+    KeywordSet sets[2];     // the 20 absent keywords; the shipped policy's list
     size_t size = 0;
 };
+
+const char* const kSetNames[] = {"20 absent keywords", "shipped keyword list"};
+
+KeywordSet WriteKeywordSet(const std::set<std::string>& keywords, const std::string& name) {
+    KeywordSet set;
+    set.keywords = keywords;
+    set.keywordFile = kDir + "/" + name + ".txt";
+    std::ofstream words(set.keywordFile);
+    std::ostringstream rules;
+    rules << "rule keywords {\n  strings:\n";
+    int index = 0;
+    for (const std::string& keyword : keywords) {
+        words << keyword << "\n";
+        std::string quoted;
+        for (char c : keyword) {
+            if (c == '"' || c == '\\') {
+                quoted += '\\';
+            }
+            quoted += c;
+        }
+        rules << "    $k" << index++ << " = \"" << quoted << "\"\n";
+    }
+    rules << "  condition:\n    any of them\n}\n";
+    set.yaraRules = kDir + "/" + name + ".yar";
+    std::ofstream(set.yaraRules) << rules.str();
+    return set;
+}
+
+// The "strings" list of the shipped behaviour-detection policy.
+std::set<std::string> ShippedKeywords() {
+    const std::string path =
+        std::string(CORVANE_SOURCE_DIR) + "/conf/policies/10001/proc_detaction_feature.json";
+    std::ifstream in(path);
+    Json::Value root;
+    Json::CharReaderBuilder reader;
+    std::string errors;
+    if (!Json::parseFromStream(reader, in, &root, &errors)) {
+        throw std::runtime_error("cannot parse " + path + ": " + errors);
+    }
+    std::set<std::string> keywords;
+    for (const Json::Value& keyword : root["content"]["detaction_full_task"]["strings"]) {
+        keywords.insert(keyword.asString());
+    }
+    if (keywords.empty()) {
+        throw std::runtime_error("no \"strings\" list in " + path);
+    }
+    return keywords;
+}
 
 std::string ReadAll(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
@@ -90,31 +148,25 @@ const Corpus& GetCorpus() {
         c.file = kDir + "/elf-mix.bin";
         std::ofstream(c.file, std::ios::binary).write(mix.data(), static_cast<std::streamsize>(mix.size()));
 
+        c.emptyFile = kDir + "/empty.bin";
+        std::ofstream(c.emptyFile, std::ios::binary | std::ios::trunc);
+
         // Twenty plausible-looking keywords of 8 to 20 bytes, none in the file.
         const char* stems[] = {"stratum+udp://", "minerd-x",       "xmr-stak-rx",   "nanopool.",
                                "cpuminer-opt",   "--cpu-priority", "hashvault.",    "c3pool-",
                                "pool.minexmr",   "kdevtmpfsi",     "kinsing-",      "--max-cpu-usage",
                                "monerohash",     "xmrpool.",       "dwarfpool",     "--randomx-1gb",
                                "f2pool-",        "herominers",     "--coin=monero", "cryptonight-lite"};
+        std::set<std::string> twenty;
         for (const char* stem : stems) {
             std::string keyword = std::string(stem) + "Q";
             while (mix.find(keyword) != std::string::npos) {
                 keyword += "Q";
             }
-            c.keywords.insert(keyword);
+            twenty.insert(keyword);
         }
-        c.keywordFile = kDir + "/keywords.txt";
-        std::ofstream words(c.keywordFile);
-        std::ostringstream rules;
-        rules << "rule keywords {\n  strings:\n";
-        int index = 0;
-        for (const std::string& keyword : c.keywords) {
-            words << keyword << "\n";
-            rules << "    $k" << index++ << " = \"" << keyword << "\"\n";
-        }
-        rules << "  condition:\n    any of them\n}\n";
-        c.yaraRules = kDir + "/keywords.yar";
-        std::ofstream(c.yaraRules) << rules.str();
+        c.sets[0] = WriteKeywordSet(twenty, "keywords");
+        c.sets[1] = WriteKeywordSet(ShippedKeywords(), "shipped");
         return c;
     }();
     return corpus;
@@ -144,20 +196,54 @@ double Run(const std::vector<std::string>& args) {
            (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
+// Argument: which keyword set (0: the 20 absent keywords, 1: the shipped list, which
+// may occur in the mix; the scan reads on until every keyword is found, so the whole file).
 void BM_DetectorStrings(benchmark::State& state) {
     const Corpus& corpus = GetCorpus();
+    const KeywordSet& set = corpus.sets[state.range(0)];
     SDK::InnerCpuCtrlUtils::SetCpuShare(0);  // measure the scan, not the governor's sleeps
     Engine::ProcDetStrings detector;
-    detector.Init(corpus.keywords, 64L << 20, 0x20, nullptr);
+    detector.Init(set.keywords, 64L << 20, 0x20, nullptr);
     const bool running = true;
     for (auto _ : state) {
         std::set<std::string> matched;
-        if (!detector.Strings(corpus.file, running, matched) || !matched.empty()) {
+        if (!detector.Strings(corpus.file, running, matched) ||
+            (state.range(0) == 0 ? !matched.empty() : matched.size() == set.keywords.size())) {
             state.SkipWithError("unexpected scan result");
             break;
         }
     }
+    state.SetLabel(kSetNames[state.range(0)]);
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * corpus.size));
+}
+
+// A warm check of one flagged process (this benchmark itself, with its ~10 mapped
+// files): the executable and every library are already cached without a hit, so the
+// check is what a HIGHCPU process costs cycle after cycle. Governor off.
+void BM_WarmCheckProcess(benchmark::State& state) {
+    const Corpus& corpus = GetCorpus();
+    SDK::InnerCpuCtrlUtils::SetCpuShare(0);
+    Engine::ProcDetStrings detector;
+    detector.Init(corpus.sets[0].keywords, 64L << 20, Engine::HIGHCPU, nullptr);
+    auto proc = std::make_shared<Engine::ProcsMessage::procInfo>();
+    proc->pid = getpid();
+    char exe[4097] = {0};
+    if (readlink("/proc/self/exe", exe, sizeof(exe) - 1) <= 0) {
+        state.SkipWithError("cannot read /proc/self/exe");
+        return;
+    }
+    proc->exePath = exe;
+    Engine::NumDetails numDetails;
+    Engine::StrDetails strDetails;
+    unsigned int flags = Engine::HIGHCPU;
+    detector.CheckProcess(proc, flags, numDetails, strDetails);  // fills the cache
+    for (auto _ : state) {
+        flags = Engine::HIGHCPU;
+        detector.CheckProcess(proc, flags, numDetails, strDetails);
+    }
+    if (flags != Engine::HIGHCPU || !strDetails.empty()) {
+        state.SkipWithError("unexpected hit");
+    }
 }
 
 void BM_BareReadAndClassify(benchmark::State& state) {
@@ -182,28 +268,40 @@ void BM_BareReadAndClassify(benchmark::State& state) {
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * corpus.size));
 }
 
+// Arguments: keyword set; 1 to scan the corpus, 0 an empty file (yara's start-up and
+// rule compilation, to subtract from the first).
 void BM_Yara(benchmark::State& state) {
     const Corpus& corpus = GetCorpus();
+    const KeywordSet& set = corpus.sets[state.range(0)];
+    const bool full = state.range(1) != 0;
     for (auto _ : state) {
-        state.SetIterationTime(Run({"/usr/bin/yara", corpus.yaraRules, corpus.file}));
+        state.SetIterationTime(Run({"/usr/bin/yara", set.yaraRules, full ? corpus.file : corpus.emptyFile}));
     }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * corpus.size));
+    if (full) {
+        state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * corpus.size));
+    }
+    state.SetLabel(std::string(kSetNames[state.range(0)]) + (full ? "" : ", empty file"));
 }
 
 void BM_GrepF(benchmark::State& state) {
     const Corpus& corpus = GetCorpus();
     for (auto _ : state) {
         state.SetIterationTime(
-            Run({"/usr/bin/grep", "-F", "-a", "-c", "-f", corpus.keywordFile, corpus.file}));
+            Run({"/usr/bin/grep", "-F", "-a", "-c", "-f", corpus.sets[0].keywordFile, corpus.file}));
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * corpus.size));
 }
 
 }  // namespace
 
-BENCHMARK(BM_DetectorStrings)->Unit(benchmark::kMillisecond)->MinTime(2.0);
-BENCHMARK(BM_Yara)->Unit(benchmark::kMillisecond)->UseManualTime()->MinTime(2.0);
+BENCHMARK(BM_DetectorStrings)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->MinTime(2.0);
+BENCHMARK(BM_Yara)
+    ->ArgsProduct({{0, 1}, {1, 0}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseManualTime()
+    ->MinTime(2.0);
 BENCHMARK(BM_GrepF)->Unit(benchmark::kMillisecond)->UseManualTime()->MinTime(2.0);
+BENCHMARK(BM_WarmCheckProcess)->Unit(benchmark::kMicrosecond)->MinTime(1.0);
 BENCHMARK(BM_BareReadAndClassify)->Unit(benchmark::kMillisecond)->MinTime(2.0);
 
 BENCHMARK_MAIN();

@@ -67,9 +67,8 @@ std::string SiemEnvelope::Wrap(const std::string& line) const {
         body.pop_back();
     }
     Json::Value alert;
-    Json::CharReaderBuilder builder;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    if (!reader->parse(body.data(), body.data() + body.size(), &alert, nullptr) || !alert.isObject()) {
+    std::string error;
+    if (!SDK::JsonUtils::ParseBounded(body.data(), body.size(), alert, error) || !alert.isObject()) {
         alert = Json::Value(Json::objectValue);
     }
     Json::Value head;

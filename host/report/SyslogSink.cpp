@@ -18,6 +18,7 @@
 #include <utility>
 
 #include "sdk/HostLog.h"
+#include "sdk/JsonUtils.h"
 
 namespace Agent {
 
@@ -49,9 +50,8 @@ std::string HeaderField(const std::string& text, size_t max) {
 
 std::string EventClass(const std::string& line) {
     Json::Value alert;
-    Json::CharReaderBuilder builder;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    if (!reader->parse(line.data(), line.data() + line.size(), &alert, nullptr) || !alert.isObject() ||
+    std::string error;
+    if (!SDK::JsonUtils::ParseBounded(line.data(), line.size(), alert, error) || !alert.isObject() ||
         !alert["event_classid"].isString()) {
         return "";
     }

@@ -36,6 +36,27 @@ std::string JoinKeywords(const std::set<std::string>& found) {
     return joined;
 }
 
+bool SameTime(const timespec& a, const timespec& b) {
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+// The change time moves on every write, chmod, chown or utimes, so with the device,
+// inode, size and modification time it tells that the header is as it was.
+bool SameFile(const ProcDetStrings::STRINGS_INFO& info, const struct stat& st) {
+    return info.identityKnown && info.device == st.st_dev && info.inode == st.st_ino &&
+           SameTime(info.modified, st.st_mtim) && SameTime(info.changed, st.st_ctim);
+}
+
+// A file changed within the last second may change again without its coarse
+// timestamps moving, so it is only remembered once it has been quiet for longer.
+void RememberFile(ProcDetStrings::STRINGS_INFO& info, const struct stat& st, time_t now) {
+    info.identityKnown = st.st_ctim.tv_sec < now - 1;
+    info.device = st.st_dev;
+    info.inode = st.st_ino;
+    info.modified = st.st_mtim;
+    info.changed = st.st_ctim;
+}
+
 }  // namespace
 
 void ProcDetStrings::Init(const std::set<std::string>& newKeywords, long newMaxFileSize,
@@ -80,26 +101,27 @@ bool ProcDetStrings::CheckProcess(ProcRecord proc, unsigned int& flags, NumDetai
     const bool running = true;
 
     std::string exeFile;
+    struct stat exeStat;
     const bool deleted = (flags & PROC_DELETED) != 0;
     if (deleted) {
         // The link still reads the deleted file's content.
         exeFile = "/proc/" + std::to_string(proc->pid) + "/exe";
     } else {
-        struct stat st;
-        if (stat(proc->exePath.c_str(), &st) != 0) {
+        if (stat(proc->exePath.c_str(), &exeStat) != 0) {
             PROCDET_ERROR(logger, "get stat of [%s] failed.", proc->exePath);
             return true;
         }
-        if (static_cast<int64_t>(st.st_size) > maxFileSize) {
+        if (static_cast<int64_t>(exeStat.st_size) > maxFileSize) {
             PROCDET_DEBUG(logger, "str [%s] size:%lu > %lu", proc->exePath,
-                          static_cast<unsigned long>(st.st_size), static_cast<unsigned long>(maxFileSize));
+                          static_cast<unsigned long>(exeStat.st_size),
+                          static_cast<unsigned long>(maxFileSize));
             return true;
         }
         exeFile = proc->exePath;
     }
 
     std::string result;
-    if (MatchStrings(exeFile, deleted, running, result) && !result.empty()) {
+    if (MatchFile(exeFile, deleted, running, deleted ? nullptr : &exeStat, result) && !result.empty()) {
         flags |= STRINGS;
         strDetails.insert({kDetailStrings, result});
         PROCDET_DEBUG(logger, "Strings pid:%d path:%s str:%s", proc->pid, proc->exePath, result);
@@ -121,7 +143,7 @@ bool ProcDetStrings::CheckProcess(ProcRecord proc, unsigned int& flags, NumDetai
         }
         PROCDET_DEBUG(logger, "try to check SOFILE:[%s]", file);
         std::string soResult;
-        if (MatchStrings(file, false, running, soResult) && !soResult.empty()) {
+        if (MatchFile(file, false, running, nullptr, soResult) && !soResult.empty()) {
             flags |= STRINGS;
             strDetails.insert({kDetailStrings, soResult});
             strDetails.insert({kDetailStringsSo, file});
@@ -135,18 +157,47 @@ bool ProcDetStrings::CheckProcess(ProcRecord proc, unsigned int& flags, NumDetai
 
 bool ProcDetStrings::MatchStrings(std::string path, bool skipSizeCheck, const bool& running,
                                   std::string& result) {
+    return MatchFile(path, skipSizeCheck, running, nullptr, result);
+}
+
+bool ProcDetStrings::MatchFile(const std::string& path, bool skipSizeCheck, const bool& running,
+                               const struct stat* known, std::string& result) {
     const time_t now = time(nullptr);
     long size = 0;
-    if (!skipSizeCheck && !NeedToCheck(path, size)) {
-        return false;
+    struct stat st;
+    if (!skipSizeCheck) {
+        if (known == nullptr) {
+            if (stat(path.c_str(), &st) != 0) {
+                PROCDET_DEBUG(logger, "get stat of [%s] failed.", path);
+                return false;
+            }
+            known = &st;
+        }
+        if (!PassesStatChecks(path, *known, size)) {
+            return false;
+        }
     }
 
     auto entry = stringsInfoMap.find(path);
     const bool cached =
         entry != stringsInfoMap.end() && entry->second.checked && entry->second.fileSize == size;
+    // The header is read again only when the file may have changed since it was
+    // last found to be ELF: a cached file that stat shows untouched costs that stat
+    // and this lookup alone.
+    bool headerVerified = false;
+    if (!skipSizeCheck) {
+        if (cached && SameFile(entry->second, *known)) {
+            headerVerified = true;
+        } else if (!PassesHeaderCheck(path, headerVerified)) {
+            return false;
+        }
+    }
     ProcDetMetrics::CountStringsCache(cached);
     if (cached) {
         entry->second.lastAccess = now;
+        if (headerVerified) {
+            RememberFile(entry->second, *known, now);
+        }
         result = entry->second.matchResult;
         return true;
     }
@@ -175,6 +226,11 @@ bool ProcDetStrings::MatchStrings(std::string path, bool skipSizeCheck, const bo
     }
     entry->second.checked = true;
     entry->second.matchResult = JoinKeywords(found);
+    if (headerVerified) {
+        RememberFile(entry->second, *known, now);
+    } else {
+        entry->second.identityKnown = false;
+    }
     PROCDET_DEBUG(logger, "CHECK file %s str match %lu", path, static_cast<unsigned long>(found.size()));
     entry->second.lastAccess = now;
     result = entry->second.matchResult;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <Poco/Logger.h>
+#include <sys/stat.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -20,7 +21,7 @@ class ProcDetStringsPeer;  // test access to the cache and the clean stamp
 // Looks for keywords among the printable strings of the executable of a process
 // that an earlier detector flagged (in practice for high CPU), then of the files
 // mapped into it. Scan results are cached per file path, so the same binaries and
-// libraries seen cycle after cycle cost one stat and one header read.
+// libraries seen cycle after cycle cost one stat and a lookup while stat shows them untouched.
 class ProcDetStrings : public ProcDetBase {
 public:
     // One cached scan.
@@ -30,12 +31,20 @@ public:
         int64_t fileSize = 0;        // size when the entry was made
         std::string matchResult;     // keywords found, sorted, joined with ","
         time_t lastAccess = 0;       // second of creation or last use
+        // The file as stat saw it when its header was last found to be ELF; while it
+        // is unchanged a hit needs no header read. Unset for a link path.
+        bool identityKnown = false;
+        dev_t device = 0;
+        ino_t inode = 0;
+        timespec modified{};
+        timespec changed{};
     };
 
     static constexpr int64_t kDefaultMaxFileSize = 0x200000;
     static constexpr size_t kMaxPathLength = 4096;
     static constexpr size_t kMaxKeywordLength = 4096;  // the overlap of a cut must fit the carry area
     static constexpr size_t kChunkSize = 4096;
+    static constexpr size_t kReadBlock = 64 * 1024;  // what one read of a scanned file asks for
     static constexpr size_t kMaxCacheEntries = 200;
     static constexpr time_t kCleanInterval = 599;
     static constexpr time_t kEntryLifetime = 1800;
@@ -73,6 +82,14 @@ public:
 
 private:
     friend class ProcDetStringsPeer;
+
+    // MatchStrings with the caller's stat of `path` when it has one, to spare another.
+    bool MatchFile(const std::string& path, bool skipSizeCheck, const bool& running, const struct stat* known,
+                   std::string& result);
+    // NeedToCheck's two halves: type and size from a stat, then the ELF header;
+    // `verified` tells whether the header was read and found to be ELF.
+    bool PassesStatChecks(const std::string& path, const struct stat& st, long& size) const;
+    bool PassesHeaderCheck(const std::string& path, bool& verified) const;
 
     // Resolves `path` (at most kMaxPathLength characters) with realpath.
     static bool ResolvePath(const std::string& path, std::string& resolved);

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstring>
 
@@ -85,6 +86,11 @@ bool ProcDetStrings::NeedToCheck(const std::string& path, long& size) const {
         PROCDET_DEBUG(logger, "get stat of [%s] failed.", path);
         return false;
     }
+    bool verified = false;
+    return PassesStatChecks(path, st, size) && PassesHeaderCheck(path, verified);
+}
+
+bool ProcDetStrings::PassesStatChecks(const std::string& path, const struct stat& st, long& size) const {
     if (!S_ISREG(st.st_mode)) {
         PROCDET_DEBUG(logger, "%s is not regular file", path);
         return false;
@@ -96,7 +102,12 @@ bool ProcDetStrings::NeedToCheck(const std::string& path, long& size) const {
                       static_cast<int>(maxFileSize));
         return false;
     }
+    return true;
+}
+
+bool ProcDetStrings::PassesHeaderCheck(const std::string& path, bool& verified) const {
     bool isElf = false;
+    verified = false;
     if (!IsElf(path, isElf)) {
         // An unreadable header does not exclude the file; the reader fails on it in turn.
         return true;
@@ -105,6 +116,7 @@ bool ProcDetStrings::NeedToCheck(const std::string& path, long& size) const {
         PROCDET_DEBUG(logger, "[%s] is not elf. ignore", path);
         return false;
     }
+    verified = true;
     return true;
 }
 
@@ -131,15 +143,25 @@ bool ProcDetStrings::IsElf(const std::string& path, bool& isElf) const {
 
 bool ProcDetStrings::ParseMaps(int pid, const bool& running, std::set<std::string>& files) const {
     const std::string mapsPath = "/proc/" + std::to_string(pid) + "/maps";
-    std::string resolved;
-    if (!ResolvePath(mapsPath, resolved)) {
-        return false;  // the process has gone
+    // "/proc/N/maps" holds no link to resolve: opened directly, a process that has
+    // gone fails with ENOENT (ESRCH while it is being reaped), silently as before.
+    const int fd = open(mapsPath.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        if (errno != ENOENT && errno != ESRCH) {
+            PROCDET_DEBUG(logger, "read [%s] failed.", mapsPath);
+        }
+        return false;
     }
-    FILE* maps = fopen(resolved.c_str(), "re");
+    FILE* maps = fdopen(fd, "r");
     if (maps == nullptr) {
+        close(fd);
         PROCDET_DEBUG(logger, "read [%s] failed.", mapsPath);
         return false;
     }
+    // The kernel fills what one read asks for: a big buffer takes the usual maps in one
+    // or two reads rather than one per KiB.
+    std::vector<char> buffer(kReadBlock);
+    setvbuf(maps, buffer.data(), _IOFBF, buffer.size());
     ParseMapsStream(maps, running, files);
     fclose(maps);
     return true;

@@ -86,6 +86,12 @@ bool ProcDetStrings::Strings(const std::string& path, const bool& /*running*/,
         PROCDET_DEBUG(logger, "open file [%s] to check str failed.", path);
         return false;
     }
+    // The scan still takes the file 4 KiB at a time; only the reads beneath it are
+    // larger, never past the chunk that holds the maxFileSize-th byte.
+    const int64_t limit = std::max<int64_t>(maxFileSize, 1);
+    const size_t chunks = static_cast<size_t>((limit + kChunkSize - 1) / kChunkSize);
+    std::vector<char> block(std::min(kReadBlock, chunks * kChunkSize));
+    setvbuf(file, block.data(), _IOFBF, block.size());
     PROCDET_PACE_CPU(kTaskName);
     std::set<std::string> remaining = keywords;
     CheckFileContent(matched, file, remaining);
@@ -212,11 +218,13 @@ bool ProcDetStrings::MatchKeywords(const char* text, size_t length, std::set<std
         group.clear();
         while (next != remaining.end() && group.size() < static_cast<size_t>(kTestsPerPace - counter)) {
             if (next->size() <= length) {
-                while (indexed != keywords.end() && *indexed < *next) {
+                // One comparison per step: the scan tests this for every string it keeps.
+                int order = 1;
+                while (indexed != keywords.end() && (order = indexed->compare(*next)) < 0) {
                     ++indexed;
                     ++rank;
                 }
-                const bool known = indexed != keywords.end() && *indexed == *next;
+                const bool known = indexed != keywords.end() && order == 0;
                 group.push_back({next, known ? rank : kNotIndexed});
                 if (known) {
                     selected[rank] = 1;

@@ -47,6 +47,10 @@ TEST_F(StringsCacheTest, UnchangedFilesHitTheCacheChangedOnesAreReadAgain) {
     dir.Write("prog", Elf("\nxxxx\nzz\n"));
     ASSERT_TRUE(Match(path, result));
     EXPECT_EQ(result, "aa,bb");
+    // Same size, no longer ELF: its header is read again and it is skipped.
+    dir.Write("prog", std::string(Elf("\nxxxx\nzz\n").size(), 'a'));
+    EXPECT_FALSE(Match(path, result));
+    EXPECT_TRUE(log.Contains("[" + path + "] is not elf. ignore"));
 
     // Another size: read at every call, the entry keeping its first size.
     const long firstSize = static_cast<long>(Elf("\nxbbx\naa\n").size());
