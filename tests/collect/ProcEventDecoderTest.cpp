@@ -15,6 +15,10 @@ namespace {
 using Engine::ProcEvent;
 using Kind = ProcEvent::Kind;
 
+std::string Sample(const std::string& kind) {
+    return TestSupport::ReadText(std::string(CORVANE_TEST_DATA_DIR) + "/netlink/proc_connector_" + kind);
+}
+
 TEST(ProcEventDecoder, DecodesCapturedMessagesOfEveryKind) {
     std::string buffer = " ";  // decoding must not depend on the buffer's alignment
     for (const char* name : {"fork", "exec", "gid", "exit", "none"}) {
@@ -34,6 +38,21 @@ TEST(ProcEventDecoder, DecodesCapturedMessagesOfEveryKind) {
     EXPECT_EQ(facts(events[3]), std::make_tuple(Kind::kExit, 18303, 18303, 18150, 0u, 0u));
     EXPECT_EQ(facts(events[4]), std::make_tuple(Kind::kAck, 0, 0, 0, 0u, 0u));
     EXPECT_GT(events[0].timestampNs, 0u);
+}
+
+TEST(ProcEventDecoder, SkipsAndCountsWhatItCannotTrust) {
+    const std::string fork = Sample("fork");
+    auto patched = [&fork](size_t at, char byte) {
+        std::string message = fork;
+        message[at] = byte;
+        return message;
+    };
+    // Another connector's index, a payload too short for a fork, a netlink length past the end.
+    for (const std::string& bad : {patched(16, 9), patched(32, 20), fork.substr(0, 60)}) {
+        std::vector<ProcEvent> events;
+        EXPECT_EQ(1u, Engine::ProcEventDecoder::Decode(bad.data(), bad.size(), events).malformed);
+        EXPECT_TRUE(events.empty());
+    }
 }
 
 }  // namespace

@@ -46,6 +46,31 @@ TEST(ProcNetTcpParser, CapturedTablesIncludingMappedIpv6) {
     EXPECT_EQ(std::get<6>(facts(72251)), "127.0.0.1:58684 -> 127.0.0.1:5001 ESTABLISHED");
 }
 
+TEST(ProcNetTcpParser, OddLines) {
+    NetMap map;
+    const std::string table =
+        "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode\n"
+        "   0: 0100007F:0016 0A00000A:01BD 01 00000000:00000000 00:00000000 00000000  1000        0 77 1 0\n"
+        "   1: 0100007F:0017 0A00000A:01BD 06 00000000:00000000 03:00000000 00000000     0        0 0 3 0\n"
+        "   2: 0100007F:0017 0A00000A 01 00000000:00000000 00:00000000 00000000     0        0 78 1 0\n"
+        "   3: 0100007F:0018 0A00000A:01BD 01 00000000:00000000 00:00000000\n"
+        "   4: 01G0007F:0018 0A00000A:01BD 01 00000000:00000000 00:00000000 00000000     0        0 79 1 0\n"
+        "\n";
+    // Three malformed lines; the TIME_WAIT line has no inode and is left out.
+    EXPECT_EQ(3u, ProcNetTcpParser::ParseTable(table, false, map));
+    ASSERT_EQ(1u, map.size());
+    EXPECT_EQ(inet_addr("10.0.0.10"), map.at(77)->remoteAddr);
+    EXPECT_EQ(445u, map.at(77)->remotePort);
+    EXPECT_EQ(1000u, map.at(77)->uid);
+
+    // A tcp6 line with an IPv4 word count is malformed, not misread.
+    Engine::NetProcsMessage::netProcInfo info;
+    EXPECT_EQ(ProcNetTcpParser::LineResult::kMalformed,
+              ProcNetTcpParser::ParseLine(
+                  "   0: 0100007F:0016 0A00000A:01BD 01 00000000:00000000 00:00000000 00000000 0 0 77 1 0",
+                  true, info));
+}
+
 TEST(SockDiagDecoder, MappedSocketAndEndOfDump) {
     inet_diag_msg socket{};
     socket.idiag_family = AF_INET6;
