@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <regex>
+#include <utility>
 
 #include "sdk/LoggerUtils.h"
 #include "support/FileText.h"
@@ -34,6 +35,11 @@ TEST(LoggerUtils, FormattedLinesInSharedAndOwnFiles) {
     EXPECT_EQ(agentLog.find("below the level"), std::string::npos);
     EXPECT_EQ(agentLog.find("own line"), std::string::npos);
     EXPECT_NE(Read("own_module.log").find("[Error] own_module: own line"), std::string::npos);
+    // A new level reaches every logger handed out; a name that is no level changes nothing.
+    utils->SetLevel("error");
+    utils->SetLevel("nonsense");
+    EXPECT_EQ(std::make_pair(shared->getLevel(), own->getLevel()),
+              std::make_pair(int(Poco::Message::PRIO_ERROR), int(Poco::Message::PRIO_ERROR)));
 
     // A log directory that cannot be made falls back to stderr instead of failing.
     settings.directory = "/proc/self/no_such_dir";
