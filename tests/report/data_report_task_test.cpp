@@ -1,4 +1,5 @@
-// The report task: what reaches the alert file on a stop. Outages and stops of a running agent are met end to end.
+// The report task: what reaches the alert file on a stop. Outages and stops of a running agent are met end to
+// end.
 #include <gtest/gtest.h>
 
 #include <memory>
