@@ -19,7 +19,20 @@ dpkg-deb -f "$deb" Depends | grep -q libpoco || { echo "package-test: no shlibde
 dpkg-deb -e "$deb" "$build/package-control"
 grep -qx "$prefix/conf/agent.json" "$build/package-control/conffiles"
 
-trap 'dpkg --purge corvane-agent >/dev/null 2>&1 || true' EXIT
+# A tree installed by scripts/run-agent.sh (cmake --install) lives at the same prefix:
+# set it aside so the package installs onto a clean place, and bring it back after.
+saved=""
+if [ -e "$prefix" ]; then
+  saved="$prefix.package-test.$$"
+  mv "$prefix" "$saved"
+fi
+restore() {
+  if [ -n "$saved" ]; then
+    rm -rf "$prefix"
+    mv "$saved" "$prefix"
+  fi
+}
+trap 'dpkg --purge corvane-agent >/dev/null 2>&1 || true; restore' EXIT
 dpkg -i "$deb"
 "$prefix/bin/corvane-agent" --version
 "$prefix/bin/corvane-agent" --check
@@ -30,8 +43,9 @@ systemd-analyze verify "$unit"
 test -L /etc/systemd/system/multi-user.target.wants/corvane-agent.service
 
 dpkg --purge corvane-agent
-trap - EXIT
 leftovers=$(ls -d "$prefix" "$unit" /etc/systemd/system/multi-user.target.wants/corvane-agent.service 2>/dev/null || true)
+trap - EXIT
+restore
 if [ -n "$leftovers" ]; then
   echo "package-test: left behind after purge: $leftovers" >&2
   exit 1
