@@ -112,7 +112,12 @@ TEST(AlertSinksEndToEnd, EveryAlertSpooledBeforeSigkillReachesEverySinkAfterRest
     EXPECT_EQ(*accepted.rbegin(), static_cast<long>(accepted.size())) << "a gap in the spool";
 
     agent.RemovePolicy("90001", "agent_test_feature");
+    const size_t runs = agent.CountInLog("running with");
     ASSERT_TRUE(agent.Start({}, {kGood}));
+    // The sinks may have taken everything before the kill: wait for the agent to be up,
+    // or the stop below could reach it before it handles signals.
+    ASSERT_TRUE(TestSupport::WaitFor([&] { return agent.CountInLog("running with") > runs; }, kDeadlineMs))
+        << agent.ReadLog();
     for (const std::string& path : {agent.AlertsPath(), second}) {
         EXPECT_TRUE(TestSupport::WaitFor(
             [&] { return Includes(Seqs(TestSupport::ReadText(path), "burst"), accepted); }, kDeadlineMs))

@@ -1,5 +1,6 @@
 #include "support/AgentRunner.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -12,6 +13,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 
@@ -140,10 +142,38 @@ void AgentRunner::Reload() {
     }
 }
 
+namespace {
+
+// True once the process blocks SIGTERM, i.e. takes it as a request to stop rather
+// than dying of it: a stop sent right after the start must wait for that. Any
+// thread counts, since one waiting in sigwait shows the signal unblocked.
+bool HandlesStopSignal(pid_t pid) {
+    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(tasks.c_str()), closedir);
+    if (!dir) {
+        return true;  // gone already: waitpid tells the rest
+    }
+    while (const dirent* entry = readdir(dir.get())) {
+        const std::string status = ReadText(tasks + "/" + entry->d_name + "/status");
+        const size_t at = status.find("SigBlk:");
+        if (at == std::string::npos) {
+            continue;
+        }
+        if (status.find("State:\tZ") != std::string::npos ||
+            ((std::strtoull(status.c_str() + at + 7, nullptr, 16) >> (SIGTERM - 1)) & 1u) != 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
 int AgentRunner::Stop(long timeoutMs) {
     if (pid_ <= 0) {
         return -1;
     }
+    WaitFor([&] { return HandlesStopSignal(pid_); }, timeoutMs);
     kill(pid_, SIGTERM);
     int status = 0;
     const bool exited = WaitFor([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, timeoutMs);
