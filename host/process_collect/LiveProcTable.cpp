@@ -4,19 +4,10 @@
 #include <chrono>
 #include <unordered_set>
 
+#include "SteadyClock.h"
 #include "sdk/ProcessUtils.h"
 
 namespace Engine {
-
-namespace {
-
-long long SteadyNowMs() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
-}  // namespace
 
 LiveProcTable::LiveProcTable(int refreshSeconds) : refreshSeconds_(std::max(1, refreshSeconds)) {}
 

@@ -8,6 +8,7 @@
 #include "ProcChangeLog.h"
 #include "ProcConnectorReader.h"
 #include "ProcessCollectModule.h"
+#include "SteadyClock.h"
 #include "framework/Metrics.h"
 #include "sdk/HostLog.h"
 #include "sdk/ProcessUtils.h"
@@ -15,12 +16,6 @@
 namespace Engine {
 
 namespace {
-
-long long SteadyNowMs() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
 
 constexpr long long kPollIntervalMs = 1000;
 constexpr long long kLogIntervalMs = 10000;  // repeated trouble is summed up at most this often
