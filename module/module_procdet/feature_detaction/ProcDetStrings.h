@@ -115,8 +115,44 @@ private:
     struct GroupEntry {
         std::set<std::string>::iterator keyword;  // in `remaining`
         uint32_t rank;                            // in `keywords`, or kNotIndexed
+        uint32_t slot;                            // in `ranked` when walked from it
+        bool hit;
     };
-    mutable std::vector<GroupEntry> group;
+    // The governor is consulted once per this many keyword tests, so a group never holds more.
+    static constexpr size_t kTestsPerPace = 11;
+    // Filled field by field: building whole entries on the stack and copying them in
+    // cost more than the search itself (stalled store forwarding).
+    mutable GroupEntry group[kTestsPerPace];
+    mutable size_t groupSize = 0;
+    // How many tests fit in the group before the governor's turn.
+    static size_t RoomBeforePace(int counter);
+    void AddToGroup(std::set<std::string>::iterator keyword, uint32_t rank, uint32_t slot) const {
+        GroupEntry& entry = group[groupSize++];
+        entry.keyword = keyword;
+        entry.rank = rank;
+        entry.slot = slot;
+        entry.hit = false;
+    }
+
+    // `remaining` as CheckFileContent scans with it, each keyword with its rank, in the
+    // set's order: MatchKeywords walks this instead of looking every remaining keyword
+    // up in `keywords` again for every string. Valid while `rankedSet` points at the
+    // set being scanned and both hold as many keywords.
+    struct RankedKeyword {
+        std::set<std::string>::iterator keyword;
+        size_t size;
+        uint32_t rank;
+    };
+    mutable const std::set<std::string>* rankedSet = nullptr;
+    mutable std::vector<RankedKeyword> ranked;
+    void RankRemaining(std::set<std::string>& remaining) const;
+    // One group of tests in a single pass of the index; hits move from `remaining` to `matched`.
+    void TestGroup(const char* text, size_t searchable, std::set<std::string>& remaining,
+                   std::set<std::string>& matched) const;
+    void MatchRanked(const char* text, size_t length, size_t searchable, std::set<std::string>& remaining,
+                     std::set<std::string>& matched, int& counter) const;
+    void MatchLookedUp(const char* text, size_t length, size_t searchable, std::set<std::string>& remaining,
+                       std::set<std::string>& matched, int& counter) const;
     mutable std::vector<char> selected;
     mutable std::vector<char> found;
 };

@@ -21,7 +21,6 @@ constexpr const char* kProcDetSource = "module/module_procdet/feature_detaction/
 namespace {
 
 constexpr const char* kTaskName = "detaction_full_task";
-constexpr int kTestsPerPace = 11;
 
 inline bool IsGraphic(unsigned char byte) {
     return byte >= 0x21 && byte <= 0x7E;
@@ -109,6 +108,12 @@ void ProcDetStrings::CheckFileContent(std::set<std::string>& matched, FILE* file
     char* openString = nullptr;
     int counter = 0;
     int64_t total = 0;
+    // The ranks are good for this scan only: the set is the caller's.
+    RankRemaining(remaining);
+    struct Unrank {
+        const std::set<std::string>*& set;
+        ~Unrank() { set = nullptr; }
+    } unrank{rankedSet};
 
     while (total < maxFileSize) {
         const size_t n = fread(readArea, 1, kChunkSize, file);
@@ -202,6 +207,13 @@ bool ProcDetStrings::CheckStr(char* data, size_t length, int& counter, std::set<
     return true;
 }
 
+size_t ProcDetStrings::RoomBeforePace(int counter) {
+    // A counter from outside 0..10 (never the scan's own) still leaves a group within bounds.
+    return counter > 0 && counter < static_cast<int>(kTestsPerPace)
+               ? kTestsPerPace - static_cast<size_t>(counter)
+               : kTestsPerPace;
+}
+
 bool ProcDetStrings::MatchKeywords(const char* text, size_t length, std::set<std::string>& remaining,
                                    std::set<std::string>& matched, int& counter) const {
     if (length < minKeywordLen) {
@@ -210,55 +222,126 @@ bool ProcDetStrings::MatchKeywords(const char* text, size_t length, std::set<std
     // As strstr: the text ends at its first NUL, while a keyword longer than `length`
     // is not tested at all.
     const size_t searchable = strnlen(text, length);
+    if (&remaining == rankedSet && remaining.size() == ranked.size()) {
+        MatchRanked(text, length, searchable, remaining, matched, counter);
+    } else {
+        MatchLookedUp(text, length, searchable, remaining, matched, counter);
+    }
+    return !remaining.empty();
+}
+
+void ProcDetStrings::RankRemaining(std::set<std::string>& remaining) const {
+    ranked.clear();
+    auto indexed = keywords.begin();
+    uint32_t rank = 0;
+    for (auto next = remaining.begin(); next != remaining.end(); ++next) {
+        int order = 1;
+        while (indexed != keywords.end() && (order = indexed->compare(*next)) < 0) {
+            ++indexed;
+            ++rank;
+        }
+        const bool known = indexed != keywords.end() && order == 0;
+        ranked.push_back({next, next->size(), known ? rank : kNotIndexed});
+    }
+    rankedSet = &remaining;
+}
+
+void ProcDetStrings::MatchRanked(const char* text, size_t length, size_t searchable,
+                                 std::set<std::string>& remaining, std::set<std::string>& matched,
+                                 int& counter) const {
+    bool anyHit = false;
+    size_t next = 0;
+    while (next < ranked.size()) {
+        // The tests up to the next call of the governor, made in one search pass.
+        groupSize = 0;
+        const size_t room = RoomBeforePace(counter);
+        while (next < ranked.size() && groupSize < room) {
+            const RankedKeyword& keyword = ranked[next];
+            if (keyword.size <= length) {
+                AddToGroup(keyword.keyword, keyword.rank, static_cast<uint32_t>(next));
+            }
+            ++next;
+        }
+        if (groupSize == 0) {
+            break;
+        }
+        TestGroup(text, searchable, remaining, matched);
+        for (size_t i = 0; i < groupSize; ++i) {
+            if (group[i].hit) {
+                ranked[group[i].slot].size = SIZE_MAX;  // gone from `remaining`; dropped below
+                anyHit = true;
+            }
+        }
+        counter += static_cast<int>(groupSize);
+        if (counter >= static_cast<int>(kTestsPerPace)) {
+            counter = 0;
+            PROCDET_PACE_CPU(kTaskName);
+        }
+    }
+    if (anyHit) {
+        ranked.erase(std::remove_if(ranked.begin(), ranked.end(),
+                                    [](const RankedKeyword& keyword) { return keyword.size == SIZE_MAX; }),
+                     ranked.end());
+    }
+}
+
+void ProcDetStrings::MatchLookedUp(const char* text, size_t length, size_t searchable,
+                                   std::set<std::string>& remaining, std::set<std::string>& matched,
+                                   int& counter) const {
     auto next = remaining.begin();
     auto indexed = keywords.begin();  // merge cursor: `remaining` is walked in the same order
     uint32_t rank = 0;
     while (next != remaining.end()) {
-        // The tests up to the next call of the governor, made in one search pass.
-        group.clear();
-        while (next != remaining.end() && group.size() < static_cast<size_t>(kTestsPerPace - counter)) {
+        groupSize = 0;
+        const size_t room = RoomBeforePace(counter);
+        while (next != remaining.end() && groupSize < room) {
             if (next->size() <= length) {
-                // One comparison per step: the scan tests this for every string it keeps.
                 int order = 1;
                 while (indexed != keywords.end() && (order = indexed->compare(*next)) < 0) {
                     ++indexed;
                     ++rank;
                 }
                 const bool known = indexed != keywords.end() && order == 0;
-                group.push_back({next, known ? rank : kNotIndexed});
-                if (known) {
-                    selected[rank] = 1;
-                }
+                AddToGroup(next, known ? rank : kNotIndexed, 0);
             }
-            ++next;
+            ++next;  // before TestGroup can erase the keyword `next` points at
         }
-        if (group.empty()) {
+        if (groupSize == 0) {
             break;
         }
-        matcher.Find(text, searchable, selected, found);
-        for (const GroupEntry& entry : group) {
-            bool hit = false;
-            if (entry.rank == kNotIndexed) {
-                // A keyword the last Init did not index: searched on its own.
-                const std::string& keyword = *entry.keyword;
-                hit = memmem(text, searchable, keyword.c_str(), strlen(keyword.c_str())) != nullptr;
-            } else {
-                hit = found[entry.rank] != 0;
-                selected[entry.rank] = 0;
-                found[entry.rank] = 0;
-            }
-            if (hit) {
-                matched.insert(*entry.keyword);
-                remaining.erase(entry.keyword);
-            }
-        }
-        counter += static_cast<int>(group.size());
-        if (counter >= kTestsPerPace) {
+        TestGroup(text, searchable, remaining, matched);
+        counter += static_cast<int>(groupSize);
+        if (counter >= static_cast<int>(kTestsPerPace)) {
             counter = 0;
             PROCDET_PACE_CPU(kTaskName);
         }
     }
-    return !remaining.empty();
+}
+
+void ProcDetStrings::TestGroup(const char* text, size_t searchable, std::set<std::string>& remaining,
+                               std::set<std::string>& matched) const {
+    for (size_t i = 0; i < groupSize; ++i) {
+        if (group[i].rank != kNotIndexed) {
+            selected[group[i].rank] = 1;
+        }
+    }
+    matcher.Find(text, searchable, selected, found);
+    for (size_t i = 0; i < groupSize; ++i) {
+        GroupEntry& entry = group[i];
+        if (entry.rank == kNotIndexed) {
+            // A keyword the last Init did not index: searched on its own.
+            const std::string& keyword = *entry.keyword;
+            entry.hit = memmem(text, searchable, keyword.c_str(), strlen(keyword.c_str())) != nullptr;
+        } else {
+            entry.hit = found[entry.rank] != 0;
+            selected[entry.rank] = 0;
+            found[entry.rank] = 0;
+        }
+        if (entry.hit) {
+            matched.insert(*entry.keyword);
+            remaining.erase(entry.keyword);
+        }
+    }
 }
 
 }  // namespace Engine
