@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 
 #include "ProcEventDecoder.h"
@@ -95,14 +96,14 @@ void ProcConnectorReader::Close() {
 }
 
 ProcConnectorReader::ReadResult ProcConnectorReader::Receive(int timeoutMs, size_t maxEvents,
-                                                             std::vector<ProcEvent>& out,
-                                                             std::string& detail) {
+                                                             std::vector<ProcEvent>& out, std::string& detail,
+                                                             int wakeFd) {
     if (fd_ < 0) {
         detail = "process connector is not open";
         return ReadResult::kFailed;
     }
-    pollfd waiter{fd_, POLLIN, 0};
-    const int ready = ::poll(&waiter, 1, timeoutMs);
+    pollfd waiters[2] = {{fd_, POLLIN, 0}, {wakeFd, POLLIN, 0}};
+    const int ready = ::poll(waiters, wakeFd >= 0 ? 2 : 1, timeoutMs);
     if (ready < 0) {
         if (errno == EINTR) {
             return ReadResult::kOk;
@@ -110,7 +111,11 @@ ProcConnectorReader::ReadResult ProcConnectorReader::Receive(int timeoutMs, size
         detail = Describe("poll(process connector)", errno);
         return ReadResult::kFailed;
     }
-    if (ready == 0) {
+    if (wakeFd >= 0 && (waiters[1].revents & POLLIN) != 0) {
+        uint64_t wakes = 0;
+        (void)!::read(wakeFd, &wakes, sizeof wakes);  // non-blocking; only the wake-up matters
+    }
+    if (waiters[0].revents == 0) {
         return ReadResult::kOk;
     }
 

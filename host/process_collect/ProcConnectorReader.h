@@ -33,8 +33,10 @@ public:
     bool IsOpen() const { return fd_ >= 0; }
 
     // Waits up to `timeoutMs` for events, then takes what is queued without
-    // waiting, up to about `maxEvents`; appends to `out`.
-    ReadResult Receive(int timeoutMs, size_t maxEvents, std::vector<ProcEvent>& out, std::string& detail);
+    // waiting, up to about `maxEvents`; appends to `out`. A readable `wakeFd` (an
+    // eventfd, or -1) ends the wait early and is drained.
+    ReadResult Receive(int timeoutMs, size_t maxEvents, std::vector<ProcEvent>& out, std::string& detail,
+                       int wakeFd = -1);
 
     // The receive buffer the kernel granted (bytes), for the log.
     int GetReceiveBufferBytes() const { return grantedBuffer_; }

@@ -1,8 +1,13 @@
 #include "ProcsRealTask.h"
 
 #include <malloc.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstdint>
+#include <cstring>
 #include <utility>
 
 #include "ProcChangeLog.h"
@@ -29,6 +34,7 @@ constexpr size_t kOutboxLimit = 64;
 // long instead of waking for each: a storm then costs a wake-up per batch, not
 // per event (the receive buffer holds seconds of a storm).
 constexpr long kCoalesceMs = 10;
+constexpr int kIdleWaitMs = 1000;
 // Events after which, once quiet again, freed memory is handed back to the system.
 constexpr unsigned long kTrimAfterEvents = 10000;
 // ... then again every kTrimIntervalMs while quiet, kTrimRounds times in all.
@@ -57,15 +63,39 @@ unsigned int FlagOf(ProcEvent::Kind kind) {
 ProcsRealTask::ProcsRealTask(size_t backlogLimit)
     : MixedTask(kTaskName, "procs_collect_feature", Framework::TaskCondition::TASK_TYPE_RESIDENT,
                 kQueueCapacity),
-      dispatcher_(backlogLimit) {}
+      wakeFd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      dispatcher_(backlogLimit) {
+    if (wakeFd_ < 0) {
+        // Still correct without it: an idle wait then ends at its timeout.
+        HOST_MODULE_LOG_ERROR(kProcessCollectModuleName,
+                              std::string("eventfd for the event task: ") + std::strerror(errno));
+    }
+}
 
-ProcsRealTask::~ProcsRealTask() = default;
+ProcsRealTask::~ProcsRealTask() {
+    if (wakeFd_ >= 0) {
+        ::close(wakeFd_);
+    }
+}
+
+void ProcsRealTask::Wake() const {
+    if (wakeFd_ >= 0) {
+        const uint64_t one = 1;
+        (void)!::write(wakeFd_, &one, sizeof one);  // a full counter is already a wake-up
+    }
+}
+
+void ProcsRealTask::cancel() {
+    MixedTask::cancel();
+    Wake();
+}
 
 bool ProcsRealTask::InterceptMsg(std::shared_ptr<Framework::Message>& message) {
     if (dynamic_cast<ProcsRegistMessage*>(message.get()) != nullptr ||
         dynamic_cast<ProcsUnRegistMessage*>(message.get()) != nullptr) {
         std::lock_guard<std::mutex> lock(pendingMutex_);
         pending_.push_back(message);
+        Wake();
         return true;
     }
     return MixedTask::InterceptMsg(message);
@@ -168,11 +198,13 @@ bool ProcsRealTask::RunConnector(ProcConnectorReader& reader) {
     while (!IsStopRequested()) {
         MarkProgress();
         ApplyPendingSubscriptions();
-        // With a backlog waiting, come back soon to offer it again.
-        const int timeoutMs = dispatcher_.GetBacklogSize() > 0 ? 5 : 100;
+        // With a backlog waiting, come back soon to offer it again; otherwise events,
+        // a subscription or a stop end the wait, and the timeout only paces the
+        // watchdog's progress mark.
+        const int timeoutMs = dispatcher_.GetBacklogSize() > 0 ? 5 : kIdleWaitMs;
         std::string detail;
         events_.clear();
-        const auto result = reader.Receive(timeoutMs, kEventsPerBatch, events_, detail);
+        const auto result = reader.Receive(timeoutMs, kEventsPerBatch, events_, detail, wakeFd_);
         for (const ProcEvent& event : events_) {
             if (event.kind == ProcEvent::Kind::kAck && event.realId != 0) {
                 HOST_MODULE_LOG_ERROR(kProcessCollectModuleName,

@@ -67,6 +67,8 @@ public:
     // Subscriptions are taken out of the queue and applied by Run between two
     // batches of events, on the task's own thread.
     bool InterceptMsg(std::shared_ptr<Framework::Message>& message) override;
+    // Also wakes Run out of its wait for events.
+    void cancel() override;
 
     Counters GetCounters() const;
     // Copies the counters into Framework::Metrics (run at each metrics read).
@@ -105,6 +107,11 @@ private:
         int64_t startTime;
         std::string exePath;
     };
+
+    // Written when a subscription arrives or the task is cancelled, so an idle Run
+    // can wait long for events and still answer at once.
+    int wakeFd_ = -1;
+    void Wake() const;
 
     std::mutex pendingMutex_;
     std::vector<std::shared_ptr<Framework::Message>> pending_;  // subscription messages
