@@ -68,7 +68,7 @@ void LiveProcTable::Refresh() {
     std::shared_ptr<ProcsMap> fresh;
     if (rescan) {
         fresh = std::make_shared<ProcsMap>();
-        scanner_->TakeSnapshot(*fresh, &scannedZombies_);  // links the parents itself
+        scanner_->TakeSnapshot(*fresh, &scannedZombies_, current.get());  // links the parents itself
         zombies_.clear();
         zombies_.insert(scannedZombies_.begin(), scannedZombies_.end());
         fullScanAtMs_ = now;

@@ -14,6 +14,15 @@ namespace Engine {
 
 namespace {
 
+// Everything a read gives, that is all but the parent's path and start time,
+// which come from the table.
+bool SameOwnFields(const ProcsMessage::procInfo& a, const ProcsMessage::procInfo& b) {
+    return a.pid == b.pid && a.ppid == b.ppid && a.uid == b.uid && a.euid == b.euid && a.gid == b.gid &&
+           a.egid == b.egid && a.suid == b.suid && a.sgid == b.sgid && a.capSetuid == b.capSetuid &&
+           a.capSetgid == b.capSetgid && a.startTime == b.startTime && a.startTimeSec == b.startTimeSec &&
+           a.name == b.name && a.exePath == b.exePath && a.cmdline == b.cmdline;
+}
+
 // A pid directory name: digits only, fits an int.
 bool ParsePidName(const char* name, int& pid) {
     long value = 0;
@@ -139,7 +148,8 @@ void ProcTableScanner::ReadParentFields(ProcsMessage::procInfo& record) {
     }
 }
 
-bool ProcTableScanner::TakeSnapshot(ProcsFullTask::ProcsMap& out, std::vector<int>* zombies) {
+bool ProcTableScanner::TakeSnapshot(ProcsFullTask::ProcsMap& out, std::vector<int>* zombies,
+                                    const ProcsFullTask::ProcsMap* previous) {
     out.clear();
     if (zombies != nullptr) {
         zombies->clear();
@@ -152,22 +162,38 @@ bool ProcTableScanner::TakeSnapshot(ProcsFullTask::ProcsMap& out, std::vector<in
         return false;
     }
     for (const int pid : pids) {
-        auto record = std::make_shared<ProcsMessage::procInfo>();
+        ProcsMessage::procInfo read;
         bool zombie = false;
-        if (ReadRecord(pid, ProcFsReader::kAll, *record, zombies != nullptr ? &zombie : nullptr)) {
-            out.emplace_hint(out.end(), pid, std::move(record));
-            if (zombie) {
-                zombies->push_back(pid);
-            }
+        if (!ReadRecord(pid, ProcFsReader::kAll, read, zombies != nullptr ? &zombie : nullptr)) {
+            continue;
+        }
+        const auto kept =
+            previous != nullptr ? previous->find(pid) : ProcsFullTask::ProcsMap::const_iterator();
+        if (previous != nullptr && kept != previous->end() && kept->second &&
+            SameOwnFields(*kept->second, read)) {
+            out.emplace_hint(out.end(), pid, kept->second);
+        } else {
+            out.emplace_hint(out.end(), pid, std::make_shared<ProcsMessage::procInfo>(std::move(read)));
+        }
+        if (zombie) {
+            zombies->push_back(pid);
         }
     }
+    static const std::string kNoPath;
     for (auto& entry : out) {
-        ProcsMessage::procInfo& record = *entry.second;
+        const ProcsMessage::procInfo& record = *entry.second;
         const auto parent = out.find(record.ppid);
-        if (parent != out.end()) {
-            record.parentExePath = parent->second->exePath;
-            record.parentStartTime = parent->second->startTime;
+        const std::string& parentPath = parent != out.end() ? parent->second->exePath : kNoPath;
+        const int64_t parentStart = parent != out.end() ? parent->second->startTime : 0;
+        if (record.parentStartTime == parentStart && record.parentExePath == parentPath) {
+            continue;
         }
+        // Only this table holds a record read now; one kept from `previous` is copied.
+        if (entry.second.use_count() != 1) {
+            entry.second = std::make_shared<ProcsMessage::procInfo>(record);
+        }
+        entry.second->parentExePath = parentPath;
+        entry.second->parentStartTime = parentStart;
     }
     if (errorCount_ > 0) {
         // The same unreadable file every few seconds is said once; later repeats go to debug.

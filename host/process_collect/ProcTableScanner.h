@@ -23,9 +23,12 @@ public:
     bool ListPids(std::vector<int>& pids, std::string& error) const;
 
     // Every live process with its parent's path and start time filled in from
-    // the same table; the pids of zombies go to `zombies` when given. Returns
-    // false (and logs) when the root cannot be listed.
-    bool TakeSnapshot(ProcsFullTask::ProcsMap& out, std::vector<int>* zombies = nullptr);
+    // the same table; the pids of zombies go to `zombies` when given. A process
+    // read exactly as in `previous` keeps that record (shared, never modified),
+    // so a rescan of an unchanged host allocates next to nothing. Returns false
+    // (and logs) when the root cannot be listed.
+    bool TakeSnapshot(ProcsFullTask::ProcsMap& out, std::vector<int>* zombies = nullptr,
+                      const ProcsFullTask::ProcsMap* previous = nullptr);
 
     // One process's record (parts as in ProcFsReader; stat is always read). False
     // when the process is gone or its stat is unreadable. `zombie`, when given,

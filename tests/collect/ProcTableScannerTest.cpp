@@ -7,6 +7,7 @@
 #include <fstream>
 #include <string>
 
+#include "ProcTableScanner.h"
 #include "collect/ProcsFullTask.h"
 #include "sdk/ProcessUtils.h"
 
@@ -91,6 +92,36 @@ TEST(ProcsFullTask, SnapshotOfAFakeTreeLinksParents) {
     task->GetProcsMap(again);
     EXPECT_EQ(map.at(41).get(), again.at(41).get());
     task->release();
+}
+
+// A rescan keeps the records it reads unchanged and copies, never modifies, a kept
+// record whose parent changed: readers may still hold the earlier table.
+TEST(ProcTableScanner, RescanKeepsUnchangedRecordsAndLeavesTheEarlierTableAlone) {
+    FakeProcTree tree;
+    tree.AddProcess(1, 0, 5, "/sbin/init");
+    tree.AddProcess(40, 1, 300, "/usr/bin/parent", 1000);
+    tree.AddProcess(41, 40, 450, "/usr/bin/child", 1000);
+    tree.AddProcess(42, 1, 500, "/usr/bin/other");
+    Engine::ProcTableScanner scanner(tree.root());
+    Engine::ProcsFullTask::ProcsMap first;
+    ASSERT_TRUE(scanner.TakeSnapshot(first));
+
+    // 40 executes another program; 42 rewrites its command line.
+    ::unlink((tree.root() + "/40/exe").c_str());
+    ASSERT_EQ(0, ::symlink("/usr/bin/exec", (tree.root() + "/40/exe").c_str()));
+    tree.Write("42/cmdline", std::string("p42\0-y\0", 7));
+    Engine::ProcsFullTask::ProcsMap second;
+    ASSERT_TRUE(scanner.TakeSnapshot(second, nullptr, &first));
+
+    ASSERT_EQ(4u, second.size());
+    EXPECT_EQ(first.at(1).get(), second.at(1).get());
+    EXPECT_EQ("/usr/bin/exec", second.at(40)->exePath);
+    EXPECT_EQ("/usr/bin/exec", second.at(41)->parentExePath);
+    EXPECT_EQ("/usr/bin/child", second.at(41)->exePath);
+    EXPECT_EQ("p42 -y", second.at(42)->cmdline);
+    EXPECT_EQ("/usr/bin/parent", first.at(40)->exePath);
+    EXPECT_EQ("/usr/bin/parent", first.at(41)->parentExePath);
+    EXPECT_EQ("p42 -x", first.at(42)->cmdline);
 }
 
 }  // namespace
