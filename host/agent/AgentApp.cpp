@@ -15,6 +15,7 @@
 #include "BuildInfo.h"
 #include "ConfigCheck.h"
 #include "DataReportTask.h"
+#include "HeapTrimmer.h"
 #include "MetricsEndpoint.h"
 #include "ModuleDirectory.h"
 #include "ModuleLoader.h"
@@ -38,6 +39,9 @@
 namespace Agent {
 
 namespace {
+
+// How often the main thread, idle between signals, looks for free heap to give back.
+constexpr long kHeapTrimIntervalMs = 30000;
 
 std::string ThisExecutable() {
     char buffer[4096];
@@ -346,8 +350,13 @@ void AgentApp::Serve() {
     TaskWatchdog watchdog(*this);
     ServiceNotifier::Ready(watchdog.Summary());
     watchdog.Start();
+    HeapTrimmer heap;
     for (;;) {
-        const int signal = AgentSignals::Wait();
+        const int signal = AgentSignals::WaitFor(kHeapTrimIntervalMs);
+        if (signal == 0) {
+            heap.TrimWhenSlack();
+            continue;
+        }
         if (signal == SIGUSR1) {
             HOST_CONSOLE_LOG_INFO("SIGUSR1: reopening the alert files");
             report_->GetTask()->ReopenSinks();

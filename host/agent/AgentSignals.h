@@ -13,7 +13,7 @@ public:
     static void BlockInProcess();
     // Waits for one of the four and returns it.
     static int Wait();
-    // Waits up to `milliseconds` for one of the three; 0 when none came.
+    // Waits up to `milliseconds` for one of the four; 0 when none came.
     static int WaitFor(long milliseconds);
 };
 
