@@ -10,7 +10,6 @@
 //
 // Default agent: /usr/local/corvane/bin/corvane-agent, run with its own
 // prefix, settings and policies.
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -18,7 +17,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -31,8 +29,12 @@
 #include <vector>
 
 #include "../IdleProcesses.h"
+#include "../ProcessSample.h"
 
 namespace {
+
+using BenchSupport::CountProcesses;
+using BenchSupport::ReadRssKiB;
 
 struct Options {
     std::string agent = "/usr/local/corvane/bin/corvane-agent";
@@ -87,16 +89,6 @@ pid_t StartAgent(const Options& options) {
     return child;
 }
 
-long ReadRssKiB(pid_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(in, line);) {
-        if (line.compare(0, 6, "VmRSS:") == 0) {
-            return std::atol(line.c_str() + 6);
-        }
-    }
-    return -1;
-}
-
 // utime + stime in clock ticks; -1 when the process is gone.
 long ReadCpuTicks(pid_t pid) {
     std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
@@ -118,19 +110,6 @@ long ReadCpuTicks(pid_t pid) {
         }
     }
     return utime + stime;
-}
-
-int CountProcesses() {
-    DIR* proc = opendir("/proc");
-    if (proc == nullptr) {
-        return -1;
-    }
-    int count = 0;
-    while (const dirent* entry = readdir(proc)) {
-        count += std::isdigit(static_cast<unsigned char>(entry->d_name[0])) != 0 ? 1 : 0;
-    }
-    closedir(proc);
-    return count;
 }
 
 pid_t StartForkstat() {

@@ -4,7 +4,6 @@
 // the soak, seen by an independent process-connector listener, and lost by the agent's own account.
 //
 //   churn_soak [--minutes N] [--idle N] [--rate N per second] [--sample-seconds N]
-#include <dirent.h>
 #include <fcntl.h>
 #include <linux/cn_proc.h>
 #include <linux/connector.h>
@@ -30,7 +29,12 @@
 #include <thread>
 #include <vector>
 
+#include "../ProcessSample.h"
+
 namespace {
+
+using BenchSupport::CountProcesses;
+using BenchSupport::ReadRssKiB;
 
 using Clock = std::chrono::steady_clock;
 
@@ -72,16 +76,6 @@ void WriteText(const std::string& path, const std::string& text) {
 std::string WithInterval(std::string policy, int seconds) {
     return std::regex_replace(policy, std::regex(R"("repeat_interval":\s*[0-9]+)"),
                               "\"repeat_interval\": " + std::to_string(seconds));
-}
-
-long ReadRssKiB(pid_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(in, line);) {
-        if (line.compare(0, 6, "VmRSS:") == 0) {
-            return std::atol(line.c_str() + 6);
-        }
-    }
-    return -1;
 }
 
 // Fork events whose parent is `parent`, as the kernel hands them to any listener.
@@ -187,20 +181,6 @@ pid_t Spawn(const std::vector<std::string>& args, const std::string& output) {
         _exit(127);
     }
     return child;
-}
-
-// Processes on the host: the agent's snapshots grow with them, the soak's or not.
-int CountProcesses() {
-    DIR* proc = opendir("/proc");
-    if (proc == nullptr) {
-        return -1;
-    }
-    int count = 0;
-    while (const dirent* entry = readdir(proc)) {
-        count += entry->d_name[0] >= '0' && entry->d_name[0] <= '9' ? 1 : 0;
-    }
-    closedir(proc);
-    return count;
 }
 
 // Occurrences of `needle` in `text`.
