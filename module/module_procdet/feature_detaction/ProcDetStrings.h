@@ -149,6 +149,8 @@ private:
     // One group of tests in a single pass of the index; hits move from `remaining` to `matched`.
     void TestGroup(const char* text, size_t searchable, std::set<std::string>& remaining,
                    std::set<std::string>& matched) const;
+    // Counts the group's tests and consults the governor every kTestsPerPace of them.
+    void CountGroup(int& counter) const;
     void MatchRanked(const char* text, size_t length, size_t searchable, std::set<std::string>& remaining,
                      std::set<std::string>& matched, int& counter) const;
     void MatchLookedUp(const char* text, size_t length, size_t searchable, std::set<std::string>& remaining,

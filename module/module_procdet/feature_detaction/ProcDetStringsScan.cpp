@@ -272,11 +272,7 @@ void ProcDetStrings::MatchRanked(const char* text, size_t length, size_t searcha
                 anyHit = true;
             }
         }
-        counter += static_cast<int>(groupSize);
-        if (counter >= static_cast<int>(kTestsPerPace)) {
-            counter = 0;
-            PROCDET_PACE_CPU(kTaskName);
-        }
+        CountGroup(counter);
     }
     if (anyHit) {
         ranked.erase(std::remove_if(ranked.begin(), ranked.end(),
@@ -310,11 +306,17 @@ void ProcDetStrings::MatchLookedUp(const char* text, size_t length, size_t searc
             break;
         }
         TestGroup(text, searchable, remaining, matched);
-        counter += static_cast<int>(groupSize);
-        if (counter >= static_cast<int>(kTestsPerPace)) {
-            counter = 0;
-            PROCDET_PACE_CPU(kTaskName);
-        }
+        CountGroup(counter);
+    }
+}
+
+void ProcDetStrings::CountGroup(int& counter) const {
+    // The one governor call of MatchKeywords, whichever walk it takes: the call site
+    // keeps its own last tick.
+    counter += static_cast<int>(groupSize);
+    if (counter >= static_cast<int>(kTestsPerPace)) {
+        counter = 0;
+        PROCDET_PACE_CPU(kTaskName);
     }
 }
 
