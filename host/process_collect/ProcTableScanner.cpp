@@ -167,14 +167,17 @@ bool ProcTableScanner::TakeSnapshot(ProcsFullTask::ProcsMap& out, std::vector<in
         if (!ReadRecord(pid, ProcFsReader::kAll, read, zombies != nullptr ? &zombie : nullptr)) {
             continue;
         }
-        const auto kept =
-            previous != nullptr ? previous->find(pid) : ProcsFullTask::ProcsMap::const_iterator();
-        if (previous != nullptr && kept != previous->end() && kept->second &&
-            SameOwnFields(*kept->second, read)) {
-            out.emplace_hint(out.end(), pid, kept->second);
-        } else {
-            out.emplace_hint(out.end(), pid, std::make_shared<ProcsMessage::procInfo>(std::move(read)));
+        std::shared_ptr<ProcsMessage::procInfo> record;
+        if (previous != nullptr) {
+            const auto kept = previous->find(pid);
+            if (kept != previous->end() && kept->second && SameOwnFields(*kept->second, read)) {
+                record = kept->second;
+            }
         }
+        if (!record) {
+            record = std::make_shared<ProcsMessage::procInfo>(std::move(read));
+        }
+        out.emplace_hint(out.end(), pid, std::move(record));
         if (zombie) {
             zombies->push_back(pid);
         }
