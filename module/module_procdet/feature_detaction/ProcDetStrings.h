@@ -115,7 +115,7 @@ private:
     struct GroupEntry {
         std::set<std::string>::iterator keyword;  // in `remaining`
         uint32_t rank;                            // in `keywords`, or kNotIndexed
-        uint32_t slot;                            // in `ranked` when walked from it
+        uint32_t slot;                            // in `ranked`
         bool hit;
     };
     // The governor is consulted once per this many keyword tests, so a group never holds more.
@@ -153,8 +153,6 @@ private:
     void CountGroup(int& counter) const;
     void MatchRanked(const char* text, size_t length, size_t searchable, std::set<std::string>& remaining,
                      std::set<std::string>& matched, int& counter) const;
-    void MatchLookedUp(const char* text, size_t length, size_t searchable, std::set<std::string>& remaining,
-                       std::set<std::string>& matched, int& counter) const;
     mutable std::vector<char> selected;
     mutable std::vector<char> found;
 };

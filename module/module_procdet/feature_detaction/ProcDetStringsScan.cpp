@@ -225,7 +225,10 @@ bool ProcDetStrings::MatchKeywords(const char* text, size_t length, std::set<std
     if (&remaining == rankedSet && remaining.size() == ranked.size()) {
         MatchRanked(text, length, searchable, remaining, matched, counter);
     } else {
-        MatchLookedUp(text, length, searchable, remaining, matched, counter);
+        // Not the set of a file scan: ranked for this call alone.
+        RankRemaining(remaining);
+        MatchRanked(text, length, searchable, remaining, matched, counter);
+        rankedSet = nullptr;
     }
     return !remaining.empty();
 }
@@ -281,38 +284,7 @@ void ProcDetStrings::MatchRanked(const char* text, size_t length, size_t searcha
     }
 }
 
-void ProcDetStrings::MatchLookedUp(const char* text, size_t length, size_t searchable,
-                                   std::set<std::string>& remaining, std::set<std::string>& matched,
-                                   int& counter) const {
-    auto next = remaining.begin();
-    auto indexed = keywords.begin();  // merge cursor: `remaining` is walked in the same order
-    uint32_t rank = 0;
-    while (next != remaining.end()) {
-        groupSize = 0;
-        const size_t room = RoomBeforePace(counter);
-        while (next != remaining.end() && groupSize < room) {
-            if (next->size() <= length) {
-                int order = 1;
-                while (indexed != keywords.end() && (order = indexed->compare(*next)) < 0) {
-                    ++indexed;
-                    ++rank;
-                }
-                const bool known = indexed != keywords.end() && order == 0;
-                AddToGroup(next, known ? rank : kNotIndexed, 0);
-            }
-            ++next;  // before TestGroup can erase the keyword `next` points at
-        }
-        if (groupSize == 0) {
-            break;
-        }
-        TestGroup(text, searchable, remaining, matched);
-        CountGroup(counter);
-    }
-}
-
 void ProcDetStrings::CountGroup(int& counter) const {
-    // The one governor call of MatchKeywords, whichever walk it takes: the call site
-    // keeps its own last tick.
     counter += static_cast<int>(groupSize);
     if (counter >= static_cast<int>(kTestsPerPace)) {
         counter = 0;
