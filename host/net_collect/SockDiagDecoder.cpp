@@ -5,6 +5,7 @@
 #include <linux/netlink.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <cstring>
 #include <memory>
 
@@ -74,7 +75,9 @@ SockDiagDecoder::Result SockDiagDecoder::Decode(const void* data, size_t length,
         }
         if (header.nlmsg_type == NLMSG_ERROR) {
             result.status = Status::kError;
-            result.error = payloadLength >= sizeof(nlmsgerr) ? -Load<nlmsgerr>(payload).error : 0;
+            const int code = payloadLength >= sizeof(nlmsgerr) ? Load<nlmsgerr>(payload).error : 0;
+            // The kernel sends a negated errno; any other value (INT_MIN cannot even be negated) is none.
+            result.error = code == 0 ? 0 : (code < 0 && code >= -4095 ? -code : EPROTO);
             return result;
         }
         if (payloadLength < sizeof(inet_diag_msg)) {

@@ -4,10 +4,13 @@
 #include <linux/inet_diag.h>
 #include <linux/netlink.h>
 
+#include <cerrno>
+#include <climits>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "ProcNetTcpParser.h"
@@ -110,6 +113,17 @@ TEST(SockDiagDecoder, MappedSocketAndEndOfDump) {
     EXPECT_EQ(22u, connection.remotePort);
     EXPECT_EQ(1000u, connection.uid);
     EXPECT_EQ("192.168.1.2:40000 -> 10.1.2.3:22 ESTABLISHED", connection.text);
+
+    // An error answer gives the kernel's errno; a code that is no errno gives EPROTO.
+    for (const auto& [code, expected] : {std::pair{-ENOBUFS, ENOBUFS}, std::pair{INT_MIN, EPROTO}}) {
+        buffer.clear();
+        nlmsgerr error{};
+        error.error = code;
+        append(NLMSG_ERROR, &error, sizeof error);
+        const auto failed = Engine::SockDiagDecoder::Decode(buffer.data(), buffer.size(), map);
+        EXPECT_EQ(Engine::SockDiagDecoder::Status::kError, failed.status);
+        EXPECT_EQ(expected, failed.error);
+    }
 }
 
 }  // namespace
