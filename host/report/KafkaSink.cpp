@@ -31,17 +31,19 @@ KafkaSink::KafkaSink(const SinkSettings& settings, const std::string& hostName)
 
 KafkaSink::~KafkaSink() {
     if (producer_ != nullptr) {
-        rd_kafka_flush(producer_, 1000);
-        rd_kafka_destroy(producer_);
+        kafka_->flush(producer_, 1000);
+        kafka_->destroy(producer_);
     }
 }
 
 bool KafkaSink::Create(std::string& error) {
-    rd_kafka_conf_t* conf = rd_kafka_conf_new();
+    if (kafka_ == nullptr && (kafka_ = KafkaLibrary::Get(error)) == nullptr) {
+        return false;
+    }
+    rd_kafka_conf_t* conf = kafka_->conf_new();
     char reason[512];
     auto set = [&](const std::string& name, const std::string& value) {
-        if (rd_kafka_conf_set(conf, name.c_str(), value.c_str(), reason, sizeof(reason)) !=
-            RD_KAFKA_CONF_OK) {
+        if (kafka_->conf_set(conf, name.c_str(), value.c_str(), reason, sizeof(reason)) != RD_KAFKA_CONF_OK) {
             error = "property " + name + ": " + reason;
             return false;
         }
@@ -56,16 +58,16 @@ bool KafkaSink::Create(std::string& error) {
     }
     good = good && set("enable.idempotence", "true") && set("acks", "all");
     if (!good) {
-        rd_kafka_conf_destroy(conf);
+        kafka_->conf_destroy(conf);
         return false;
     }
-    rd_kafka_conf_set_opaque(conf, this);
-    rd_kafka_conf_set_dr_msg_cb(conf, &KafkaSink::OnDelivery);
-    rd_kafka_conf_set_error_cb(conf, &KafkaSink::OnError);
-    rd_kafka_conf_set_log_cb(conf, &LogFromLibrary);
-    producer_ = rd_kafka_new(RD_KAFKA_PRODUCER, conf, reason, sizeof(reason));
+    kafka_->conf_set_opaque(conf, this);
+    kafka_->conf_set_dr_msg_cb(conf, &KafkaSink::OnDelivery);
+    kafka_->conf_set_error_cb(conf, &KafkaSink::OnError);
+    kafka_->conf_set_log_cb(conf, &LogFromLibrary);
+    producer_ = kafka_->create(RD_KAFKA_PRODUCER, conf, reason, sizeof(reason));
     if (producer_ == nullptr) {
-        rd_kafka_conf_destroy(conf);
+        kafka_->conf_destroy(conf);
         error = std::string("cannot create the producer: ") + reason;
         return false;
     }
@@ -84,7 +86,7 @@ void KafkaSink::OnDelivery(rd_kafka_t* /*producer*/, const rd_kafka_message_t* m
 void KafkaSink::OnError(rd_kafka_t* /*producer*/, int error, const char* reason, void* opaque) {
     auto* sink = static_cast<KafkaSink*>(opaque);
     sink->lastError_ =
-        std::string(rd_kafka_err2name(static_cast<rd_kafka_resp_err_t>(error))) + ": " + reason;
+        std::string(sink->kafka_->err2name(static_cast<rd_kafka_resp_err_t>(error))) + ": " + reason;
 }
 
 size_t KafkaSink::Deliver(const std::vector<std::string>& lines, std::string& error) {
@@ -98,7 +100,7 @@ size_t KafkaSink::Deliver(const std::vector<std::string>& lines, std::string& er
         const std::string& line = lines[produced];
         rd_kafka_resp_err_t result = RD_KAFKA_RESP_ERR_NO_ERROR;
         for (;;) {
-            result = rd_kafka_producev(
+            result = kafka_->producev(
                 producer_, RD_KAFKA_V_TOPIC(settings_.topic.c_str()),
                 RD_KAFKA_V_KEY(const_cast<char*>(key_.data()), key_.size()),
                 RD_KAFKA_V_VALUE(const_cast<char*>(line.data()), line.size() - 1),  // without the '\n'
@@ -107,24 +109,24 @@ size_t KafkaSink::Deliver(const std::vector<std::string>& lines, std::string& er
             if (result != RD_KAFKA_RESP_ERR__QUEUE_FULL) {
                 break;
             }
-            rd_kafka_poll(producer_, 100);  // the local queue drains as the brokers take messages
+            kafka_->poll(producer_, 100);  // the local queue drains as the brokers take messages
         }
         if (result != RD_KAFKA_RESP_ERR_NO_ERROR) {
-            error = std::string("cannot produce: ") + rd_kafka_err2str(result);
+            error = std::string("cannot produce: ") + kafka_->err2str(result);
             pending_ -= lines.size() - produced;
             break;
         }
     }
     // Every produced message gets a report within message.timeout.ms.
     while (pending_ > 0) {
-        rd_kafka_poll(producer_, 100);
+        kafka_->poll(producer_, 100);
     }
     size_t confirmed = 0;
     while (confirmed < produced && reports_[confirmed] == RD_KAFKA_RESP_ERR_NO_ERROR) {
         ++confirmed;
     }
     if (confirmed < produced) {
-        error = std::string(rd_kafka_err2str(reports_[confirmed])) +
+        error = std::string(kafka_->err2str(reports_[confirmed])) +
                 (lastError_.empty() ? std::string() : " (" + lastError_ + ")");
     }
     return confirmed;

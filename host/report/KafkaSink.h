@@ -1,11 +1,10 @@
 #pragma once
 
-#include <librdkafka/rdkafka.h>
-
 #include <string>
 #include <vector>
 
 #include "AlertSink.h"
+#include "KafkaLibrary.h"
 #include "ReportSettings.h"
 
 namespace Agent {
@@ -36,6 +35,7 @@ private:
 
     const SinkSettings settings_;
     const std::string key_;
+    const KafkaLibrary* kafka_ = nullptr;  // loaded at the first delivery
     rd_kafka_t* producer_ = nullptr;
     std::vector<rd_kafka_resp_err_t> reports_;  // per message of the batch in flight
     size_t pending_ = 0;

@@ -4,7 +4,6 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <openssl/err.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -26,16 +25,6 @@ namespace {
 
 constexpr int kPriority = 4 * 8 + 4;  // facility auth, severity warning
 constexpr long kIoTimeoutSeconds = 10;
-
-std::string OpenSslError() {
-    const unsigned long code = ERR_get_error();
-    char text[256] = "unknown TLS error";
-    if (code != 0) {
-        ERR_error_string_n(code, text, sizeof(text));
-    }
-    ERR_clear_error();
-    return text;
-}
 
 // RFC 5424 header fields are printable US-ASCII without spaces, "-" when empty.
 std::string HeaderField(const std::string& text, size_t max) {
@@ -66,7 +55,7 @@ SyslogSink::SyslogSink(const SinkSettings& settings, std::string hostName)
 SyslogSink::~SyslogSink() {
     Disconnect();
     if (context_ != nullptr) {
-        SSL_CTX_free(context_);
+        tls_->ctx_free(context_);
     }
 }
 
@@ -155,36 +144,43 @@ bool SyslogSink::Connect(std::string& error) {
 }
 
 bool SyslogSink::StartTls(std::string& error) {
+    if (tls_ == nullptr && (tls_ = TlsLibrary::Get(error)) == nullptr) {
+        error = "TLS: " + error;
+        return false;
+    }
     if (context_ == nullptr) {
-        context_ = SSL_CTX_new(TLS_client_method());
+        context_ = tls_->ctx_new(tls_->client_method());
         if (context_ == nullptr) {
-            error = "TLS: " + OpenSslError();
+            error = "TLS: " + tls_->crypto->TakeError();
             return false;
         }
-        SSL_CTX_set_min_proto_version(context_, TLS1_2_VERSION);
-        SSL_CTX_set_verify(context_, SSL_VERIFY_PEER, nullptr);
-        const bool loaded = settings_.caFile.empty() ? SSL_CTX_set_default_verify_paths(context_) == 1
-                                                     : SSL_CTX_load_verify_locations(
+        tls_->ctx_ctrl(context_, SSL_CTRL_SET_MIN_PROTO_VERSION, TLS1_2_VERSION, nullptr);
+        tls_->ctx_set_verify(context_, SSL_VERIFY_PEER, nullptr);
+        const bool loaded = settings_.caFile.empty() ? tls_->ctx_set_default_verify_paths(context_) == 1
+                                                     : tls_->ctx_load_verify_locations(
                                                            context_, settings_.caFile.c_str(), nullptr) == 1;
         if (!loaded) {
-            error = "TLS: cannot load the CA certificates " + settings_.caFile + ": " + OpenSslError();
-            SSL_CTX_free(context_);
+            error =
+                "TLS: cannot load the CA certificates " + settings_.caFile + ": " + tls_->crypto->TakeError();
+            tls_->ctx_free(context_);
             context_ = nullptr;
             return false;
         }
     }
-    ssl_ = SSL_new(context_);
+    ssl_ = tls_->ssl_new(context_);
     if (ssl_ == nullptr) {
-        error = "TLS: " + OpenSslError();
+        error = "TLS: " + tls_->crypto->TakeError();
         return false;
     }
-    SSL_set_fd(ssl_, fd_);
-    SSL_set_tlsext_host_name(ssl_, settings_.host.c_str());
-    SSL_set1_host(ssl_, settings_.host.c_str());
-    if (SSL_connect(ssl_) != 1) {
-        const long verify = SSL_get_verify_result(ssl_);
+    tls_->set_fd(ssl_, fd_);
+    tls_->ssl_ctrl(ssl_, SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name,
+                   const_cast<char*>(settings_.host.c_str()));
+    tls_->set1_host(ssl_, settings_.host.c_str());
+    if (tls_->connect(ssl_) != 1) {
+        const long verify = tls_->get_verify_result(ssl_);
         error = "TLS handshake with " + settings_.host + " failed: " +
-                (verify != X509_V_OK ? X509_verify_cert_error_string(verify) : OpenSslError().c_str());
+                (verify != X509_V_OK ? tls_->crypto->x509_verify_cert_error_string(verify)
+                                     : tls_->crypto->TakeError().c_str());
         return false;
     }
     return true;
@@ -192,8 +188,8 @@ bool SyslogSink::StartTls(std::string& error) {
 
 void SyslogSink::Disconnect() {
     if (ssl_ != nullptr) {
-        SSL_shutdown(ssl_);  // close_notify, so the relay sees an orderly end, not an error
-        SSL_free(ssl_);
+        tls_->shutdown(ssl_);  // close_notify, so the relay sees an orderly end, not an error
+        tls_->ssl_free(ssl_);
         ssl_ = nullptr;
     }
     if (fd_ >= 0) {
@@ -257,9 +253,10 @@ bool SyslogSink::WriteAll(const std::string& data, std::string& error) {
     size_t offset = 0;
     while (offset < data.size()) {
         if (ssl_ != nullptr) {
-            const int written = SSL_write(ssl_, data.data() + offset, static_cast<int>(data.size() - offset));
+            const int written =
+                tls_->write(ssl_, data.data() + offset, static_cast<int>(data.size() - offset));
             if (written <= 0) {
-                error = "TLS write: " + OpenSslError();
+                error = "TLS write: " + tls_->crypto->TakeError();
                 return false;
             }
             offset += static_cast<size_t>(written);

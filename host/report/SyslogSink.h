@@ -1,11 +1,10 @@
 #pragma once
 
-#include <openssl/ssl.h>
-
 #include <string>
 
 #include "AlertSink.h"
 #include "ReportSettings.h"
+#include "TlsLibrary.h"
 
 namespace Agent {
 
@@ -40,6 +39,7 @@ private:
     const SinkSettings settings_;
     const std::string hostName_;
     int fd_ = -1;
+    const TlsLibrary* tls_ = nullptr;  // loaded at the first TLS connection
     SSL_CTX* context_ = nullptr;
     SSL* ssl_ = nullptr;
 };

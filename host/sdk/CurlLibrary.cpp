@@ -1,61 +1,33 @@
 #include "CurlLibrary.h"
 
-#include <dlfcn.h>
-
-#include <mutex>
+#include "LazyLibrary.h"
 
 namespace SDK {
 
-namespace {
-
-template <class Function>
-bool Resolve(void* handle, const char* name, Function& function, std::string& error) {
-    function = reinterpret_cast<Function>(dlsym(handle, name));
-    if (function == nullptr) {
-        error = std::string("libcurl.so.4 has no ") + name;
-        return false;
-    }
-    return true;
-}
-
-}  // namespace
-
 const CurlLibrary* CurlLibrary::Get(std::string& error) {
-    static std::once_flag once;
-    static CurlLibrary library{};
-    static const CurlLibrary* loaded = nullptr;
-    static std::string loadError;
-    std::call_once(once, [] {
-        void* handle = dlopen("libcurl.so.4", RTLD_NOW | RTLD_LOCAL);
-        if (handle == nullptr) {
-            const char* reason = dlerror();
-            loadError =
-                std::string("cannot load libcurl.so.4: ") + (reason != nullptr ? reason : "unknown error");
-            return;
-        }
-        const bool resolved = Resolve(handle, "curl_global_init", library.global_init, loadError) &&
-                              Resolve(handle, "curl_easy_init", library.easy_init, loadError) &&
-                              Resolve(handle, "curl_easy_setopt", library.easy_setopt, loadError) &&
-                              Resolve(handle, "curl_easy_perform", library.easy_perform, loadError) &&
-                              Resolve(handle, "curl_easy_getinfo", library.easy_getinfo, loadError) &&
-                              Resolve(handle, "curl_easy_cleanup", library.easy_cleanup, loadError) &&
-                              Resolve(handle, "curl_easy_strerror", library.easy_strerror, loadError) &&
-                              Resolve(handle, "curl_slist_append", library.slist_append, loadError) &&
-                              Resolve(handle, "curl_slist_free_all", library.slist_free_all, loadError);
+    static LoadedTable<CurlLibrary> table;
+    return table.Get(error, [](CurlLibrary& curl, std::string& loadError) {
+        LazyLibrary lib("libcurl.so.4");
+        const bool resolved = lib.Open(loadError) &&
+                              lib.Resolve("curl_global_init", curl.global_init, loadError) &&
+                              lib.Resolve("curl_easy_init", curl.easy_init, loadError) &&
+                              lib.Resolve("curl_easy_setopt", curl.easy_setopt, loadError) &&
+                              lib.Resolve("curl_easy_perform", curl.easy_perform, loadError) &&
+                              lib.Resolve("curl_easy_getinfo", curl.easy_getinfo, loadError) &&
+                              lib.Resolve("curl_easy_cleanup", curl.easy_cleanup, loadError) &&
+                              lib.Resolve("curl_easy_strerror", curl.easy_strerror, loadError) &&
+                              lib.Resolve("curl_slist_append", curl.slist_append, loadError) &&
+                              lib.Resolve("curl_slist_free_all", curl.slist_free_all, loadError);
         if (!resolved) {
-            return;
+            return false;
         }
-        const CURLcode init = library.global_init(CURL_GLOBAL_DEFAULT);
+        const CURLcode init = curl.global_init(CURL_GLOBAL_DEFAULT);
         if (init != CURLE_OK) {
-            loadError = std::string("libcurl init failed: ") + library.easy_strerror(init);
-            return;
+            loadError = std::string("libcurl init failed: ") + curl.easy_strerror(init);
+            return false;
         }
-        loaded = &library;
+        return true;
     });
-    if (loaded == nullptr) {
-        error = loadError;
-    }
-    return loaded;
 }
 
 }  // namespace SDK

@@ -1,14 +1,17 @@
 #include "sdk/FileUtils.h"
 
 #include <fcntl.h>
-#include <openssl/evp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <new>
+
+#include "CryptoLibrary.h"
+#include "sdk/HostLog.h"
 
 namespace SDK {
 
@@ -70,19 +73,26 @@ int ReadChunks(const std::string& path, long limit, const std::function<bool(con
 }  // namespace
 
 int FileUtils::GetFileSha256(const std::string& path, std::string& hex, long limit) {
-    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> ctx(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
-    if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr) != 1) {
+    std::string loadError;
+    const CryptoLibrary* crypto = CryptoLibrary::Get(loadError);
+    if (crypto == nullptr) {
+        static std::once_flag logged;
+        std::call_once(logged, [&loadError] { HOST_LOG_ERROR("no SHA-256 digests: " + loadError); });
         return kReadFailed;
     }
-    const int result = ReadChunks(path, limit, [&ctx](const char* data, size_t size) {
-        return EVP_DigestUpdate(ctx.get(), data, size) == 1;
+    std::unique_ptr<EVP_MD_CTX, decltype(crypto->md_ctx_free)> ctx(crypto->md_ctx_new(), crypto->md_ctx_free);
+    if (!ctx || crypto->digest_init(ctx.get(), crypto->sha256(), nullptr) != 1) {
+        return kReadFailed;
+    }
+    const int result = ReadChunks(path, limit, [&ctx, crypto](const char* data, size_t size) {
+        return crypto->digest_update(ctx.get(), data, size) == 1;
     });
     if (result != kReadOk) {
         return result;
     }
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int digestLength = 0;
-    if (EVP_DigestFinal_ex(ctx.get(), digest, &digestLength) != 1) {
+    if (crypto->digest_final(ctx.get(), digest, &digestLength) != 1) {
         return kReadFailed;
     }
     static const char kHexDigits[] = "0123456789abcdef";

@@ -52,6 +52,25 @@ size_t CountValue(const TestSupport::AgentRunner& agent, const std::string& valu
     return count;
 }
 
+// The TLS, Kafka and HTTP libraries an agent has mapped; an agent writing only
+// to its alert file needs none of them.
+std::string MappedSinkLibraries(pid_t pid) {
+    std::ifstream maps("/proc/" + std::to_string(pid) + "/maps");
+    std::set<std::string> found;
+    for (std::string line; std::getline(maps, line);) {
+        for (const char* name : {"libcrypto.so", "libssl.so", "librdkafka.so", "libcurl.so"}) {
+            if (line.find(name) != std::string::npos) {
+                found.insert(name);
+            }
+        }
+    }
+    std::string names;
+    for (const std::string& name : found) {
+        names += name + " ";
+    }
+    return names;
+}
+
 bool WaitFor(const std::function<bool()>& done) {
     return TestSupport::WaitFor(done, kDeadlineMs);
 }
@@ -68,6 +87,7 @@ TEST(AgentEndToEnd, DeliversReloadsKeepsGoodPolicyOverBadTextAndLosesNothingOnSt
     ASSERT_TRUE(agent.Start({}, {kGood}));
     auto first = [](const Json::Value& alert) { return alert["test_value"].asString() == "first"; };
     ASSERT_TRUE(agent.WaitForAlert(first, kDeadlineMs)) << agent.ReadLog();
+    EXPECT_EQ(MappedSinkLibraries(agent.pid()), "");
 
     agent.WritePolicy("90001", "agent_test_feature", Policy("second", sentLog));
     agent.Reload();
