@@ -137,17 +137,6 @@ bool ProcTableScanner::ReadRecord(int pid, unsigned parts, ProcsMessage::procInf
     return true;
 }
 
-void ProcTableScanner::ReadParentFields(ProcsMessage::procInfo& record) {
-    if (record.ppid <= 0) {
-        return;
-    }
-    ProcsMessage::procInfo parent;
-    if (ReadRecord(record.ppid, ProcFsReader::kExe, parent)) {
-        record.parentExePath = std::move(parent.exePath);
-        record.parentStartTime = parent.startTime;
-    }
-}
-
 bool ProcTableScanner::TakeSnapshot(ProcsFullTask::ProcsMap& out, std::vector<int>* zombies,
                                     const ProcsFullTask::ProcsMap* previous) {
     out.clear();

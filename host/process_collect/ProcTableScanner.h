@@ -35,9 +35,6 @@ public:
     // tells whether the process has exited and waits to be reaped.
     bool ReadRecord(int pid, unsigned parts, ProcsMessage::procInfo& out, bool* zombie = nullptr);
 
-    // Fills parentExePath and parentStartTime of `record` by reading its parent.
-    void ReadParentFields(ProcsMessage::procInfo& record);
-
     // Errors counted since the last TakeSnapshot / ResetErrors, and the first one.
     unsigned long GetErrorCount() const { return errorCount_; }
     const std::string& GetFirstError() const { return firstError_; }

@@ -25,7 +25,8 @@ namespace {
 constexpr long long kPollIntervalMs = 1000;
 constexpr long long kLogIntervalMs = 10000;  // repeated trouble is summed up at most this often
 constexpr size_t kEventsPerBatch = 1024;
-constexpr size_t kParentCacheLimit = 4096;
+// Parents that fork, with their command lines (at most 4 KiB each): a host has tens.
+constexpr size_t kParentCacheLimit = 512;
 // Messages are handed to the subscribers once the socket is drained (or this many
 // are waiting): waking a subscriber mid-batch tends to cost the producer its CPU
 // for milliseconds on a busy machine, while the kernel's events pile up.
@@ -363,7 +364,8 @@ void ProcsRealTask::HandleEvent(const ProcEvent& event) {
     if (!dispatcher_.Wants(flag)) {
         return;
     }
-    std::shared_ptr<ProcsMessage::procInfo> record = ReadRecord(pid);
+    std::shared_ptr<ProcsMessage::procInfo> record =
+        flag == PROCS_EVENT_FORK ? ReadForkRecord(pid, event.parentTgid) : ReadRecord(pid);
     if (record) {
         if (rescannedStart >= 0 && record->startTime == rescannedStart) {
             known_.Update(pid, KnownProcess::FromRecord(*record));
@@ -480,20 +482,46 @@ std::shared_ptr<ProcsMessage::procInfo> ProcsRealTask::RecordFromKnown(int pid, 
     return record;
 }
 
-void ProcsRealTask::FillParentFields(ProcsMessage::procInfo& record) {
-    const auto cached = parents_.find(record.ppid);
+const ProcsRealTask::ParentFacts* ProcsRealTask::FindParent(int ppid) {
+    if (ppid <= 0) {
+        return nullptr;
+    }
+    const auto cached = parents_.find(ppid);
     if (cached != parents_.end()) {
-        record.parentStartTime = cached->second.startTime;
-        record.parentExePath = cached->second.exePath;
-        return;
+        return &cached->second;
     }
-    scanner_->ReadParentFields(record);
-    if (record.parentStartTime > 0) {
-        if (parents_.size() >= kParentCacheLimit) {
-            parents_.clear();
-        }
-        parents_.emplace(record.ppid, ParentFacts{record.parentStartTime, record.parentExePath});
+    ProcsMessage::procInfo parent;
+    if (!scanner_->ReadRecord(ppid, ProcFsReader::kExe | ProcFsReader::kCmdline, parent)) {
+        return nullptr;
     }
+    if (parents_.size() >= kParentCacheLimit) {
+        parents_.clear();
+    }
+    ParentFacts facts{parent.startTime, std::move(parent.exePath), std::move(parent.cmdline)};
+    return &parents_.emplace(ppid, std::move(facts)).first->second;
+}
+
+void ProcsRealTask::FillParentFields(ProcsMessage::procInfo& record) {
+    if (const ParentFacts* parent = FindParent(record.ppid)) {
+        record.parentStartTime = parent->startTime;
+        record.parentExePath = parent->exePath;
+    }
+}
+
+std::shared_ptr<ProcsMessage::procInfo> ProcsRealTask::ReadForkRecord(int pid, int parentPid) {
+    auto record = std::make_shared<ProcsMessage::procInfo>();
+    if (!scanner_->ReadRecord(pid, ProcFsReader::kStatus, *record)) {
+        return nullptr;
+    }
+    const ParentFacts* parent = record->ppid == parentPid ? FindParent(parentPid) : nullptr;
+    if (parent == nullptr) {
+        return ReadRecord(pid);  // given to another parent already: its own files say more
+    }
+    record->exePath = parent->exePath;
+    record->cmdline = parent->cmdline;
+    record->parentExePath = parent->exePath;
+    record->parentStartTime = parent->startTime;
+    return record;
 }
 
 void ProcsRealTask::UpdateCounters() {

@@ -21,7 +21,8 @@ class ProcConnectorReader;
 
 // "procs_real_task": publishes process events to the tasks that subscribed to
 // them with ProcsRegistMessage, each as a ProcsMessage carrying the pid and the
-// process's record read from /proc right after the event.
+// process's record read from /proc right after the event (a fork's path and
+// command line are its parent's, see ReadForkRecord).
 //
 // Events delivered, by flag: PROCS_EVENT_FORK (a new process; thread creation
 // is not reported), PROCS_EVENT_EXEC, PROCS_EVENT_UID, PROCS_EVENT_GID (the
@@ -92,21 +93,28 @@ private:
     void Publish(int pid, unsigned int flag, std::shared_ptr<ProcsMessage::procInfo> record);
     void FlushOutbox();
     std::shared_ptr<ProcsMessage::procInfo> ReadRecord(int pid);
+    // A child runs its parent's program with its parent's arguments until it
+    // executes another (an EXEC event of its own), so a fork's path and command
+    // line are the parent's, read once for a storm of its forks; only the
+    // child's stat and status are read.
+    std::shared_ptr<ProcsMessage::procInfo> ReadForkRecord(int pid, int parentPid);
     std::shared_ptr<ProcsMessage::procInfo> RecordFromEvent(const ProcEvent& event, unsigned int flag);
     std::shared_ptr<ProcsMessage::procInfo> RecordFromKnown(int pid, const KnownProcess& state);
-    // The parent's path and start time, from the cache when the parent has neither
-    // executed nor exited since they were read (a storm of forks has one parent).
+    struct ParentFacts {
+        int64_t startTime;
+        std::string exePath;
+        std::string cmdline;
+    };
+    // A parent's facts, from the cache when it has neither executed nor exited
+    // since they were read (a storm of forks has one parent); null when it is gone.
+    const ParentFacts* FindParent(int ppid);
+    // The parent's path and start time.
     void FillParentFields(ProcsMessage::procInfo& record);
     void EnsureScanner();
     void UpdateCounters();
     // Trims the heap when events stop after a storm, and a few times more over the
     // next minute.
     void GiveBackMemoryWhenQuiet();
-
-    struct ParentFacts {
-        int64_t startTime;
-        std::string exePath;
-    };
 
     // Written when a subscription arrives or the task is cancelled, so an idle Run
     // can wait long for events and still answer at once.

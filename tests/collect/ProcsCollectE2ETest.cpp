@@ -9,6 +9,7 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -203,6 +204,9 @@ TEST(ProcsCollectE2E, ForkAndIdentityChangeReachASubscriber) {
     EXPECT_EQ(0u, seen.forked->euid);
     EXPECT_EQ(kSelfExe, seen.forked->exePath);
     EXPECT_EQ(kSelfExe, seen.forked->parentExePath);
+    std::string argv0;
+    std::getline(std::ifstream("/proc/self/cmdline"), argv0, '\0');
+    EXPECT_EQ(0u, seen.forked->cmdline.rfind(argv0, 0)) << seen.forked->cmdline;  // the parent's arguments
     EXPECT_GT(seen.forked->startTime, 0);
     ASSERT_NE(nullptr, seen.changed);
     EXPECT_EQ(seen.child, seen.changed->pid);
