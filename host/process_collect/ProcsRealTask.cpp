@@ -184,6 +184,10 @@ void ProcsRealTask::PublishCounters() const {
     metrics
         .Counter("corvane_process_rescans_total", "Resynchronisations: /proc rescans after losses, or polls")
         .SetTotal(static_cast<double>(counters.rescans));
+    metrics
+        .Counter("corvane_process_records_partial_total",
+                 "Process messages whose record was built from the event: the process was gone when read")
+        .SetTotal(static_cast<double>(counters.partial));
     metrics.Counter("corvane_subscriber_messages_dropped_total", "Process messages dropped at a full backlog")
         .SetTotal(static_cast<double>(counters.dropped));
     metrics.Gauge("corvane_subscriber_backlog_messages", "Process messages held back for slow subscribers")
