@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "KeptStatFiles.h"
+#include "KeptStatusFile.h"
 #include "ProcParsers.h"
 #include "SessionLookup.h"
 #include "sdk/FileUtils.h"
@@ -181,26 +182,11 @@ int ProcessUtils::GetProcessStatusInfo(int pid, procStatus& out) {
     // (about 1.5 KiB); a longer one (thousands of supplementary groups) is read whole.
     const std::string path = PidPath(pid, "status");
     char buffer[16384];
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0) {
-        return -1;
-    }
-    size_t size = 0;
-    ssize_t got = 0;
-    while (size < sizeof buffer) {
-        got = read(fd, buffer + size, sizeof buffer - size);
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got <= 0) {
-            break;
-        }
-        size += static_cast<size_t>(got);
-    }
-    close(fd);
+    const ssize_t got = KeptStatusFile::Read(path, buffer, sizeof buffer);
     if (got < 0) {
         return -1;
     }
+    const size_t size = static_cast<size_t>(got);
     if (size < sizeof buffer) {
         return ParseStatusText(std::string_view(buffer, size), out) ? 0 : -1;
     }

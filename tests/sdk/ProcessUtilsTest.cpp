@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <functional>
 #include <set>
 #include <string>
 
@@ -60,6 +61,9 @@ TEST(ProcessUtils, FactsOfAnExecutedChildAndFailuresOnceItIsGone) {
     EXPECT_FALSE(fromLink);
     EXPECT_EQ(viaLink, viaFile);
     EXPECT_NE(ProcessUtils::GetProcessFileSha256(pid, "/bin/sh", viaLink, fromLink, 100), 0);
+    ProcessUtils::procStatus status;
+    ASSERT_EQ(ProcessUtils::GetProcessStatusInfo(pid, status), 0);  // its file is now kept open
+    EXPECT_EQ(status.ppid, getpid());
 
     // Once it exits (a zombie until reaped) and is gone, every call reports failure.
     kill(pid, SIGKILL);
@@ -71,10 +75,33 @@ TEST(ProcessUtils, FactsOfAnExecutedChildAndFailuresOnceItIsGone) {
     EXPECT_NE(ProcessUtils::GetProcessCmdline(pid, text, 4096), 0);
     EXPECT_NE(ProcessUtils::GetProcessExePath(pid, text), 0);
     EXPECT_NE(ProcessUtils::GetProcessStatInfo(pid, &ppid, nullptr, nullptr), 0);
-    ProcessUtils::procStatus status;
     EXPECT_NE(ProcessUtils::GetProcessStatusInfo(pid, status), 0);
     std::set<long> inodes;
     EXPECT_NE(ProcessUtils::GetProcessSocketFd(pid, inodes), 0);
+}
+
+// Status is read through a file kept open for the last pid: each read must show
+// the process as it is now.
+TEST(ProcessUtils, StatusFollowsAnIdentityChange) {
+    int gate[2];
+    ASSERT_EQ(0, pipe(gate));
+    ChildProcess child([&](const std::function<void()>& notify) {
+        char go;
+        close(gate[1]);
+        notify();
+        if (read(gate[0], &go, 1) == 1 && setresuid(1000, 1000, 1000) == 0) {
+            pause();
+        }
+    });
+    close(gate[0]);
+    ProcessUtils::procStatus status;
+    ASSERT_EQ(ProcessUtils::GetProcessStatusInfo(child.pid(), status), 0);
+    EXPECT_EQ(status.euid, 0u);
+    EXPECT_EQ(write(gate[1], "x", 1), 1);
+    close(gate[1]);
+    EXPECT_TRUE(TestSupport::WaitFor([&] {
+        return ProcessUtils::GetProcessStatusInfo(child.pid(), status) == 0 && status.euid == 1000u;
+    }));
 }
 
 TEST(ProcessUtils, FakeProcTreeWithBrokenFiles) {
