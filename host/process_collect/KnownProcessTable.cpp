@@ -31,6 +31,8 @@ KnownProcess KnownProcess::FromRecord(const ProcsMessage::procInfo& record) {
     state.gid = record.gid;
     state.egid = record.egid;
     state.sgid = record.sgid;
+    state.capSetuid = record.capSetuid;
+    state.capSetgid = record.capSetgid;
     return state;
 }
 

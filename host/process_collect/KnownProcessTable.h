@@ -16,6 +16,7 @@ struct KnownProcess {
     int64_t startTime = -1;
     unsigned int uid = 0xFFFFFFFFu, euid = 0xFFFFFFFFu, suid = 0xFFFFFFFFu;
     unsigned int gid = 0xFFFFFFFFu, egid = 0xFFFFFFFFu, sgid = 0xFFFFFFFFu;
+    unsigned int capSetuid = 0, capSetgid = 0;  // as last read; no event tells of a change
 
     static KnownProcess FromRecord(const ProcsMessage::procInfo& record);
 };

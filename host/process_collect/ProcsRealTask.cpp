@@ -210,7 +210,9 @@ bool ProcsRealTask::RunConnector(ProcConnectorReader& reader) {
         std::string detail;
         events_.clear();
         const auto result = reader.Receive(timeoutMs, kEventsPerBatch, events_, detail, wakeFd_);
-        for (const ProcEvent& event : events_) {
+        IndexChanges();
+        for (size_t index = 0; index < events_.size(); ++index) {
+            const ProcEvent& event = events_[index];
             if (event.kind == ProcEvent::Kind::kAck && event.realId != 0) {
                 HOST_MODULE_LOG_ERROR(kProcessCollectModuleName,
                                       "the kernel refused process events (error " +
@@ -218,7 +220,7 @@ bool ProcsRealTask::RunConnector(ProcConnectorReader& reader) {
                                           "): rescanning /proc every second instead");
                 return false;
             }
-            HandleEvent(event);
+            HandleEvent(event, ChangesAfter(event, index));
         }
         FlushChangeNotes();
         if (result == ProcConnectorReader::ReadResult::kOverrun) {
@@ -336,7 +338,24 @@ void ProcsRealTask::FlushChangeNotes() {
     }
 }
 
-void ProcsRealTask::HandleEvent(const ProcEvent& event) {
+void ProcsRealTask::IndexChanges() {
+    lastChange_.clear();
+    for (size_t index = 0; index < events_.size(); ++index) {
+        const ProcEvent& event = events_[index];
+        if (event.IsProcessLevel() &&
+            (event.kind == ProcEvent::Kind::kExec || event.kind == ProcEvent::Kind::kUid ||
+             event.kind == ProcEvent::Kind::kGid)) {
+            lastChange_[event.tgid] = index;
+        }
+    }
+}
+
+bool ProcsRealTask::ChangesAfter(const ProcEvent& event, size_t index) const {
+    const auto last = lastChange_.find(event.tgid);
+    return last != lastChange_.end() && last->second > index;
+}
+
+void ProcsRealTask::HandleEvent(const ProcEvent& event, bool changesLater) {
     NoteChange(event);
     const unsigned int flag = FlagOf(event.kind);
     // Thread creation and thread exit are no process events.
@@ -368,14 +387,24 @@ void ProcsRealTask::HandleEvent(const ProcEvent& event) {
     if (!dispatcher_.Wants(flag)) {
         return;
     }
+    bool movedOn = false;
     std::shared_ptr<ProcsMessage::procInfo> record =
-        flag == PROCS_EVENT_FORK ? ReadForkRecord(pid, event.parentTgid) : ReadRecord(pid);
+        flag == PROCS_EVENT_FORK ? ReadForkRecord(pid, event.parentTgid, movedOn) : ReadRecord(pid);
     if (record) {
+        // The table keeps what the process is now; the message tells what the event saw.
+        known_.Update(pid, KnownProcess::FromRecord(*record));
         if (rescannedStart >= 0 && record->startTime == rescannedStart) {
-            known_.Update(pid, KnownProcess::FromRecord(*record));
             return;
         }
-        known_.Update(pid, KnownProcess::FromRecord(*record));
+        if (flag == PROCS_EVENT_FORK && (movedOn || changesLater)) {
+            TakeCredentialsAtFork(*record, event.parentTgid);
+        } else if (flag == PROCS_EVENT_UID) {
+            record->uid = event.realId;
+            record->euid = event.effectiveId;
+        } else if (flag == PROCS_EVENT_GID) {
+            record->gid = event.realId;
+            record->egid = event.effectiveId;
+        }
     } else {
         record = RecordFromEvent(event, flag);
         ++counters_.partial;
@@ -417,6 +446,13 @@ void ProcsRealTask::Rescan() {
         if (!record) {
             record = RecordFromKnown(change.pid, live[change.pid]);
             ++counters_.partial;
+        } else if (change.flag == PROCS_EVENT_FORK) {
+            // Found a while after its fork: a child that no longer runs its parent's
+            // program has executed another, which may have changed its credentials.
+            const ParentFacts* parent = FindParent(record->ppid);
+            if (parent == nullptr || parent->exePath != record->exePath) {
+                TakeCredentialsAtFork(*record, record->ppid);
+            }
         }
         Publish(change.pid, change.flag, std::move(record));
     }
@@ -512,20 +548,52 @@ void ProcsRealTask::FillParentFields(ProcsMessage::procInfo& record) {
     }
 }
 
-std::shared_ptr<ProcsMessage::procInfo> ProcsRealTask::ReadForkRecord(int pid, int parentPid) {
+std::shared_ptr<ProcsMessage::procInfo> ProcsRealTask::ReadForkRecord(int pid, int parentPid, bool& movedOn) {
     auto record = std::make_shared<ProcsMessage::procInfo>();
-    if (!scanner_->ReadRecord(pid, ProcFsReader::kStatus, *record)) {
+    // The status before the executable link: an exec shows its new program before
+    // it commits the new credentials, so a child that still runs its parent's
+    // program after its status was read had its fork-time credentials in it.
+    if (!scanner_->ReadRecord(pid, ProcFsReader::kStatus | ProcFsReader::kExe, *record)) {
         return nullptr;
     }
     const ParentFacts* parent = record->ppid == parentPid ? FindParent(parentPid) : nullptr;
     if (parent == nullptr) {
-        return ReadRecord(pid);  // given to another parent already: its own files say more
+        // Given to another parent already, so its parent is gone: its own files say
+        // more, and what it ran since is unknown.
+        movedOn = true;
+        return ReadRecord(pid);
     }
+    movedOn = record->exePath != parent->exePath;
     record->exePath = parent->exePath;
     record->cmdline = parent->cmdline;
     record->parentExePath = parent->exePath;
     record->parentStartTime = parent->startTime;
     return record;
+}
+
+void ProcsRealTask::TakeCredentialsAtFork(ProcsMessage::procInfo& record, int parentPid) {
+    ProcsMessage::procInfo parent;
+    const bool read = scanner_->ReadRecord(parentPid, ProcFsReader::kStatus, parent) &&
+                      (record.parentStartTime == 0 || parent.startTime == record.parentStartTime);
+    KnownProcess state;
+    if (read) {
+        state = KnownProcess::FromRecord(parent);
+    } else if (const KnownProcess* known = known_.Find(parentPid)) {
+        state = *known;
+    } else {
+        return;  // nothing better than what the child shows
+    }
+    if (state.euid == 0xFFFFFFFFu || state.egid == 0xFFFFFFFFu) {
+        return;  // unknown is no better
+    }
+    record.uid = state.uid;
+    record.euid = state.euid;
+    record.suid = state.suid;
+    record.gid = state.gid;
+    record.egid = state.egid;
+    record.sgid = state.sgid;
+    record.capSetuid = state.capSetuid;
+    record.capSetgid = state.capSetgid;
 }
 
 void ProcsRealTask::UpdateCounters() {

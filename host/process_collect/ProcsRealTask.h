@@ -21,8 +21,10 @@ class ProcConnectorReader;
 
 // "procs_real_task": publishes process events to the tasks that subscribed to
 // them with ProcsRegistMessage, each as a ProcsMessage carrying the pid and the
-// process's record read from /proc right after the event (a fork's path and
-// command line are its parent's, see ReadForkRecord).
+// process's record read from /proc right after the event. A fork's record
+// describes the child as it was at the fork (its parent's program, command line
+// and credentials, see ReadForkRecord); a UID or GID event's record carries the
+// ids the event announced.
 //
 // Events delivered, by flag: PROCS_EVENT_FORK (a new process; thread creation
 // is not reported), PROCS_EVENT_EXEC, PROCS_EVENT_UID, PROCS_EVENT_GID (the
@@ -84,7 +86,12 @@ private:
     void ApplyPendingSubscriptions();
     bool RunConnector(ProcConnectorReader& reader);  // false: switch to polling
     void RunPolling();
-    void HandleEvent(const ProcEvent& event);
+    // `changesLater`: the same batch holds a later exec or identity change of the
+    // event's process.
+    void HandleEvent(const ProcEvent& event, bool changesLater);
+    // Notes, for each process, the last exec or identity change in events_.
+    void IndexChanges();
+    bool ChangesAfter(const ProcEvent& event, size_t index) const;
     void NoteChange(const ProcEvent& event);
     void FlushChangeNotes();
     void Rescan();
@@ -96,8 +103,14 @@ private:
     // A child runs its parent's program with its parent's arguments until it
     // executes another (an EXEC event of its own), so a fork's path and command
     // line are the parent's, read once for a storm of its forks; only the
-    // child's stat and status are read.
-    std::shared_ptr<ProcsMessage::procInfo> ReadForkRecord(int pid, int parentPid);
+    // child's stat, status and executable link are read. `movedOn` tells whether
+    // the child already ran another program when its status was read: its
+    // credentials may then be those the new program gave it.
+    std::shared_ptr<ProcsMessage::procInfo> ReadForkRecord(int pid, int parentPid, bool& movedOn);
+    // Puts the credentials a child had at its fork, its parent's, into `record`:
+    // the parent's as read now (a parent rarely changes right after a fork, a child
+    // often executes at once), else as last known.
+    void TakeCredentialsAtFork(ProcsMessage::procInfo& record, int parentPid);
     std::shared_ptr<ProcsMessage::procInfo> RecordFromEvent(const ProcEvent& event, unsigned int flag);
     std::shared_ptr<ProcsMessage::procInfo> RecordFromKnown(int pid, const KnownProcess& state);
     struct ParentFacts {
@@ -129,6 +142,7 @@ private:
     KnownProcessTable known_;
     std::unique_ptr<ProcTableScanner> scanner_;
     std::vector<ProcEvent> events_;
+    std::unordered_map<int, size_t> lastChange_;  // pid -> index in events_ of its last exec/UID/GID
     std::unordered_map<int, ParentFacts> parents_;
     std::vector<std::pair<unsigned int, std::shared_ptr<Framework::Message>>> outbox_;
     Counters counters_;

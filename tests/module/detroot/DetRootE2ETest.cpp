@@ -1,3 +1,4 @@
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <pwd.h>
@@ -11,6 +12,7 @@
 #include <cerrno>
 #include <chrono>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -206,6 +208,140 @@ TEST(DetRootE2E, SavedRootRegainedAlarmsOnceWhiteListedAndIgnoredProgramsNever) 
         EXPECT_TRUE(agent.Findings("procdet_0002", pid).empty()) << pid;
     }
     EXPECT_EQ(suid.Errors() + ignoredTree.Errors(), "");
+    agent.Stop();
+}
+
+// Runs `script` with /bin/sh as user 65534 in a process group of its own; the group
+// is killed when the object goes.
+class NobodyShell {
+public:
+    explicit NobodyShell(const std::string& script) {
+        pid_ = fork();
+        if (pid_ == 0) {
+            setpgid(0, 0);
+            if (setgroups(0, nullptr) != 0 || setresgid(65534, 65534, 65534) != 0 ||
+                setresuid(65534, 65534, 65534) != 0) {
+                _exit(126);
+            }
+            execl("/bin/sh", "sh", "-c", script.c_str(), static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        setpgid(pid_, pid_);
+    }
+    ~NobodyShell() {
+        kill(-pid_, SIGKILL);
+        while (waitpid(-pid_, nullptr, 0) > 0 || errno == EINTR) {
+        }
+    }
+
+private:
+    pid_t pid_ = -1;
+};
+
+// Busy processes that keep both cores loaded while they live.
+class CpuLoad {
+public:
+    explicit CpuLoad(int count) {
+        for (int i = 0; i < count; ++i) {
+            const pid_t pid = fork();
+            if (pid == 0) {
+                for (volatile unsigned long n = 0;; n = n + 1) {
+                }
+            }
+            pids_.push_back(pid);
+        }
+    }
+    ~CpuLoad() {
+        for (const pid_t pid : pids_) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
+    }
+
+private:
+    std::vector<pid_t> pids_;
+};
+
+std::vector<int> ReadPids(const std::string& path) {
+    std::vector<int> pids;
+    std::istringstream lines(ReadText(path));
+    for (int pid = 0; lines >> pid;) {
+        pids.push_back(pid);
+    }
+    return pids;
+}
+
+// The textbook escalation: an unprivileged shell starts a set-uid-root program, or
+// one with the set-uid file capability, from a directory outside the white list, by
+// fork and an immediate exec. Each must alarm (type 5, naming the program) however
+// late the agent reads the fork, so the round runs on a quiet and on a loaded
+// machine; the same set-uid program in a white-listed directory never alarms.
+TEST(DetRootE2E, SetuidAndFileCapabilityProgramsStartedByForkExecAlarmEveryTime) {
+    ASSERT_EQ(geteuid(), 0u) << "needs root";
+    constexpr int kRuns = 20;
+    const TempDir dropped("detroot_dropped");
+    const TempDir white("detroot_white");
+    chmod(dropped.path().c_str(), 0755);
+    chmod(white.path().c_str(), 0755);
+    const auto copy = [](const std::string& from, const std::string& to, mode_t mode) {
+        std::ofstream(to, std::ios::binary) << ReadText(from);
+        EXPECT_EQ(chown(to.c_str(), 0, 0) | chmod(to.c_str(), mode), 0) << to;
+        return to;
+    };
+    const std::string suidShell = copy("/bin/bash", dropped.path() + "/rb", 04755);
+    const std::string capSleep = copy("/bin/sleep", dropped.path() + "/capsleep", 0755);
+    ASSERT_EQ(std::system(("setcap cap_setuid=ep " + capSleep).c_str()), 0);
+    const std::string whiteShell = copy("/bin/bash", white.path() + "/wrb", 04755);
+
+    AgentRunner agent("detroot_forkexec");
+    agent.WritePolicy("10001", "proc_detroot_feature",
+                      R"({"enabled": true, "content": {"detroot_full_task": {"task_condition":
+                          {"start_time": 0, "repeat_interval": 2}}}})");
+    const std::string savedPath = getenv("PATH") != nullptr ? getenv("PATH") : "/usr/bin:/bin";
+    setenv("PATH", (white.path() + ":" + savedPath).c_str(), 1);
+    const bool started = agent.Start() && agent.WaitForLog("detroot1 inTime", kDeadlineMs);
+    setenv("PATH", savedPath.c_str(), 1);
+    ASSERT_TRUE(started) << agent.ReadLog();
+
+    for (const bool loaded : {false, true}) {
+        SCOPED_TRACE(loaded ? "loaded" : "quiet");
+        const CpuLoad load(loaded ? 2 : 0);
+        const TempDir pids("detroot_pids");
+        chmod(pids.path().c_str(), 0777);
+        // `; true` keeps bash from replacing itself with sleep. The pause is between
+        // launches (so that no two share a start tick), never between fork and exec.
+        const auto launch = [&](const std::string& command, const std::string& list) {
+            return "for i in $(seq " + std::to_string(kRuns) + "); do " + command + " & echo $! >> " +
+                   pids.path() + "/" + list + "; sleep 0.05; done; wait";
+        };
+        const NobodyShell shell(launch(suidShell + " -p -c 'sleep 600; true'", "suid") + " & " +
+                                launch(capSleep + " 600", "cap") + " & " +
+                                launch(whiteShell + " -p -c 'sleep 600; true'", "white") + "; wait");
+        std::vector<int> suid, cap, whiteListed;
+        ASSERT_TRUE(TestSupport::WaitFor(
+            [&] {
+                suid = ReadPids(pids.path() + "/suid");
+                cap = ReadPids(pids.path() + "/cap");
+                whiteListed = ReadPids(pids.path() + "/white");
+                return suid.size() == kRuns && cap.size() == kRuns && whiteListed.size() == kRuns;
+            },
+            kDeadlineMs));
+        for (const auto& [program, started] :
+             {std::make_pair(suidShell, suid), std::make_pair(capSleep, cap)}) {
+            for (const int pid : started) {
+                const AgentRunner::Finding finding =
+                    agent.WaitForFinding("procdet_0002", pid, 0, kDeadlineMs);
+                ASSERT_FALSE(finding.entry.isNull()) << program << " pid " << pid;
+                EXPECT_EQ(finding.alert["alarm_type"].asInt(), 5) << pid;
+                EXPECT_EQ(finding.entry["process_path"].asString(), program) << pid;
+                EXPECT_EQ(finding.entry["process_uid"].asString(), "65534") << pid;
+            }
+        }
+        agent.WaitForMoreLog("detroot once check end", 2, kDeadlineMs);
+        for (const int pid : whiteListed) {
+            EXPECT_TRUE(agent.Findings("procdet_0002", pid).empty()) << "white-listed " << pid;
+        }
+    }
     agent.Stop();
 }
 
