@@ -2,6 +2,7 @@
 
 #include <malloc.h>
 #include <sys/eventfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -41,6 +42,22 @@ constexpr unsigned long kTrimAfterEvents = 10000;
 // ... then again every kTrimIntervalMs while quiet, kTrimRounds times in all.
 constexpr int kTrimRounds = 7;
 constexpr long long kTrimIntervalMs = 10000;
+
+// The kernel's process connector names processes by their pids in the initial pid
+// namespace, whose namespace file has this fixed inode number. An agent in a pid
+// namespace of its own (a container) sees other pids in its /proc, so every event
+// would name a process that does not exist there, or another one.
+constexpr ino_t kInitialPidNamespaceInode = 0xEFFFFFFCu;
+
+// Empty when the connector's pids are the agent's own; else why not.
+std::string PidNamespaceMismatch() {
+    struct stat own {};
+    if (::stat("/proc/self/ns/pid", &own) != 0 || own.st_ino == kInitialPidNamespaceInode) {
+        return "";  // kernels without namespace files have only the one
+    }
+    return "the agent runs in pid namespace " + std::to_string(own.st_ino) +
+           " of its own, and the kernel process connector reports the host's pids";
+}
 
 unsigned int FlagOf(ProcEvent::Kind kind) {
     switch (kind) {
@@ -131,9 +148,14 @@ void ProcsRealTask::EnsureScanner() {
 int ProcsRealTask::Run() {
     EnsureScanner();
     ProcConnectorReader reader;
-    std::string detail;
-    const auto opened = reader.Open(detail);
-    if (opened == ProcConnectorReader::OpenResult::kOk) {
+    std::string detail = PidNamespaceMismatch();
+    const bool namespaced = !detail.empty();
+    const auto opened = namespaced ? ProcConnectorReader::OpenResult::kFailed : reader.Open(detail);
+    if (namespaced) {
+        HOST_MODULE_LOG_INFO(
+            kProcessCollectModuleName,
+            detail + ": rescanning /proc every second instead; exec events are not reported");
+    } else if (opened == ProcConnectorReader::OpenResult::kOk) {
         HOST_MODULE_LOG_INFO(kProcessCollectModuleName,
                              "process events from the kernel process connector, receive buffer " +
                                  std::to_string(reader.GetReceiveBufferBytes()) + " bytes");

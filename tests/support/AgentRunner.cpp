@@ -96,6 +96,7 @@ bool AgentRunner::Start(const std::vector<std::string>& extraArgs, const std::ve
         args.push_back(module);
     }
     args.insert(args.end(), extraArgs.begin(), extraArgs.end());
+    args.insert(args.begin(), launcher_.begin(), launcher_.end());
 
     std::vector<char*> argv;
     for (std::string& arg : args) {
@@ -118,7 +119,7 @@ bool AgentRunner::Start(const std::vector<std::string>& extraArgs, const std::ve
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
-        execv(argv[0], argv.data());
+        execvp(argv[0], argv.data());
         _exit(127);
     }
     return true;

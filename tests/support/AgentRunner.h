@@ -25,6 +25,10 @@ public:
     std::string AlertsPath() const { return prefix_ + "/log/alerts.json"; }
     std::string PolicyDir() const { return prefix_ + "/conf/policies"; }
 
+    // Runs the agent through `launcher` (a command that ends by executing its
+    // arguments, e.g. unshare); a stop then signals the launcher.
+    void SetLauncher(const std::vector<std::string>& launcher) { launcher_ = launcher; }
+
     // Writes <policy dir>/<id>/<feature>.json.
     void WritePolicy(const std::string& id, const std::string& feature, const std::string& json);
     void RemovePolicy(const std::string& id, const std::string& feature);
@@ -70,6 +74,7 @@ public:
 
 private:
     std::string prefix_;
+    std::vector<std::string> launcher_;
     pid_t pid_ = -1;
 };
 

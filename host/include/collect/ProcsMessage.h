@@ -16,7 +16,11 @@ namespace Engine {
 // all five are delivered (EXEC only while the kernel's process connector is
 // usable, not when the task has to fall back to rescanning /proc).
 //
-// The record is read from /proc right after the event. When the process is
+// The record is read from /proc right after the event, with two exceptions that
+// keep it true to the moment of the event: a FORK record describes the child as it
+// was at the fork (its parent's program, command line and credentials, even when
+// the child executed another program before it could be read), and a UID/GID
+// record carries the ids the event announced. When the process is
 // already gone, the event is still delivered with a record made from the event
 // itself: pid, ppid, for UID/GID the new real and effective ids, the parent's
 // path and start time when the parent can still be read; every other identity
