@@ -9,6 +9,7 @@
 
 #include "ProcessCollectModule.h"
 #include "sdk/HostLog.h"
+#include "sdk/ProcParsers.h"
 
 namespace Engine {
 
@@ -49,7 +50,7 @@ const ProcRecordParser& ProcTableScanner::Parser() {
         int64_t bootTime = 0;
         std::string procStat;
         const int error = reader_.ReadRootFile("stat", procStat);
-        if (error != 0 || !ProcRecordParser::ParseBootTime(procStat, bootTime)) {
+        if (error != 0 || !SDK::ParseBootTime(procStat, bootTime)) {
             HOST_MODULE_LOG_ERROR(kProcessCollectModuleName,
                                   "no boot time in " + reader_.GetRoot() + "/stat (" +
                                       (error != 0 ? std::string(std::strerror(error)) : "no btime line") +
@@ -130,9 +131,8 @@ bool ProcTableScanner::ReadRecord(int pid, unsigned parts, ProcsMessage::procInf
         return false;
     }
     if (zombie != nullptr) {
-        ProcStatFields fields;
-        *zombie =
-            ProcRecordParser::ParseStat(texts.stat, fields) && (fields.state == 'Z' || fields.state == 'X');
+        SDK::ProcStatFields fields;
+        *zombie = SDK::ParseStat(texts.stat, fields) && (fields.state == 'Z' || fields.state == 'X');
     }
     return true;
 }

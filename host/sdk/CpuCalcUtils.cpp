@@ -8,7 +8,7 @@
 #include <string>
 
 #include "KeptStatFiles.h"
-#include "ProcParsers.h"
+#include "sdk/ProcParsers.h"
 #include "sdk/ProcessUtils.h"
 
 namespace SDK {
@@ -46,7 +46,7 @@ bool ReadUptimeMs(long long& uptimeMs) {
         got = read(fd, buffer, sizeof buffer);
     } while (got < 0 && errno == EINTR);
     close(fd);
-    return got > 0 && ParseUptimeText(std::string(buffer, static_cast<size_t>(got)), uptimeMs);
+    return got > 0 && ParseUptime(std::string_view(buffer, static_cast<size_t>(got)), uptimeMs);
 }
 
 // 10000 per CPU fully used: cpuMs of CPU time over wallMs of wall time.

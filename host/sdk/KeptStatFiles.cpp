@@ -11,11 +11,26 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "sdk/ProcParsers.h"
 #include "sdk/ProcessUtils.h"
 
 namespace SDK {
 
 namespace {
+
+bool StatFromText(std::string_view text, ProcStat& out) {
+    ProcStatFields fields;
+    if (!ParseStat(text, fields)) {
+        return false;
+    }
+    out.comm.assign(fields.comm.data(), fields.comm.size());
+    out.state = fields.state;
+    out.ppid = fields.ppid;
+    out.utime = fields.utime;
+    out.stime = fields.stime;
+    out.startTime = fields.startTime;
+    return true;
+}
 
 // A file not read for this long belongs to a process nobody asks about any more.
 constexpr long long kIdleCloseS = 300;
@@ -134,7 +149,7 @@ bool KeptStatFiles::Read(long pid, ProcStat& out) {
     if (kept != files_.end()) {
         if (ReadAt0(kept->second.fd, text, sizeof text, size) == 0 && size > 0) {
             kept->second.lastReadS = nowS;
-            return ParseStatText(std::string_view(text, size), out);
+            return StatFromText(std::string_view(text, size), out);
         }
         // ESRCH: the process this file was opened for is gone; the pid may belong
         // to another one by now, which the open below finds.
@@ -156,7 +171,7 @@ bool KeptStatFiles::Read(long pid, ProcStat& out) {
     } else {
         close(fd);
     }
-    return read && ParseStatText(std::string_view(text, size), out);
+    return read && StatFromText(std::string_view(text, size), out);
 }
 
 }  // namespace SDK

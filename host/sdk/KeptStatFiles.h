@@ -7,9 +7,17 @@
 #include <string>
 #include <unordered_map>
 
-#include "ProcParsers.h"
-
 namespace SDK {
+
+// What the library keeps of /proc/PID/stat once the text is gone.
+struct ProcStat {
+    std::string comm;
+    char state = '?';
+    int ppid = 0;
+    unsigned long long utime = 0;  // clock ticks
+    unsigned long long stime = 0;
+    long long startTime = 0;  // clock ticks since boot
+};
 
 // The CPU-usage sampler and the liveness checks read every process's stat once
 // per detection cycle; a read of a file kept open costs about half of an

@@ -1,90 +1,20 @@
-#include "ProcParsers.h"
+#include "sdk/ProcParsers.h"
 
-#include <cerrno>
 #include <climits>
-#include <cstdlib>
-#include <sstream>
-#include <vector>
-
-#include "sdk/StrUtils.h"
 
 namespace SDK {
 
 namespace {
 
-// strtoull/strtoll with the whole of `text` required to be a number.
-bool ToUnsigned(const std::string& text, int base, unsigned long long& value) {
-    if (text.empty() || text[0] == '-') {
-        return false;
-    }
-    errno = 0;
-    char* end = nullptr;
-    value = std::strtoull(text.c_str(), &end, base);
-    return errno == 0 && end != nullptr && *end == '\0';
-}
-
-bool ToSigned(const std::string& text, long long& value) {
-    if (text.empty()) {
-        return false;
-    }
-    errno = 0;
-    char* end = nullptr;
-    value = std::strtoll(text.c_str(), &end, 10);
-    return errno == 0 && end != nullptr && *end == '\0';
-}
-
-bool ToInt(const std::string& text, int& value) {
-    long long wide = 0;
-    if (!ToSigned(text, wide) || wide < -2147483648LL || wide > 2147483647LL) {
-        return false;
-    }
-    value = static_cast<int>(wide);
-    return true;
-}
-
-// Four decimal ids ("Uid:\t0\t0\t0\t0").
-bool ParseIdQuad(const std::string& value, unsigned int* ids[4]) {
-    std::vector<std::string> pieces;
-    StrUtils::EasySplit(value, pieces, " \t");
-    if (pieces.size() != 4) {
-        return false;
-    }
-    unsigned int parsed[4];
-    for (int i = 0; i < 4; ++i) {
-        unsigned long long id = 0;
-        if (!ToUnsigned(pieces[i], 10, id) || id > 0xFFFFFFFFULL) {
-            return false;
-        }
-        parsed[i] = static_cast<unsigned int>(id);
-    }
-    for (int i = 0; i < 4; ++i) {
-        *ids[i] = parsed[i];
-    }
-    return true;
-}
-
-bool ParseCapSet(const std::string& value, uint64_t& cap) {
-    unsigned long long parsed = 0;
-    if (!ToUnsigned(value, 16, parsed)) {
-        return false;
-    }
-    cap = parsed;
-    return true;
-}
-
-}  // namespace
-
-namespace {
-
 // The next field of a blank- or newline-separated text; false at its end.
 bool NextField(std::string_view& rest, std::string_view& field) {
-    const std::string_view::size_type begin = rest.find_first_not_of(" \n");
+    const std::string_view::size_type begin = rest.find_first_not_of(" \t\n");
     if (begin == std::string_view::npos) {
         rest = {};
         return false;
     }
     rest.remove_prefix(begin);
-    const std::string_view::size_type end = rest.find_first_of(" \n");
+    const std::string_view::size_type end = rest.find_first_of(" \t\n");
     field = rest.substr(0, end);
     rest.remove_prefix(end == std::string_view::npos ? rest.size() : end);
     return true;
@@ -127,35 +57,93 @@ bool DecimalSigned(std::string_view text, long long low, long long high, long lo
     return true;
 }
 
-bool DecimalInt(std::string_view text, int& value) {
+bool DecimalInt(std::string_view text, int low, int& value) {
     long long wide = 0;
-    if (!DecimalSigned(text, -2147483648LL, 2147483647LL, wide)) {
+    if (!DecimalSigned(text, low, INT_MAX, wide)) {
         return false;
     }
     value = static_cast<int>(wide);
     return true;
 }
 
+// 1 to 16 hexadecimal digits.
+bool Hex64(std::string_view text, uint64_t& value) {
+    if (text.empty() || text.size() > 16) {
+        return false;
+    }
+    uint64_t parsed = 0;
+    for (const char c : text) {
+        unsigned nibble;
+        if (c >= '0' && c <= '9') {
+            nibble = static_cast<unsigned>(c - '0');
+        } else if (c >= 'a' && c <= 'f') {
+            nibble = static_cast<unsigned>(c - 'a' + 10);
+        } else if (c >= 'A' && c <= 'F') {
+            nibble = static_cast<unsigned>(c - 'A' + 10);
+        } else {
+            return false;
+        }
+        parsed = parsed << 4 | nibble;
+    }
+    value = parsed;
+    return true;
+}
+
+// A value of exactly `count` blank-separated fields.
+bool SplitFields(std::string_view value, std::string_view* fields, int count) {
+    for (int i = 0; i < count; ++i) {
+        if (!NextField(value, fields[i])) {
+            return false;
+        }
+    }
+    std::string_view extra;
+    return !NextField(value, extra);
+}
+
+// Four decimal ids ("Uid:\t0\t0\t0\t0"), all or none.
+bool IdQuad(std::string_view value, unsigned int* const ids[4]) {
+    std::string_view fields[4];
+    if (!SplitFields(value, fields, 4)) {
+        return false;
+    }
+    unsigned int parsed[4];
+    for (int i = 0; i < 4; ++i) {
+        unsigned long long id = 0;
+        if (!DecimalUnsigned(fields[i], id) || id > 0xFFFFFFFFULL) {
+            return false;
+        }
+        parsed[i] = static_cast<unsigned int>(id);
+    }
+    for (int i = 0; i < 4; ++i) {
+        *ids[i] = parsed[i];
+    }
+    return true;
+}
+
+bool CapSet(std::string_view value, uint64_t& cap) {
+    std::string_view field;
+    return SplitFields(value, &field, 1) && Hex64(field, cap);
+}
+
 }  // namespace
 
-bool ParseStatText(std::string_view text, ProcStat& out) {
+bool ParseStat(std::string_view text, ProcStatFields& out) {
     // comm is written raw between parentheses and may itself hold blanks and ')',
-    // so it ends at the last ')'. Runs for every process of every detection cycle:
-    // fields are walked in place, and comm (at most 15 bytes) fits a short string.
+    // so it ends at the last ')'. Runs for every process of every snapshot and
+    // detection cycle: the fields are walked in place.
     const std::string_view::size_type open = text.find('(');
     const std::string_view::size_type close = text.rfind(')');
     if (open == std::string_view::npos || close == std::string_view::npos || close < open) {
         return false;
     }
-    ProcStat stat;
-    if (open < 2 || text[open - 1] != ' ' || !DecimalInt(text.substr(0, open - 1), stat.pid)) {
+    ProcStatFields stat;
+    if (open < 2 || text[open - 1] != ' ' || !DecimalInt(text.substr(0, open - 1), 1, stat.pid)) {
         return false;
     }
     // Fields after comm, numbered from 3 (state) as in proc(5).
     constexpr int kStartTimeField = 22;
     std::string_view rest = text.substr(close + 1);
     std::string_view field;
-    long long startTime = -1;
     for (int number = 3; number <= kStartTimeField; ++number) {
         if (!NextField(rest, field)) {
             return false;
@@ -167,13 +155,13 @@ bool ParseStatText(std::string_view text, ProcStat& out) {
                 stat.state = field[0];
                 break;
             case 4:
-                ok = DecimalInt(field, stat.ppid);
+                ok = DecimalInt(field, 0, stat.ppid);
                 break;
             case 5:
-                ok = DecimalInt(field, stat.pgrp);
+                ok = DecimalInt(field, INT_MIN, stat.pgrp);
                 break;
             case 6:
-                ok = DecimalInt(field, stat.session);
+                ok = DecimalInt(field, INT_MIN, stat.session);
                 break;
             case 14:
                 ok = DecimalUnsigned(field, stat.utime);
@@ -182,7 +170,7 @@ bool ParseStatText(std::string_view text, ProcStat& out) {
                 ok = DecimalUnsigned(field, stat.stime);
                 break;
             case kStartTimeField:
-                ok = DecimalSigned(field, 0, LLONG_MAX, startTime);
+                ok = DecimalSigned(field, 0, LLONG_MAX, stat.startTime);
                 break;
             default:
                 break;
@@ -191,22 +179,28 @@ bool ParseStatText(std::string_view text, ProcStat& out) {
             return false;
         }
     }
-    stat.comm.assign(text.data() + open + 1, close - open - 1);
-    stat.startTime = startTime;
-    out = std::move(stat);
+    stat.comm = text.substr(open + 1, close - open - 1);
+    out = stat;
     return true;
 }
 
-bool ParseStatusText(std::string_view text, ProcessUtils::procStatus& out) {
-    // Read for the parent of every fork event: the lines are walked in place and
-    // only the values of the keys kept are copied (each fits a short string).
-    enum class Key { kOther, kUid, kGid, kPPid, kCapPrm, kCapEff, kCapBnd };
-    ProcessUtils::procStatus status;
-    bool haveName = false;
-    bool haveUid = false;
-    bool haveGid = false;
+bool ParseStatus(std::string_view text, ProcStatusFields& out) {
+    // Read for every fork event and snapshot: the lines are walked in place, and the
+    // walk ends once every key used was seen (CapBnd comes about two thirds in).
+    enum Key : unsigned {
+        kName = 1,
+        kPPid = 2,
+        kUid = 4,
+        kGid = 8,
+        kCapPrm = 16,
+        kCapEff = 32,
+        kCapBnd = 64
+    };
+    constexpr unsigned kAll = 127;
+    ProcStatusFields status;
+    unsigned seen = 0;
     std::string_view::size_type position = 0;
-    while (position < text.size()) {
+    while (position < text.size() && seen != kAll) {
         std::string_view::size_type end = text.find('\n', position);
         if (end == std::string_view::npos) {
             end = text.size();
@@ -218,101 +212,115 @@ bool ParseStatusText(std::string_view text, ProcessUtils::procStatus& out) {
             continue;
         }
         const std::string_view key = line.substr(0, colon);
-        const std::string_view rawValue = line.substr(colon + 1);
+        const std::string_view value = line.substr(colon + 1);
         if (key == "Name") {
             // Only the one separating tab goes: a name may start or end with blanks.
-            status.name.assign(!rawValue.empty() && rawValue[0] == '\t' ? rawValue.substr(1) : rawValue);
-            haveName = true;
-            continue;
-        }
-        const Key which = key == "Uid"      ? Key::kUid
-                          : key == "Gid"    ? Key::kGid
-                          : key == "PPid"   ? Key::kPPid
-                          : key == "CapPrm" ? Key::kCapPrm
-                          : key == "CapEff" ? Key::kCapEff
-                          : key == "CapBnd" ? Key::kCapBnd
-                                            : Key::kOther;
-        if (which == Key::kOther) {
-            continue;
-        }
-        std::string value(rawValue);
-        StrUtils::Trim(value);
-        switch (which) {
-            case Key::kUid: {
-                unsigned int* ids[4] = {&status.uid, &status.euid, &status.suid, &status.fsuid};
-                haveUid = ParseIdQuad(value, ids);
-                break;
+            status.name = !value.empty() && value[0] == '\t' ? value.substr(1) : value;
+            status.hasName = true;
+            seen |= kName;
+        } else if (key == "PPid") {
+            std::string_view field;
+            if (SplitFields(value, &field, 1)) {
+                DecimalInt(field, 0, status.ppid);
             }
-            case Key::kGid: {
-                unsigned int* ids[4] = {&status.gid, &status.egid, &status.sgid, &status.fsgid};
-                haveGid = ParseIdQuad(value, ids);
-                break;
-            }
-            case Key::kPPid:
-                ToInt(value, status.ppid);
-                break;
-            case Key::kCapPrm:
-                ParseCapSet(value, status.capPrm);
-                break;
-            case Key::kCapEff:
-                ParseCapSet(value, status.capEff);
-                break;
-            case Key::kCapBnd:
-                ParseCapSet(value, status.capBnd);
-                break;
-            case Key::kOther:
-                break;
+            seen |= kPPid;
+        } else if (key == "Uid") {
+            unsigned int* const ids[4] = {&status.uid, &status.euid, &status.suid, &status.fsuid};
+            status.hasUid = IdQuad(value, ids);
+            seen |= kUid;
+        } else if (key == "Gid") {
+            unsigned int* const ids[4] = {&status.gid, &status.egid, &status.sgid, &status.fsgid};
+            status.hasGid = IdQuad(value, ids);
+            seen |= kGid;
+        } else if (key == "CapPrm") {
+            CapSet(value, status.capPrm);
+            seen |= kCapPrm;
+        } else if (key == "CapEff") {
+            status.hasCapEff = CapSet(value, status.capEff);
+            seen |= kCapEff;
+        } else if (key == "CapBnd") {
+            CapSet(value, status.capBnd);
+            seen |= kCapBnd;
         }
     }
-    if (!haveName || !haveUid || !haveGid) {
-        return false;
-    }
-    out = std::move(status);
-    return true;
+    out = status;
+    return status.hasName && status.hasUid && status.hasGid;
 }
 
-std::string JoinCmdlineText(const std::string& raw, std::size_t maxLength) {
-    std::string::size_type end = raw.find_last_not_of('\0');
-    std::string joined = end == std::string::npos ? std::string() : raw.substr(0, end + 1);
-    for (char& c : joined) {
+void JoinCmdline(std::string_view raw, std::size_t maxLength, std::string& out) {
+    if (raw.size() > maxLength) {
+        raw = raw.substr(0, maxLength);
+    }
+    while (!raw.empty() && raw.back() == '\0') {
+        raw.remove_suffix(1);
+    }
+    out.assign(raw.data(), raw.size());
+    for (char& c : out) {
         if (c == '\0') {
             c = ' ';
         }
     }
-    if (joined.size() > maxLength) {
-        joined.resize(maxLength);
-    }
-    return joined;
 }
 
-bool ParseSocketLink(const std::string& target, long& inode) {
-    static const std::string kPrefix = "socket:[";
-    if (target.size() <= kPrefix.size() + 1 || target.compare(0, kPrefix.size(), kPrefix) != 0 ||
+bool ParseSocketLink(std::string_view target, long& inode) {
+    constexpr std::string_view kPrefix = "socket:[";
+    if (target.size() <= kPrefix.size() + 1 || target.substr(0, kPrefix.size()) != kPrefix ||
         target.back() != ']') {
         return false;
     }
     long long value = 0;
-    if (!ToSigned(target.substr(kPrefix.size(), target.size() - kPrefix.size() - 1), value) || value <= 0) {
+    if (!DecimalSigned(target.substr(kPrefix.size(), target.size() - kPrefix.size() - 1), 1, LONG_MAX,
+                       value)) {
         return false;
     }
     inode = static_cast<long>(value);
     return true;
 }
 
-bool ParseUptimeText(const std::string& text, long long& uptimeMs) {
-    std::istringstream in(text);
-    std::string first;
-    if (!(in >> first)) {
+bool ParseUptime(std::string_view text, long long& uptimeMs) {
+    // "12345.67 23456.78\n": seconds with two decimals.
+    std::string_view field;
+    if (!NextField(text, field)) {
         return false;
     }
-    errno = 0;
-    char* end = nullptr;
-    const double seconds = std::strtod(first.c_str(), &end);
-    if (errno != 0 || end == nullptr || *end != '\0' || !(seconds >= 0.0)) {
+    const std::string_view::size_type dot = field.find('.');
+    unsigned long long whole = 0;
+    unsigned long long fraction = 0;
+    const std::string_view decimals =
+        dot == std::string_view::npos ? std::string_view() : field.substr(dot + 1);
+    if (!DecimalUnsigned(field.substr(0, dot), whole) ||
+        whole > static_cast<unsigned long long>(LLONG_MAX / 1000) ||
+        (dot != std::string_view::npos && !DecimalUnsigned(decimals, fraction))) {
         return false;
     }
-    uptimeMs = static_cast<long long>(seconds * 1000.0);
+    long long milliseconds = 0;
+    long long scale = 100;
+    for (size_t i = 0; i < decimals.size() && i < 3; ++i, scale /= 10) {
+        milliseconds += (decimals[i] - '0') * scale;
+    }
+    uptimeMs = static_cast<long long>(whole) * 1000 + milliseconds;
     return true;
+}
+
+bool ParseBootTime(std::string_view procStat, int64_t& bootTimeSec) {
+    std::string_view::size_type position = 0;
+    while (position < procStat.size()) {
+        std::string_view::size_type end = procStat.find('\n', position);
+        if (end == std::string_view::npos) {
+            end = procStat.size();
+        }
+        std::string_view line = procStat.substr(position, end - position);
+        position = end + 1;
+        std::string_view key;
+        std::string_view value;
+        long long seconds = 0;
+        if (NextField(line, key) && key == "btime" && SplitFields(line, &value, 1) &&
+            DecimalSigned(value, 0, LLONG_MAX, seconds)) {
+            bootTimeSec = seconds;
+            return true;
+        }
+    }
+    return false;
 }
 
 }  // namespace SDK

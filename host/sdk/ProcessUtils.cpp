@@ -14,9 +14,9 @@
 
 #include "KeptStatFiles.h"
 #include "KeptStatusFile.h"
-#include "ProcParsers.h"
 #include "SessionLookup.h"
 #include "sdk/FileUtils.h"
+#include "sdk/ProcParsers.h"
 
 namespace SDK {
 
@@ -88,6 +88,29 @@ struct DirCloser {
     void operator()(DIR* dir) const { closedir(dir); }
 };
 
+bool StatusFromText(std::string_view text, ProcessUtils::procStatus& out) {
+    ProcStatusFields fields;
+    if (!ParseStatus(text, fields)) {
+        return false;
+    }
+    ProcessUtils::procStatus status;
+    status.uid = fields.uid;
+    status.euid = fields.euid;
+    status.suid = fields.suid;
+    status.fsuid = fields.fsuid;
+    status.gid = fields.gid;
+    status.egid = fields.egid;
+    status.sgid = fields.sgid;
+    status.fsgid = fields.fsgid;
+    status.ppid = fields.ppid;
+    status.name.assign(fields.name.data(), fields.name.size());
+    status.capPrm = fields.capPrm;
+    status.capEff = fields.capEff;
+    status.capBnd = fields.capBnd;
+    out = std::move(status);
+    return true;
+}
+
 bool ReadStat(long pid, ProcStat& stat) {
     return KeptStatFiles::Instance().Read(pid, stat);
 }
@@ -117,7 +140,7 @@ int ProcessUtils::GetProcessCmdline(int pid, std::string& out, int maxLength) {
     if (!ReadHead(PidPath(pid, "cmdline"), raw, static_cast<size_t>(maxLength) + 1)) {
         return -1;
     }
-    out = JoinCmdlineText(raw, static_cast<size_t>(maxLength));
+    JoinCmdline(raw, static_cast<size_t>(maxLength), out);
     return 0;
 }
 
@@ -188,13 +211,13 @@ int ProcessUtils::GetProcessStatusInfo(int pid, procStatus& out) {
     }
     const size_t size = static_cast<size_t>(got);
     if (size < sizeof buffer) {
-        return ParseStatusText(std::string_view(buffer, size), out) ? 0 : -1;
+        return StatusFromText(std::string_view(buffer, size), out) ? 0 : -1;
     }
     std::string text;
     if (FileUtils::ReadFile(path, text, kProcTextLimit) != 0) {
         return -1;
     }
-    return ParseStatusText(text, out) ? 0 : -1;
+    return StatusFromText(text, out) ? 0 : -1;
 }
 
 int ProcessUtils::GetProcessUser(unsigned int uid, std::string& name) {

@@ -114,18 +114,13 @@ TEST(ProcRecordParser, TruncatedOrOddTexts) {
     EXPECT_EQ(0u, record.capSetgid);
 
     // The command line is capped at 4096 bytes.
+    texts = sleep.Texts();
     std::string longArgs(5000, 'x');
     longArgs[10] = '\0';
-    std::string joined;
-    ProcRecordParser::JoinCmdline(longArgs, joined);
-    EXPECT_EQ(4096u, joined.size());
-    EXPECT_EQ(' ', joined[10]);
-
-    int64_t bootTime = 0;
-    EXPECT_TRUE(
-        ProcRecordParser::ParseBootTime("cpu  1 2 3\nintr 5\nbtime 1795330744\nprocesses 9\n", bootTime));
-    EXPECT_EQ(kBootTime, bootTime);
-    EXPECT_FALSE(ProcRecordParser::ParseBootTime("cpu  1 2 3\nxbtime 5\n", bootTime));
+    texts.cmdline = longArgs;
+    ASSERT_TRUE(parser.Build(texts, record));
+    EXPECT_EQ(4096u, record.cmdline.size());
+    EXPECT_EQ(' ', record.cmdline[10]);
 }
 
 }  // namespace

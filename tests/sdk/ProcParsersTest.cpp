@@ -4,7 +4,7 @@
 #include <sstream>
 #include <tuple>
 
-#include "ProcParsers.h"
+#include "sdk/ProcParsers.h"
 #include "support/FileText.h"
 
 namespace {
@@ -14,14 +14,16 @@ std::string Sample(const std::string& name) {
 }
 
 TEST(ProcParsers, StatOfCapturedProcesses) {
-    SDK::ProcStat stat;
+    SDK::ProcStatFields stat;
     // comm "x) (y z" holds blanks and both parentheses.
-    ASSERT_TRUE(SDK::ParseStatText(Sample("stat_comm_paren"), stat));
-    EXPECT_EQ(
-        std::make_tuple(stat.pid, stat.comm, stat.state, stat.ppid, stat.pgrp, stat.session, stat.startTime),
-        std::make_tuple(5293, std::string("x) (y z"), 'S', 5292, 5286, 3251, 53584LL));
+    const std::string paren = Sample("stat_comm_paren");
+    ASSERT_TRUE(SDK::ParseStat(paren, stat));
+    EXPECT_EQ(std::make_tuple(stat.pid, std::string(stat.comm), stat.state, stat.ppid, stat.pgrp,
+                              stat.session, stat.startTime),
+              std::make_tuple(5293, std::string("x) (y z"), 'S', 5292, 5286, 3251, 53584LL));
 
-    ASSERT_TRUE(SDK::ParseStatText(Sample("stat_python"), stat));
+    const std::string python = Sample("stat_python");
+    ASSERT_TRUE(SDK::ParseStat(python, stat));
     EXPECT_EQ(stat.comm, "python3");
     EXPECT_EQ(stat.utime, 1u);
     EXPECT_EQ(stat.stime, 1u);
@@ -30,63 +32,82 @@ TEST(ProcParsers, StatOfCapturedProcesses) {
 
 TEST(ProcParsers, StatRejectsTruncatedAndGarbage) {
     const std::string good = Sample("stat_comm_paren");
-    SDK::ProcStat stat;
+    SDK::ProcStatFields stat;
     stat.pid = 77;
     // Cut inside comm, just after it, and before the start time (field 22).
     for (const std::size_t cut : {std::size_t{8}, good.find(" S ") + 1, good.find(" 53584")}) {
-        EXPECT_FALSE(SDK::ParseStatText(good.substr(0, cut), stat)) << "cut at " << cut;
+        EXPECT_FALSE(SDK::ParseStat(good.substr(0, cut), stat)) << "cut at " << cut;
     }
     for (const char* garbage : {"", ")", "(", "12 x S 1", "abc (x) S 1 2 3", "(x) S 1 2 3 4 5 6 7 8 9",
+                                "0 (x) S 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 10",
+                                "5 (x) S -1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 10",
                                 "5 (x) SS 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 10",
                                 "5 (x) S one 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 10"}) {
-        EXPECT_FALSE(SDK::ParseStatText(garbage, stat)) << garbage;
+        EXPECT_FALSE(SDK::ParseStat(garbage, stat)) << garbage;
     }
     EXPECT_EQ(stat.pid, 77) << "a failed parse must leave the output alone";
     // A stat ending right after the start time is complete enough.
-    ASSERT_TRUE(SDK::ParseStatText("5 (x) R 1 1 1 0 -1 0 0 0 0 0 7 3 0 0 20 0 1 0 10", stat));
+    ASSERT_TRUE(SDK::ParseStat("5 (x) R 1 1 1 0 -1 0 0 0 0 0 7 3 0 0 20 0 1 0 10", stat));
     EXPECT_EQ(stat.utime + stat.stime, 10u);
 }
 
 TEST(ProcParsers, StatusIdentitiesAndCapabilities) {
-    SDK::ProcessUtils::procStatus status;
-    ASSERT_TRUE(SDK::ParseStatusText(Sample("status_dropped"), status));
+    SDK::ProcStatusFields status;
+    const std::string dropped = Sample("status_dropped");
+    ASSERT_TRUE(SDK::ParseStatus(dropped, status));
     EXPECT_EQ(status.name, "python3");
     EXPECT_EQ(std::make_tuple(status.ppid, status.uid, status.euid, status.suid, status.fsuid),
               std::make_tuple(5286, 1000u, 1001u, 1002u, 1001u));
     EXPECT_EQ(std::make_tuple(status.gid, status.egid, status.sgid, status.fsgid),
               std::make_tuple(65534u, 65533u, 65532u, 65533u));
     EXPECT_EQ(std::make_tuple(status.capPrm, status.capEff, status.capBnd),
-              std::make_tuple(0ULL, 0ULL, 0x1fffeffffffULL));
+              std::make_tuple(uint64_t{0}, uint64_t{0}, uint64_t{0x1fffeffffff}));
 
-    ASSERT_TRUE(SDK::ParseStatusText(Sample("status_root"), status));
+    const std::string root = Sample("status_root");
+    ASSERT_TRUE(SDK::ParseStatus(root, status));
     EXPECT_EQ(status.name, "x) (y z");
     EXPECT_EQ(status.fsuid, 0u);
-    EXPECT_EQ(status.capEff, 0x1fffeffffffULL);
+    EXPECT_EQ(status.capEff, uint64_t{0x1fffeffffff});
 }
 
-TEST(ProcParsers, StatusRejectsIncompleteText) {
+TEST(ProcParsers, StatusIncompleteOrMalformedLines) {
     const std::string good = Sample("status_dropped");
-    SDK::ProcessUtils::procStatus status;
-    // Truncated before the Gid line: identities would be half known.
-    EXPECT_FALSE(SDK::ParseStatusText(good.substr(0, good.find("Gid:")), status));
-    EXPECT_FALSE(SDK::ParseStatusText("Name:\tx\nUid:\t1\t2\t3\nGid:\t0\t0\t0\t0\n", status));
-    EXPECT_FALSE(SDK::ParseStatusText("Name:\tx\nUid:\t1\t2\t3\tz\nGid:\t0\t0\t0\t0\n", status));
-    EXPECT_FALSE(SDK::ParseStatusText("Name:\tx\nUid:\t1\t2\t3\t99999999999\nGid:\t0\t0\t0\t0\n", status));
-    EXPECT_FALSE(SDK::ParseStatusText("garbage\n\n\x01", status));
-    EXPECT_EQ(status.uid, 0xFFFFFFFFu) << "a failed parse must leave the output alone";
-
+    // Truncated before the Gid line: the user ids are read, the group ids stay unknown.
+    SDK::ProcStatusFields status;
+    EXPECT_FALSE(SDK::ParseStatus(good.substr(0, good.find("Gid:")), status));
+    EXPECT_TRUE(status.hasUid);
+    EXPECT_EQ(status.egid, 0xFFFFFFFFu);
+    // An id line is read whole or not at all.
+    for (const char* text :
+         {"Name:\tx\nUid:\t1\t2\t3\nGid:\t0\t0\t0\t0\n", "Name:\tx\nUid:\t1\t2\t3\tz\nGid:\t0\t0\t0\t0\n",
+          "Name:\tx\nUid:\t1\t2\t3\t99999999999\nGid:\t0\t0\t0\t0\n",
+          "Name:\tx\nUid:\t1\t2\t3\t4\t5\nGid:\t0\t0\t0\t0\n", "garbage\n\n\x01"}) {
+        status = SDK::ProcStatusFields();
+        EXPECT_FALSE(SDK::ParseStatus(text, status)) << text;
+        EXPECT_EQ(status.uid, 0xFFFFFFFFu) << text;
+    }
     // Unreadable capability sets stay 0 without failing the identities.
-    ASSERT_TRUE(SDK::ParseStatusText("Name:\tx\nUid:\t5\t5\t5\t5\nGid:\t6\t6\t6\t6\nCapEff:\tzz\n", status));
+    ASSERT_TRUE(SDK::ParseStatus(
+        "Name:\tx\nUid:\t5\t5\t5\t5\nGid:\t6\t6\t6\t6\nCapEff:\tzz\nCapBnd:\t1ffffffffffffffff\n", status));
     EXPECT_EQ(status.uid, 5u);
-    EXPECT_EQ(status.capEff, 0u);
+    EXPECT_FALSE(status.hasCapEff);
+    EXPECT_EQ(status.capEff + status.capBnd, 0u);
 }
 
 TEST(ProcParsers, CmdlineJoinedAndLimited) {
-    EXPECT_EQ(SDK::JoinCmdlineText(Sample("cmdline_sleep"), 4096), "/tmp/x) (y z 300");
-    EXPECT_EQ(SDK::JoinCmdlineText(Sample("cmdline_sleep"), 6), "/tmp/x");
-    EXPECT_EQ(SDK::JoinCmdlineText(std::string("a\0\0b\0\0\0", 7), 100), "a  b");
-    EXPECT_EQ(SDK::JoinCmdlineText(std::string(), 100), "");
-    EXPECT_EQ(SDK::JoinCmdlineText(std::string("\0", 1), 100), "");
+    std::string joined;
+    const std::string sleep = Sample("cmdline_sleep");
+    const std::pair<std::string, std::size_t> cases[] = {{sleep, 4096},
+                                                         {sleep, 6},
+                                                         {std::string("a\0\0b\0\0\0", 7), 100},
+                                                         {std::string(), 100},
+                                                         {std::string("\0", 1), 100},
+                                                         {std::string("ab\0\0cd", 6), 4}};
+    const char* expected[] = {"/tmp/x) (y z 300", "/tmp/x", "a  b", "", "", "ab"};
+    for (std::size_t i = 0; i < std::size(cases); ++i) {
+        SDK::JoinCmdline(cases[i].first, cases[i].second, joined);
+        EXPECT_EQ(joined, expected[i]) << i;
+    }
 }
 
 TEST(ProcParsers, SmallTexts) {
@@ -99,9 +120,14 @@ TEST(ProcParsers, SmallTexts) {
     }
 
     long long uptimeMs = 0;
-    EXPECT_TRUE(SDK::ParseUptimeText("1234.56 2000.00\n", uptimeMs));
+    EXPECT_TRUE(SDK::ParseUptime("1234.56 2000.00\n", uptimeMs));
     EXPECT_EQ(uptimeMs, 1234560);
-    EXPECT_FALSE(SDK::ParseUptimeText("abc 1", uptimeMs));
+    EXPECT_FALSE(SDK::ParseUptime("abc 1", uptimeMs));
+
+    int64_t bootTime = 0;
+    EXPECT_TRUE(SDK::ParseBootTime("cpu  1 2 3\nintr 5\nbtime 1795330744\nprocesses 9\n", bootTime));
+    EXPECT_EQ(bootTime, 1795330744);
+    EXPECT_FALSE(SDK::ParseBootTime("cpu  1 2 3\nxbtime 5\nbtime\n", bootTime));
 }
 
 }  // namespace
