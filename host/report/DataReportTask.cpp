@@ -11,13 +11,11 @@
 
 #include "AlertLine.h"
 #include "AlertSinkFactory.h"
+#include "BuildInfo.h"
 #include "framework/DataMessage.h"
 #include "framework/Metrics.h"
 #include "sdk/HostLog.h"
 
-#ifndef CORVANE_VERSION
-#define CORVANE_VERSION "0"
-#endif
 
 namespace Agent {
 
