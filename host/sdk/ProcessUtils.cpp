@@ -125,6 +125,10 @@ const std::string& ProcessUtils::GetProcRoot() {
     return ProcRoot();
 }
 
+std::string ProcessUtils::GetProcessFilePath(long pid, const char* entry) {
+    return PidPath(pid, entry);
+}
+
 bool ProcessUtils::IsProcessAlive(unsigned int pid) {
     ProcStat stat;
     // A zombie has exited already; only its exit status is left to collect.

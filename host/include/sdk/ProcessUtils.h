@@ -40,6 +40,8 @@ public:
     // The /proc root ("/proc" unless changed; tests point it at a fake tree).
     static void SetProcRoot(const std::string& root);
     static const std::string& GetProcRoot();
+    // "<proc root>/<pid>/<entry>", e.g. the exe link or maps of a process.
+    static std::string GetProcessFilePath(long pid, const char* entry);
 
     static bool IsProcessAlive(unsigned int pid);
     // Arguments joined by single blanks, at most maxLength bytes. 0 on success.

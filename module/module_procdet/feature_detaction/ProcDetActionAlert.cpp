@@ -73,9 +73,10 @@ void ProcDetActionFullTask::PrepareProcessInfo(int pid, const ProcCheckInfo& inf
     std::string parentPath;
     SDK::ProcessUtils::GetProcessExePath(static_cast<unsigned int>(ppid), parentPath);
 
-    // A deleted executable can still be read through the process's own link.
-    const std::string path =
-        (info.flags & PROC_DELETED) != 0 ? "/proc/" + std::to_string(pid) + "/exe" : info.filePath;
+    // A deleted executable can still be read through the process's own link; the
+    // alert names that link as "/proc/PID/exe" wherever /proc is read from.
+    const bool deleted = (info.flags & PROC_DELETED) != 0;
+    const std::string path = deleted ? SDK::ProcessUtils::GetProcessFilePath(pid, "exe") : info.filePath;
     unsigned int mode = 0;
     struct stat st {};
     if (stat(path.c_str(), &st) == 0) {
@@ -87,7 +88,7 @@ void ProcDetActionFullTask::PrepareProcessInfo(int pid, const ProcCheckInfo& inf
     SDK::ProcessUtils::GetProcessCmdline(pid, cmdline, kCmdlineLimit);
 
     item["process_pid"] = pid;
-    item["process_path"] = path;
+    item["process_path"] = deleted ? "/proc/" + std::to_string(pid) + "/exe" : info.filePath;
     item["process_hash"] = hash;
     item["process_cmdline"] = cmdline;
     item["parent_process_pid"] = ppid;

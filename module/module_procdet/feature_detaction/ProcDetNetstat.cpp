@@ -26,7 +26,6 @@ constexpr const char* kProcDetSource = "module/module_procdet/feature_detaction/
 namespace {
 
 constexpr const char* kPaceTaskName = "detaction_full_task";
-constexpr const char* kProcNetTcp = "/proc/net/tcp";
 constexpr int kTcpEstablished = 1;
 constexpr int kTcpSynSent = 2;
 // A pid whose previous-cycle set holds more than this many peers can be flagged.
@@ -100,7 +99,8 @@ bool ProcDetNetstat::Prepare2() {
     watchedInodes.clear();
     curPeers.clear();
 
-    std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(kProcNetTcp, "r"), &std::fclose);
+    const std::string tcpPath = SDK::ProcessUtils::GetProcRoot() + "/net/tcp";
+    std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(tcpPath.c_str(), "r"), &std::fclose);
     if (!file) {
         const int error = errno;
         PROCDET_ERROR(Logger(), "Open (/proc/net/tcp) failed, errno(%d).", error);

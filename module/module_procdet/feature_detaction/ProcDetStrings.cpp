@@ -6,6 +6,7 @@
 
 #include "ProcDetLog.h"
 #include "ProcDetMetrics.h"
+#include "sdk/ProcessUtils.h"
 
 namespace Engine {
 
@@ -105,7 +106,7 @@ bool ProcDetStrings::CheckProcess(ProcRecord proc, unsigned int& flags, NumDetai
     const bool deleted = (flags & PROC_DELETED) != 0;
     if (deleted) {
         // The link still reads the deleted file's content.
-        exeFile = "/proc/" + std::to_string(proc->pid) + "/exe";
+        exeFile = SDK::ProcessUtils::GetProcessFilePath(proc->pid, "exe");
     } else {
         if (stat(proc->exePath.c_str(), &exeStat) != 0) {
             PROCDET_ERROR(logger, "get stat of [%s] failed.", proc->exePath);

@@ -9,6 +9,7 @@
 
 #include "ProcDetLog.h"
 #include "feature_detaction/ProcDetStrings.h"
+#include "sdk/ProcessUtils.h"
 #include "sdk/StrUtils.h"
 
 namespace Engine {
@@ -142,7 +143,7 @@ bool ProcDetStrings::IsElf(const std::string& path, bool& isElf) const {
 }
 
 bool ProcDetStrings::ParseMaps(int pid, const bool& running, std::set<std::string>& files) const {
-    const std::string mapsPath = "/proc/" + std::to_string(pid) + "/maps";
+    const std::string mapsPath = SDK::ProcessUtils::GetProcessFilePath(pid, "maps");
     // "/proc/N/maps" holds no link to resolve: opened directly, a process that has
     // gone fails with ENOENT (ESRCH while it is being reaped), silently as before.
     const int fd = open(mapsPath.c_str(), O_RDONLY | O_CLOEXEC);
