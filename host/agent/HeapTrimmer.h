@@ -6,7 +6,8 @@ namespace Agent {
 
 // Gives malloc's free pages back to the system once enough of them pile up. The
 // detectors copy the process table every cycle and free the copy after, in
-// several threads' arenas; glibc keeps such pages resident unless asked, so the
+// several threads' arenas, and a storm of process events leaves records and
+// messages freed all over the heap; glibc keeps such pages resident unless asked, so the
 // agent's RSS would otherwise stay at its high-water mark.
 class HeapTrimmer {
 public:

@@ -1,6 +1,5 @@
 #include "ProcsRealTask.h"
 
-#include <malloc.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -26,8 +25,6 @@ namespace {
 constexpr long long kPollIntervalMs = 1000;
 constexpr long long kLogIntervalMs = 10000;  // repeated trouble is summed up at most this often
 constexpr size_t kEventsPerBatch = 1024;
-// Parents that fork, with their command lines (at most 4 KiB each): a host has tens.
-constexpr size_t kParentCacheLimit = 512;
 // Messages are handed to the subscribers once the socket is drained (or this many
 // are waiting): waking a subscriber mid-batch tends to cost the producer its CPU
 // for milliseconds on a busy machine, while the kernel's events pile up.
@@ -37,11 +34,6 @@ constexpr size_t kOutboxLimit = 64;
 // per event (the receive buffer holds seconds of a storm).
 constexpr long kCoalesceMs = 10;
 constexpr int kIdleWaitMs = 1000;
-// Events after which, once quiet again, freed memory is handed back to the system.
-constexpr unsigned long kTrimAfterEvents = 10000;
-// ... then again every kTrimIntervalMs while quiet, kTrimRounds times in all.
-constexpr int kTrimRounds = 7;
-constexpr long long kTrimIntervalMs = 10000;
 
 // The kernel's process connector names processes by their pids in the initial pid
 // namespace, whose namespace file has this fixed inode number. An agent in a pid
@@ -142,6 +134,7 @@ void ProcsRealTask::EnsureScanner() {
     const std::string& root = SDK::ProcessUtils::GetProcRoot();
     if (!scanner_ || scanner_->GetRoot() != root) {
         scanner_ = std::make_unique<ProcTableScanner>(root);
+        records_ = std::make_unique<EventRecordReader>(*scanner_, known_);
     }
 }
 
@@ -268,7 +261,6 @@ bool ProcsRealTask::RunConnector(ProcConnectorReader& reader) {
         FlushOutbox();
         dispatcher_.Offer();
         UpdateCounters();
-        GiveBackMemoryWhenQuiet();
         const long long now = SteadyNowMs();
         if (now - lastErrorLog >= kLogIntervalMs && scanner_->GetErrorCount() > 0) {
             HOST_MODULE_LOG_ERROR(
@@ -284,27 +276,6 @@ bool ProcsRealTask::RunConnector(ProcConnectorReader& reader) {
         }
     }
     return true;
-}
-
-void ProcsRealTask::GiveBackMemoryWhenQuiet() {
-    if (!events_.empty() || dispatcher_.GetBacklogSize() > 0) {
-        return;
-    }
-    const long long now = SteadyNowMs();
-    if (counters_.events - eventsAtLastTrim_ >= kTrimAfterEvents) {
-        eventsAtLastTrim_ = counters_.events;
-        trimsLeft_ = kTrimRounds;
-        nextTrimMs_ = now;
-    }
-    if (trimsLeft_ == 0 || now < nextTrimMs_) {
-        return;
-    }
-    // A storm leaves records, messages and backlog blocks freed all over the heap,
-    // and the subscribers free what they kept of it over the next checks; malloc
-    // keeps such pages unless asked.
-    ::malloc_trim(0);
-    --trimsLeft_;
-    nextTrimMs_ = now + kTrimIntervalMs;
 }
 
 void ProcsRealTask::RunPolling() {
@@ -387,13 +358,14 @@ void ProcsRealTask::HandleEvent(const ProcEvent& event, bool changesLater) {
     ++counters_.events;
     const int pid = event.tgid;
     if (flag == PROCS_EVENT_EXEC || flag == PROCS_EVENT_EXIT) {
-        parents_.erase(pid);
+        records_->ForgetParent(pid);
     }
     if (flag == PROCS_EVENT_EXIT) {
         if (dispatcher_.Wants(flag)) {
             const KnownProcess* state = known_.Find(pid);
             Publish(pid, flag,
-                    state != nullptr ? RecordFromKnown(pid, *state) : RecordFromEvent(event, flag));
+                    state != nullptr ? EventRecordReader::FromKnown(pid, *state)
+                                     : records_->FromEvent(event, flag));
         }
         known_.Apply(event);
         return;
@@ -411,7 +383,7 @@ void ProcsRealTask::HandleEvent(const ProcEvent& event, bool changesLater) {
     }
     bool movedOn = false;
     std::shared_ptr<ProcsMessage::procInfo> record =
-        flag == PROCS_EVENT_FORK ? ReadForkRecord(pid, event.parentTgid, movedOn) : ReadRecord(pid);
+        flag == PROCS_EVENT_FORK ? records_->ReadFork(pid, event.parentTgid, movedOn) : records_->Read(pid);
     if (record) {
         // The table keeps what the process is now; the message tells what the event saw.
         known_.Update(pid, KnownProcess::FromRecord(*record));
@@ -419,7 +391,7 @@ void ProcsRealTask::HandleEvent(const ProcEvent& event, bool changesLater) {
             return;
         }
         if (flag == PROCS_EVENT_FORK && (movedOn || changesLater)) {
-            TakeCredentialsAtFork(*record, event.parentTgid);
+            records_->TakeCredentialsAtFork(*record, event.parentTgid);
         } else if (flag == PROCS_EVENT_UID) {
             record->uid = event.realId;
             record->euid = event.effectiveId;
@@ -428,7 +400,7 @@ void ProcsRealTask::HandleEvent(const ProcEvent& event, bool changesLater) {
             record->egid = event.effectiveId;
         }
     } else {
-        record = RecordFromEvent(event, flag);
+        record = records_->FromEvent(event, flag);
         ++counters_.partial;
     }
     Publish(pid, flag, std::move(record));
@@ -454,26 +426,25 @@ std::map<int, KnownProcess> ProcsRealTask::ScanIdentities() {
 
 void ProcsRealTask::Rescan() {
     ++counters_.rescans;
-    parents_.clear();  // exec and exit events may have been lost
+    records_->ForgetParents();  // exec and exit events may have been lost
     std::map<int, KnownProcess> live = ScanIdentities();
     for (const auto& change : known_.Reconcile(live)) {
         if (!dispatcher_.Wants(change.flag)) {
             continue;
         }
         if (change.flag == PROCS_EVENT_EXIT) {
-            Publish(change.pid, change.flag, RecordFromKnown(change.pid, change.before));
+            Publish(change.pid, change.flag, EventRecordReader::FromKnown(change.pid, change.before));
             continue;
         }
-        std::shared_ptr<ProcsMessage::procInfo> record = ReadRecord(change.pid);
+        std::shared_ptr<ProcsMessage::procInfo> record = records_->Read(change.pid);
         if (!record) {
-            record = RecordFromKnown(change.pid, live[change.pid]);
+            record = EventRecordReader::FromKnown(change.pid, live[change.pid]);
             ++counters_.partial;
         } else if (change.flag == PROCS_EVENT_FORK) {
             // Found a while after its fork: a child that no longer runs its parent's
             // program has executed another, which may have changed its credentials.
-            const ParentFacts* parent = FindParent(record->ppid);
-            if (parent == nullptr || parent->exePath != record->exePath) {
-                TakeCredentialsAtFork(*record, record->ppid);
+            if (records_->RunsAnotherProgramThanItsParent(*record)) {
+                records_->TakeCredentialsAtFork(*record, record->ppid);
             }
         }
         Publish(change.pid, change.flag, std::move(record));
@@ -499,123 +470,6 @@ void ProcsRealTask::FlushOutbox() {
         dispatcher_.Publish(flag, message);
     }
     outbox_.clear();
-}
-
-std::shared_ptr<ProcsMessage::procInfo> ProcsRealTask::ReadRecord(int pid) {
-    auto record = std::make_shared<ProcsMessage::procInfo>();
-    if (!scanner_->ReadRecord(pid, ProcFsReader::kAll, *record)) {
-        return nullptr;
-    }
-    FillParentFields(*record);
-    return record;
-}
-
-std::shared_ptr<ProcsMessage::procInfo> ProcsRealTask::RecordFromEvent(const ProcEvent& event,
-                                                                       unsigned int flag) {
-    auto record = std::make_shared<ProcsMessage::procInfo>();
-    record->pid = event.tgid;
-    if (flag == PROCS_EVENT_FORK || (flag == PROCS_EVENT_EXIT && event.parentTgid > 0)) {
-        record->ppid = event.parentTgid;
-    } else if (const KnownProcess* state = known_.Find(event.tgid)) {
-        record->ppid = state->ppid;
-    }
-    if (flag == PROCS_EVENT_UID) {
-        record->uid = event.realId;
-        record->euid = event.effectiveId;
-    } else if (flag == PROCS_EVENT_GID) {
-        record->gid = event.realId;
-        record->egid = event.effectiveId;
-    }
-    FillParentFields(*record);
-    return record;
-}
-
-std::shared_ptr<ProcsMessage::procInfo> ProcsRealTask::RecordFromKnown(int pid, const KnownProcess& state) {
-    auto record = std::make_shared<ProcsMessage::procInfo>();
-    record->pid = pid;
-    record->ppid = state.ppid;
-    record->startTime = state.startTime > 0 ? state.startTime : 0;
-    record->uid = state.uid;
-    record->euid = state.euid;
-    record->suid = state.suid;
-    record->gid = state.gid;
-    record->egid = state.egid;
-    record->sgid = state.sgid;
-    return record;
-}
-
-const ProcsRealTask::ParentFacts* ProcsRealTask::FindParent(int ppid) {
-    if (ppid <= 0) {
-        return nullptr;
-    }
-    const auto cached = parents_.find(ppid);
-    if (cached != parents_.end()) {
-        return &cached->second;
-    }
-    ProcsMessage::procInfo parent;
-    if (!scanner_->ReadRecord(ppid, ProcFsReader::kExe | ProcFsReader::kCmdline, parent)) {
-        return nullptr;
-    }
-    if (parents_.size() >= kParentCacheLimit) {
-        parents_.clear();
-    }
-    ParentFacts facts{parent.startTime, std::move(parent.exePath), std::move(parent.cmdline)};
-    return &parents_.emplace(ppid, std::move(facts)).first->second;
-}
-
-void ProcsRealTask::FillParentFields(ProcsMessage::procInfo& record) {
-    if (const ParentFacts* parent = FindParent(record.ppid)) {
-        record.parentStartTime = parent->startTime;
-        record.parentExePath = parent->exePath;
-    }
-}
-
-std::shared_ptr<ProcsMessage::procInfo> ProcsRealTask::ReadForkRecord(int pid, int parentPid, bool& movedOn) {
-    auto record = std::make_shared<ProcsMessage::procInfo>();
-    // The status before the executable link: an exec shows its new program before
-    // it commits the new credentials, so a child that still runs its parent's
-    // program after its status was read had its fork-time credentials in it.
-    if (!scanner_->ReadRecord(pid, ProcFsReader::kStatus | ProcFsReader::kExe, *record)) {
-        return nullptr;
-    }
-    const ParentFacts* parent = record->ppid == parentPid ? FindParent(parentPid) : nullptr;
-    if (parent == nullptr) {
-        // Given to another parent already, so its parent is gone: its own files say
-        // more, and what it ran since is unknown.
-        movedOn = true;
-        return ReadRecord(pid);
-    }
-    movedOn = record->exePath != parent->exePath;
-    record->exePath = parent->exePath;
-    record->cmdline = parent->cmdline;
-    record->parentExePath = parent->exePath;
-    record->parentStartTime = parent->startTime;
-    return record;
-}
-
-void ProcsRealTask::TakeCredentialsAtFork(ProcsMessage::procInfo& record, int parentPid) {
-    ProcsMessage::procInfo parent;
-    const bool read = scanner_->ReadRecord(parentPid, ProcFsReader::kStatus, parent) &&
-                      (record.parentStartTime == 0 || parent.startTime == record.parentStartTime);
-    KnownProcess state;
-    if (read) {
-        state = KnownProcess::FromRecord(parent);
-    } else if (const KnownProcess* known = known_.Find(parentPid)) {
-        state = *known;
-    } else {
-        return;  // nothing better than what the child shows
-    }
-    if (state.euid == 0xFFFFFFFFu || state.egid == 0xFFFFFFFFu) {
-        return;  // unknown is no better
-    }
-    record.uid = state.uid;
-    record.euid = state.euid;
-    record.suid = state.suid;
-    record.gid = state.gid;
-    record.egid = state.egid;
-    record.sgid = state.sgid;
-    record.capSetuid = state.capSetuid;
-    record.capSetgid = state.capSetgid;
 }
 
 void ProcsRealTask::UpdateCounters() {

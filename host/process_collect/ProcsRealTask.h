@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "EventRecordReader.h"
 #include "KnownProcessTable.h"
 #include "ProcEvent.h"
 #include "ProcTableScanner.h"
@@ -99,35 +100,8 @@ private:
     // Queues a message for the subscribers; FlushOutbox hands the queued ones over.
     void Publish(int pid, unsigned int flag, std::shared_ptr<ProcsMessage::procInfo> record);
     void FlushOutbox();
-    std::shared_ptr<ProcsMessage::procInfo> ReadRecord(int pid);
-    // A child runs its parent's program with its parent's arguments until it
-    // executes another (an EXEC event of its own), so a fork's path and command
-    // line are the parent's, read once for a storm of its forks; only the
-    // child's stat, status and executable link are read. `movedOn` tells whether
-    // the child already ran another program when its status was read: its
-    // credentials may then be those the new program gave it.
-    std::shared_ptr<ProcsMessage::procInfo> ReadForkRecord(int pid, int parentPid, bool& movedOn);
-    // Puts the credentials a child had at its fork, its parent's, into `record`:
-    // the parent's as read now (a parent rarely changes right after a fork, a child
-    // often executes at once), else as last known.
-    void TakeCredentialsAtFork(ProcsMessage::procInfo& record, int parentPid);
-    std::shared_ptr<ProcsMessage::procInfo> RecordFromEvent(const ProcEvent& event, unsigned int flag);
-    std::shared_ptr<ProcsMessage::procInfo> RecordFromKnown(int pid, const KnownProcess& state);
-    struct ParentFacts {
-        int64_t startTime;
-        std::string exePath;
-        std::string cmdline;
-    };
-    // A parent's facts, from the cache when it has neither executed nor exited
-    // since they were read (a storm of forks has one parent); null when it is gone.
-    const ParentFacts* FindParent(int ppid);
-    // The parent's path and start time.
-    void FillParentFields(ProcsMessage::procInfo& record);
     void EnsureScanner();
     void UpdateCounters();
-    // Trims the heap when events stop after a storm, and a few times more over the
-    // next minute.
-    void GiveBackMemoryWhenQuiet();
 
     // Written when a subscription arrives or the task is cancelled, so an idle Run
     // can wait long for events and still answer at once.
@@ -141,14 +115,11 @@ private:
     SubscriberDispatcher dispatcher_;
     KnownProcessTable known_;
     std::unique_ptr<ProcTableScanner> scanner_;
+    std::unique_ptr<EventRecordReader> records_;  // reads through scanner_
     std::vector<ProcEvent> events_;
     std::unordered_map<int, size_t> lastChange_;  // pid -> index in events_ of its last exec/UID/GID
-    std::unordered_map<int, ParentFacts> parents_;
     std::vector<std::pair<unsigned int, std::shared_ptr<Framework::Message>>> outbox_;
     Counters counters_;
-    unsigned long eventsAtLastTrim_ = 0;
-    int trimsLeft_ = 0;
-    long long nextTrimMs_ = 0;
     std::shared_ptr<ProcChangeLog> changeLog_;
     std::vector<int> changedPids_;  // noted in changeLog_ once per batch
     std::vector<int> exitedPids_;
