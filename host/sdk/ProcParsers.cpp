@@ -1,6 +1,7 @@
 #include "sdk/ProcParsers.h"
 
 #include <climits>
+#include <utility>
 
 namespace SDK {
 
@@ -299,6 +300,135 @@ bool ParseUptime(std::string_view text, long long& uptimeMs) {
         milliseconds += (decimals[i] - '0') * scale;
     }
     uptimeMs = static_cast<long long>(whole) * 1000 + milliseconds;
+    return true;
+}
+
+namespace {
+
+bool IsHexId(std::string_view text) {
+    if (text.size() != 64) {
+        return false;
+    }
+    for (const char c : text) {
+        if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// "<prefix><64 hex>.scope": the id, else empty.
+std::string_view ScopeId(std::string_view segment, std::string_view prefix) {
+    constexpr std::string_view kScope = ".scope";
+    if (segment.size() != prefix.size() + 64 + kScope.size() || segment.substr(0, prefix.size()) != prefix ||
+        segment.substr(segment.size() - kScope.size()) != kScope) {
+        return {};
+    }
+    const std::string_view id = segment.substr(prefix.size(), 64);
+    return IsHexId(id) ? id : std::string_view();
+}
+
+// systemd escapes "-" and other bytes of a unit name as a backslash, "x" and two hex digits.
+std::string Unescape(std::string_view name) {
+    std::string out;
+    for (size_t i = 0; i < name.size(); ++i) {
+        uint64_t byte = 0;
+        if (name[i] == '\\' && i + 3 < name.size() && name[i + 1] == 'x' &&
+            Hex64(name.substr(i + 2, 2), byte)) {
+            out.push_back(static_cast<char>(byte));
+            i += 3;
+        } else {
+            out.push_back(name[i]);
+        }
+    }
+    return out;
+}
+
+// One cgroup path, its segments tried from the deepest: the container's own
+// cgroup lies below the slices of its pod or machine.
+bool ContainerOfPath(std::string_view path, std::string& runtime, std::string& id) {
+    static const std::pair<std::string_view, const char*> kScopes[] = {
+        {"docker-", "docker"}, {"cri-containerd-", "containerd"}, {"crio-", "cri-o"}, {"libpod-", "podman"}};
+    bool inKubepods = path.find("/kubepods") != std::string_view::npos;
+    std::string_view parent;
+    std::string_view rest = path;
+    std::string_view found;
+    const char* foundRuntime = nullptr;
+    while (!rest.empty()) {
+        const std::string_view::size_type slash = rest.find('/');
+        const std::string_view segment = rest.substr(0, slash);
+        rest = slash == std::string_view::npos ? std::string_view() : rest.substr(slash + 1);
+        if (segment.empty()) {
+            continue;
+        }
+        for (const auto& [prefix, name] : kScopes) {
+            const std::string_view scoped = ScopeId(segment, prefix);
+            if (!scoped.empty()) {
+                found = scoped;
+                foundRuntime = name;
+            }
+        }
+        if (IsHexId(segment) && (parent == "docker" || inKubepods)) {
+            found = segment;
+            foundRuntime = parent == "docker" ? "docker" : "kubernetes";
+        }
+        constexpr std::string_view kMachine = "machine-";
+        constexpr std::string_view kScope = ".scope";
+        if (parent == "machine.slice" && segment.size() > kMachine.size() + kScope.size() &&
+            segment.substr(0, kMachine.size()) == kMachine &&
+            segment.substr(segment.size() - kScope.size()) == kScope && foundRuntime == nullptr) {
+            runtime = "systemd-nspawn";
+            id = Unescape(segment.substr(kMachine.size(), segment.size() - kMachine.size() - kScope.size()));
+            return true;
+        }
+        constexpr std::string_view kLxcPayload = "lxc.payload.";
+        if ((parent == "lxc" || segment.substr(0, kLxcPayload.size()) == kLxcPayload) &&
+            foundRuntime == nullptr) {
+            runtime = "lxc";
+            id = std::string(parent == "lxc" ? segment : segment.substr(kLxcPayload.size()));
+            return !id.empty();
+        }
+        parent = segment;
+    }
+    if (foundRuntime == nullptr) {
+        return false;
+    }
+    runtime = foundRuntime;
+    id = std::string(found);
+    return true;
+}
+
+}  // namespace
+
+bool ParseCgroupContainer(std::string_view cgroupText, std::string& runtime, std::string& id) {
+    // "hierarchy-ID:controllers:path" per line; cgroup v2 has the one line "0::path".
+    std::string_view::size_type position = 0;
+    while (position < cgroupText.size()) {
+        std::string_view::size_type end = cgroupText.find('\n', position);
+        if (end == std::string_view::npos) {
+            end = cgroupText.size();
+        }
+        const std::string_view line = cgroupText.substr(position, end - position);
+        position = end + 1;
+        const std::string_view::size_type first = line.find(':');
+        const std::string_view::size_type second =
+            first == std::string_view::npos ? std::string_view::npos : line.find(':', first + 1);
+        if (second != std::string_view::npos && ContainerOfPath(line.substr(second + 1), runtime, id)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool ParseNamespaceLink(std::string_view target, unsigned long& inode) {
+    const std::string_view::size_type open = target.find(":[");
+    unsigned long long value = 0;
+    if (open == std::string_view::npos || target.empty() || target.back() != ']' ||
+        !DecimalUnsigned(target.substr(open + 2, target.size() - open - 3), value) || value == 0 ||
+        value > ULONG_MAX) {
+        return false;
+    }
+    inode = static_cast<unsigned long>(value);
     return true;
 }
 

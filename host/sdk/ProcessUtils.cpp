@@ -224,6 +224,38 @@ int ProcessUtils::GetProcessStatusInfo(int pid, procStatus& out) {
     return StatusFromText(text, out) ? 0 : -1;
 }
 
+int ProcessUtils::GetProcessContext(int pid, ProcessContext& out) {
+    if (pid <= 0) {
+        return -1;
+    }
+    ProcessContext context;
+    std::string text;
+    // A cgroup file has a line per hierarchy (13 on cgroup v1), each a path of a few hundred bytes.
+    if (!ReadHead(PidPath(pid, "cgroup"), text, 64 * 1024)) {
+        return -1;
+    }
+    ParseCgroupContainer(text, context.containerRuntime, context.containerId);
+    const auto inode = [](const std::string& link) {
+        std::string target;
+        unsigned long number = 0;
+        return ReadLink(link, target) && ParseNamespaceLink(target, number) ? number : 0UL;
+    };
+    context.pidNamespace = inode(PidPath(pid, "ns/pid"));
+    context.mountNamespace = inode(PidPath(pid, "ns/mnt"));
+    // The host's are pid 1's; where those links are closed to the agent (some VMs and
+    // sandboxes), the agent's own.
+    unsigned long hostPid = inode(PidPath(1, "ns/pid"));
+    unsigned long hostMount = inode(PidPath(1, "ns/mnt"));
+    if (hostPid == 0 || hostMount == 0) {
+        hostPid = inode("/proc/self/ns/pid");
+        hostMount = inode("/proc/self/ns/mnt");
+    }
+    context.hostNamespaces = context.pidNamespace != 0 && context.pidNamespace == hostPid &&
+                             context.mountNamespace != 0 && context.mountNamespace == hostMount;
+    out = std::move(context);
+    return 0;
+}
+
 int ProcessUtils::GetProcessUser(unsigned int uid, std::string& name) {
     long size = sysconf(_SC_GETPW_R_SIZE_MAX);
     std::vector<char> buffer(size > 0 ? static_cast<size_t>(size) : 4096);

@@ -130,4 +130,46 @@ TEST(ProcParsers, SmallTexts) {
     EXPECT_FALSE(SDK::ParseBootTime("cpu  1 2 3\nxbtime 5\nbtime\n", bootTime));
 }
 
+// /proc/PID/cgroup as each runtime writes it (cgroup v1 and v2, cgroupfs and systemd
+// drivers): the runtime and id, and nothing for a host process or a look-alike.
+TEST(ProcParsers, CgroupNamesTheContainer) {
+    const std::string id = "3f2b9c0e5a1d4c7b8e6f0a9b2c3d4e5f60718293a4b5c6d7e8f9a0b1c2d3e4f5";
+    const struct {
+        std::string text;
+        const char* runtime;
+        std::string id;
+    } cases[] = {
+        {"0::/system.slice/docker-" + id + ".scope\n", "docker", id},
+        {"12:pids:/docker/" + id + "\n11:memory:/docker/" + id + "\n0::/\n", "docker", id},
+        {"0::/kubepods.slice/kubepods-burstable.slice/kubepods-burstable-pod0a1b.slice/cri-containerd-" + id +
+             ".scope\n",
+         "containerd", id},
+        {"0::/kubepods.slice/kubepods-besteffort.slice/kubepods-besteffort-pod9.slice/crio-" + id +
+             ".scope\n",
+         "cri-o", id},
+        {"5:cpu,cpuacct:/kubepods/burstable/pod7c1d/" + id + "\n", "kubernetes", id},
+        {"0::/user.slice/user-1000.slice/user@1000.service/user.slice/libpod-" + id + ".scope/container\n",
+         "podman", id},
+        {"0::/machine.slice/machine-debian\\x2d12.scope/payload/system.slice/cron.service\n",
+         "systemd-nspawn", "debian-12"},
+        {"0::/lxc.payload.web1/system.slice/nginx.service\n", "lxc", "web1"},
+        {"0::/init.scope\n", nullptr, ""},
+        {"0::/system.slice/libpod-conmon-" + id + ".scope\n", nullptr, ""},
+        {"0::/system.slice/docker-" + id.substr(1) + ".scope\n", nullptr, ""},
+        {"garbage without colons\n", nullptr, ""},
+    };
+    for (const auto& c : cases) {
+        std::string runtime;
+        std::string found;
+        EXPECT_EQ(SDK::ParseCgroupContainer(c.text, runtime, found), c.runtime != nullptr) << c.text;
+        EXPECT_EQ(runtime, c.runtime != nullptr ? c.runtime : "") << c.text;
+        EXPECT_EQ(found, c.id) << c.text;
+    }
+    unsigned long inode = 0;
+    EXPECT_TRUE(SDK::ParseNamespaceLink("pid:[4026531836]", inode));
+    EXPECT_EQ(inode, 4026531836UL);
+    EXPECT_FALSE(SDK::ParseNamespaceLink("pid:[]", inode));
+    EXPECT_FALSE(SDK::ParseNamespaceLink("/dev/null", inode));
+}
+
 }  // namespace

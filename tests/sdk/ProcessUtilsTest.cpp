@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <fstream>
 #include <functional>
 #include <set>
 #include <string>
@@ -184,6 +185,33 @@ TEST(ProcessUtils, ProcessOfARealLoginFindsItsSession) {
     if (madeUtmp) {
         unlink(SDK::kUtmpFile);
     }
+}
+
+// A process in pid and mount namespaces of its own is told apart from the host's.
+TEST(ProcessUtils, ContextTellsAProcessInNamespacesOfItsOwn) {
+    SDK::ProcessUtils::ProcessContext self;
+    ASSERT_EQ(SDK::ProcessUtils::GetProcessContext(getpid(), self), 0);
+    EXPECT_NE(self.pidNamespace, 0u);
+    if (!self.hostNamespaces || geteuid() != 0) {
+        GTEST_SKIP() << "needs root in the host's namespaces";
+    }
+    // unshare's child is pid 1 of the new namespace; its own pid is unshare's child here.
+    TestSupport::ChildProcess contained(
+        {"/usr/bin/unshare", "--pid", "--mount", "--fork", "/bin/sleep", "30"});
+    int inner = -1;
+    ASSERT_TRUE(TestSupport::WaitFor([&] {
+        std::ifstream children("/proc/" + std::to_string(contained.pid()) + "/task/" +
+                               std::to_string(contained.pid()) + "/children");
+        return static_cast<bool>(children >> inner);
+    }));
+    SDK::ProcessUtils::ProcessContext context;
+    ASSERT_TRUE(TestSupport::WaitFor([&] {
+        return SDK::ProcessUtils::GetProcessContext(inner, context) == 0 &&
+               context.pidNamespace != self.pidNamespace;
+    }));
+    EXPECT_NE(context.mountNamespace, self.mountNamespace);
+    EXPECT_FALSE(context.hostNamespaces);
+    EXPECT_TRUE(context.containerRuntime.empty());
 }
 
 }  // namespace

@@ -64,6 +64,16 @@ bool ParseSocketLink(std::string_view target, long& inode);
 // /proc/uptime: seconds since boot (first field) in milliseconds.
 bool ParseUptime(std::string_view text, long long& uptimeMs);
 
+// The container a /proc/PID/cgroup text names, from the cgroup path its runtime
+// gives it: "docker", "containerd", "cri-o", "podman" (a 64-hex id), "kubernetes"
+// (the id of a pod's container whose runtime the path does not tell),
+// "systemd-nspawn" and "lxc" (the machine or container name). False when no line
+// names one (a process of the host).
+bool ParseCgroupContainer(std::string_view cgroupText, std::string& runtime, std::string& id);
+
+// A namespace link target such as "pid:[4026531836]": the namespace's inode number.
+bool ParseNamespaceLink(std::string_view target, unsigned long& inode);
+
 // The "btime" line of /proc/stat: the boot time in seconds since the epoch.
 bool ParseBootTime(std::string_view procStat, int64_t& bootTimeSec);
 

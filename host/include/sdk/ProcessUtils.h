@@ -29,6 +29,18 @@ public:
         uint64_t capBnd = 0;  // CapBnd: bounding set
     };
 
+    // Where a process runs: its container, when its cgroup names one, and its pid
+    // and mount namespaces (inode numbers; 0 when unreadable).
+    struct ProcessContext {
+        std::string containerRuntime;  // "docker", "containerd", "cri-o", "podman", "kubernetes", ...
+        std::string containerId;
+        unsigned long pidNamespace = 0;
+        unsigned long mountNamespace = 0;
+        // Both namespaces are those of pid 1 as the agent sees it (the host's, unless the
+        // agent itself runs in a container), or the agent's own where pid 1's are unreadable.
+        bool hostNamespaces = false;
+    };
+
     // The login session of a process (see GetSessionInfo for where it comes from).
     struct SessionInfo {
         std::string user;
@@ -56,6 +68,8 @@ public:
     static int GetProcessSocketFd(int pid, std::set<long>& inodes);
     // 0 on success.
     static int GetProcessStatusInfo(int pid, procStatus& out);
+    // The container and namespaces of a process. 0 when the process could be read.
+    static int GetProcessContext(int pid, ProcessContext& out);
     // User name of a uid (getpwuid_r). 0 on success.
     static int GetProcessUser(unsigned int uid, std::string& name);
     // The login session of a process: logind's session name where logind runs, else
