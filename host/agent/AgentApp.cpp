@@ -66,10 +66,21 @@ Json::Value ReadRawSettings(const std::string& path) {
     std::string text;
     std::string error;
     Json::Value root;
-    if (!TextFile::Read(path, 1024 * 1024, text, error) || !ParseStrictJson(text, root, error)) {
+    if (!TextFile::Read(path, 1024 * 1024, text, error) ||
+        !SDK::JsonUtils::ParseBounded(text.data(), text.size(), root, error)) {
         return Json::Value();
     }
     return root;
+}
+
+void LogSettingsProblems(const std::string& path, const std::vector<ConfigProblem>& problems) {
+    for (const ConfigProblem& problem : problems) {
+        if (problem.IsError()) {
+            HOST_CONSOLE_LOG_ERROR(problem.Describe(path));
+        } else {
+            HOST_CONSOLE_LOG_WARNING(problem.Describe(path));
+        }
+    }
 }
 
 // Detection reads every process's /proc entries; without the privilege to read
@@ -146,13 +157,20 @@ int AgentApp::main(const std::vector<std::string>& args) {
 }
 
 int AgentApp::Check(const AgentOptions& options) const {
-    const std::vector<std::string> problems = ConfigCheck::Run(paths_, options.modules);
-    for (const std::string& problem : problems) {
-        std::printf("%s\n", problem.c_str());
+    if (!ExplicitPathsExist(options)) {
+        return kExitUsage;
     }
-    std::fprintf(stderr, "corvane-agent --check: %zu problems in %s and %s\n", problems.size(),
+    size_t errors = 0;
+    size_t warnings = 0;
+    for (const FileProblem& found : ConfigCheck::Run(paths_, options.modules)) {
+        std::printf("%s\n", found.Describe().c_str());
+        ++(found.problem.IsError() ? errors : warnings);
+    }
+    std::fprintf(stderr, "corvane-agent --check: %zu errors, %zu warnings in %s and %s\n", errors, warnings,
                  paths_.config.c_str(), paths_.policyDir.c_str());
-    return problems.empty() ? 0 : kExitProblems;
+    // Only errors (what the agent would refuse) fail by default: the unit's ExecStartPre must
+    // not keep from starting an agent that would run with these files.
+    return errors > 0 || (options.strict && warnings > 0) ? kExitProblems : 0;
 }
 
 bool AgentApp::ExplicitPathsExist(const AgentOptions& options) const {
@@ -176,7 +194,7 @@ bool AgentApp::ExplicitPathsExist(const AgentOptions& options) const {
 void AgentApp::Configure(const AgentOptions& options) {
     SDK::PathUtils::SetInstallationPath(paths_.prefix);
 
-    const std::vector<std::string> problems = AgentSettings::LoadFile(paths_.config, settings_);
+    const std::vector<ConfigProblem> problems = AgentSettings::LoadFile(paths_.config, settings_);
     rawSettings_ = ReadRawSettings(paths_.config);
     if (!options.logLevel.empty()) {
         settings_.log.level = options.logLevel;
@@ -201,9 +219,7 @@ void AgentApp::Configure(const AgentOptions& options) {
         }
     }
     SetUpLogging();
-    for (const std::string& problem : problems) {
-        HOST_CONSOLE_LOG_ERROR(problem);
-    }
+    LogSettingsProblems(paths_.config, problems);
     SDK::InnerCpuCtrlUtils::SetCpuShare(settings_.cpuShare);
     HOST_CONSOLE_LOG_INFO("corvane-agent " + std::to_string(::getpid()) + " starting: prefix " +
                           paths_.prefix + ", settings " + paths_.config + ", policies " + paths_.policyDir +
@@ -334,8 +350,8 @@ void AgentApp::DeliverCollectSettings() {
 
 PolicySchemas AgentApp::LoadSchemas() const {
     PolicySchemas schemas;
-    for (const std::string& error : schemas.LoadBeside(modulePaths_)) {
-        HOST_CONSOLE_LOG_ERROR(error + "; the policies of that module are checked for JSON syntax only");
+    for (const FileProblem& problem : schemas.LoadBeside(modulePaths_)) {
+        HOST_CONSOLE_LOG_WARNING("policy schema " + problem.Describe());
     }
     return schemas;
 }
@@ -424,8 +440,11 @@ int AgentApp::RunOnce() {
 
 void AgentApp::ReloadSettings() {
     AgentSettings fresh;
-    for (const std::string& problem : AgentSettings::LoadFile(paths_.config, fresh)) {
-        HOST_CONSOLE_LOG_ERROR(problem);
+    const std::vector<ConfigProblem> problems = AgentSettings::LoadFile(paths_.config, fresh);
+    LogSettingsProblems(paths_.config, problems);
+    if (AnyError(problems)) {
+        HOST_CONSOLE_LOG_ERROR("SIGHUP: " + paths_.config + " refused; the settings in force stay");
+        return;
     }
     if (options_.logLevel.empty() && fresh.log.level != settings_.log.level) {
         SDK::LoggerUtils::GetInstance()->SetLevel(fresh.log.level);

@@ -1,5 +1,9 @@
 #include "AgentSettings.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
+
 #include "AgentSettingsParser.h"
 #include "TextFile.h"
 
@@ -12,17 +16,17 @@ constexpr size_t kMaxConfigBytes = 1024 * 1024;
 
 }  // namespace
 
-std::vector<std::string> AgentSettings::LoadFile(const std::string& path, AgentSettings& out) {
+std::vector<ConfigProblem> AgentSettings::LoadFile(const std::string& path, AgentSettings& out) {
     std::string text;
     std::string error;
     if (!TextFile::Read(path, kMaxConfigBytes, text, error)) {
-        return {path + ": -: cannot be read (" + error + "); using the default settings"};
+        struct stat info {};
+        if (::lstat(path.c_str(), &info) != 0 && errno == ENOENT) {
+            return {ConfigProblem::Warning("-", "does not exist; using the default settings")};
+        }
+        return {ConfigProblem::Error("-", "cannot be read (" + error + "); using the default settings")};
     }
-    std::vector<std::string> problems = AgentSettingsParser::Parse(text, out);
-    for (std::string& problem : problems) {
-        problem = path + ": " + problem;
-    }
-    return problems;
+    return AgentSettingsParser::Parse(text, out);
 }
 
 }  // namespace Agent

@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "ConfigProblem.h"
 #include "ReportSettings.h"
 #include "sdk/LoggerUtils.h"
 
@@ -22,9 +23,9 @@ struct AgentSettings {
     int netRefreshSeconds = 3;
     std::string metricsListen;  // "host:port" of the Prometheus endpoint; empty: off
 
-    // Reads and parses `path` into `out`. Returns the problems found, each a
-    // complete sentence naming the file; what could not be used keeps its default.
-    static std::vector<std::string> LoadFile(const std::string& path, AgentSettings& out);
+    // Reads and parses `path` into `out`. Returns the problems found (a missing file is
+    // a warning: the defaults apply); what could not be used keeps its default.
+    static std::vector<ConfigProblem> LoadFile(const std::string& path, AgentSettings& out);
 };
 
 }  // namespace Agent

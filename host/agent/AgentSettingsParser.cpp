@@ -12,7 +12,7 @@
 #include <string>
 #include <utility>
 
-#include "sdk/JsonUtils.h"
+#include "JsonText.h"
 
 namespace Agent {
 
@@ -22,13 +22,13 @@ namespace {
 // problem with the member's dotted name, and remembers which members it knew.
 class Section {
 public:
-    Section(const Json::Value& object, std::string prefix, std::vector<std::string>& problems)
+    Section(const Json::Value& object, std::string prefix, std::vector<ConfigProblem>& problems)
         : object_(object), prefix_(std::move(prefix)), problems_(problems) {}
 
     ~Section() {
         for (const std::string& name : object_.getMemberNames()) {
             if (known_.count(name) == 0) {
-                problems_.push_back(prefix_ + name + ": unknown key, ignored");
+                problems_.push_back(ConfigProblem::Warning(prefix_ + name, "unknown key; ignored"));
             }
         }
     }
@@ -125,14 +125,17 @@ public:
             } else if (value.isIntegral()) {
                 out[name] = std::to_string(value.asInt64());
             } else {
-                problems_.push_back(prefix_ + key + "." + name + ": must be a string; ignored");
+                problems_.push_back(
+                    ConfigProblem::Warning(prefix_ + key + "." + name, "must be a string; ignored"));
             }
         }
     }
 
     const std::string& prefix() const { return prefix_; }
-    std::vector<std::string>& problems() { return problems_; }
-    void Report(const std::string& problem) { problems_.push_back(problem); }
+    std::vector<ConfigProblem>& problems() { return problems_; }
+    void Report(const std::string& key, const std::string& what) {
+        problems_.push_back(ConfigProblem::Warning(key, what));
+    }
 
 private:
     const Json::Value* Find(const char* key) {
@@ -141,12 +144,13 @@ private:
     }
 
     void Problem(const char* key, const std::string& expected) {
-        problems_.push_back(prefix_ + key + ": must be " + expected + "; using its default");
+        problems_.push_back(
+            ConfigProblem::Warning(prefix_ + key, "must be " + expected + "; using its default"));
     }
 
     const Json::Value& object_;
     const std::string prefix_;
-    std::vector<std::string>& problems_;
+    std::vector<ConfigProblem>& problems_;
     std::set<std::string> known_;
 };
 
@@ -256,13 +260,13 @@ bool ParseSinkOptions(Section& section, SinkSettings& sink, std::string& missing
     return missing.empty();
 }
 
-void ParseSinks(const Json::Value& list, const std::string& prefix, std::vector<std::string>& problems,
+void ParseSinks(const Json::Value& list, const std::string& prefix, std::vector<ConfigProblem>& problems,
                 ReportSettings& alerts) {
     std::set<std::string> names = {alerts.toStdout ? "stdout" : "", alerts.filePath.empty() ? "" : "file"};
     for (Json::ArrayIndex index = 0; index < list.size(); ++index) {
         const std::string where = prefix + "[" + std::to_string(index) + "]";
         if (!list[index].isObject()) {
-            problems.push_back(where + ": must be an object; sink ignored");
+            problems.push_back(ConfigProblem::Warning(where, "must be an object; sink ignored"));
             continue;
         }
         Section section(list[index], where + ".", problems);
@@ -270,23 +274,23 @@ void ParseSinks(const Json::Value& list, const std::string& prefix, std::vector<
         section.String("type", nullptr, "a sink type", sink.type);
         if (sink.type != "stdout" && sink.type != "file" && sink.type != "syslog" && sink.type != "webhook" &&
             sink.type != "kafka") {
-            section.Report(where +
-                           ".type: must be \"stdout\", \"file\", \"syslog\", \"webhook\" or "
-                           "\"kafka\"; sink ignored");
+            section.Report(
+                where + ".type",
+                "must be \"stdout\", \"file\", \"syslog\", \"webhook\" or \"kafka\"; sink ignored");
             continue;
         }
         section.String("name", IsSinkName, "letters, digits, '_' and '-' (at most 64)", sink.name);
         section.Bool("envelope", sink.envelope);
         std::string missing;
         if (!ParseSinkOptions(section, sink, missing)) {
-            section.Report(where + ": a " + sink.type + " sink needs \"" + missing + "\"; sink ignored");
+            section.Report(where, "a " + sink.type + " sink needs \"" + missing + "\"; sink ignored");
             continue;
         }
         if (sink.name.empty()) {
             sink.name = names.count(sink.type) == 0 ? sink.type : sink.type + "-" + std::to_string(index);
         }
         if (!names.insert(sink.name).second) {
-            section.Report(where + ".name: \"" + sink.name + "\" is taken by another sink; sink ignored");
+            section.Report(where + ".name", "\"" + sink.name + "\" is taken by another sink; sink ignored");
             continue;
         }
         alerts.sinks.push_back(sink);
@@ -307,7 +311,7 @@ void ParseAlerts(Section& section, ReportSettings& alerts) {
         spool.String("directory", nullptr, "a path", alerts.spoolDir);
         spool.Size("max_bytes", 1ull << 40, alerts.spoolMaxBytes);
         if (alerts.spoolMaxBytes < (1u << 20)) {
-            spool.Report(section.prefix() + "spool.max_bytes: below 1 MiB; using 1 MiB");
+            spool.Report(section.prefix() + "spool.max_bytes", "below 1 MiB; using 1 MiB");
             alerts.spoolMaxBytes = 1u << 20;
         }
     }
@@ -323,16 +327,10 @@ void ParseCollect(Section& section, AgentSettings& settings) {
 
 }  // namespace
 
-std::vector<std::string> AgentSettingsParser::Parse(const std::string& text, AgentSettings& settings) {
-    std::vector<std::string> problems;
+std::vector<ConfigProblem> AgentSettingsParser::Parse(const std::string& text, AgentSettings& settings) {
+    std::vector<ConfigProblem> problems;
     Json::Value root;
-    std::string error;
-    if (!SDK::JsonUtils::ParseBounded(text.data(), text.size(), root, error)) {
-        problems.push_back("-: not valid JSON (" + error + "); using the default settings");
-        return problems;
-    }
-    if (!root.isObject()) {
-        problems.push_back("-: not a JSON object; using the default settings");
+    if (!ReadConfigJson(text, "using the default settings", root, problems)) {
         return problems;
     }
     {

@@ -39,7 +39,9 @@ Poco::Util::OptionSet MakeOptions() {
         Option("log-level", "", "error, warning, notice, information, debug or trace").argument("LEVEL"));
     options.addOption(Option("check", "",
                              "check the settings and every policy in the policy directory, print "
-                             "each problem as FILE: key: what is wrong, and exit"));
+                             "each finding as FILE: error|warning: key: what, and exit (1 on errors: "
+                             "what the agent would refuse)"));
+    options.addOption(Option("strict", "", "with --check: exit 1 on warnings too"));
     options.addOption(Option("once", "",
                              "run each plug-in task's check once over this machine, write its "
                              "alerts, and exit"));
@@ -69,6 +71,8 @@ void Store(const std::string& name, const std::string& value, AgentOptions& opti
         options.check = true;
     } else if (name == "once") {
         options.once = true;
+    } else if (name == "strict") {
+        options.strict = true;
     }
 }
 
@@ -108,6 +112,10 @@ bool CommandLine::Parse(const std::vector<std::string>& args, AgentOptions& opti
         error = "--check and --once exclude each other";
         return false;
     }
+    if (options.strict && !options.check) {
+        error = "--strict goes with --check";
+        return false;
+    }
     if (!options.logLevel.empty()) {
         try {
             Poco::Logger::parseLevel(options.logLevel);
@@ -128,9 +136,9 @@ std::string CommandLine::Usage() {
     formatter.setHeader(
         "The host-security agent: loads its modules, delivers their policies and writes their "
         "alerts. SIGHUP re-reads the settings and the policy directory; SIGTERM or SIGINT stops it.\n"
-        "Exit status: 0 done; 1 --check found problems, or --once could not finish; 2 the agent could "
-        "not start (usage error, a --config or --policy-dir that does not exist, a module that cannot "
-        "be loaded, no plug-in module).");
+        "Exit status: 0 done; 1 --check found errors (or warnings, with --strict), or --once could not "
+        "finish or had a policy refused; 2 the agent could not start (usage error, a --config or "
+        "--policy-dir that does not exist, a module that cannot be loaded, no plug-in module).");
     std::ostringstream text;
     formatter.format(text);
     return text.str();

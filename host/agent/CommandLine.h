@@ -15,8 +15,9 @@ struct AgentOptions {
     std::string logLevel;
     bool help = false;
     bool version = false;
-    bool check = false;  // check the settings and policies, start nothing
-    bool once = false;   // run each plug-in task's check once, then exit
+    bool check = false;   // check the settings and policies, start nothing
+    bool strict = false;  // with check: warnings fail the check too
+    bool once = false;    // run each plug-in task's check once, then exit
 };
 
 // Parses the agent's options (GNU style: "--name value" or "--name=value").

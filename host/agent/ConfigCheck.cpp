@@ -1,63 +1,78 @@
 #include "ConfigCheck.h"
 
 #include "AgentSettings.h"
+#include "JsonText.h"
 #include "ModuleDirectory.h"
 #include "PolicyDirectory.h"
 #include "PolicySchema.h"
 
 namespace Agent {
 
-std::vector<std::string> ConfigCheck::CheckPolicy(const PolicySchemas& schemas, const std::string& path,
-                                                  const std::string& id, const std::string& feature,
-                                                  const std::string& text) {
-    std::vector<std::string> problems;
-    const PolicySchema* schema = schemas.Find(id);
-    if (schema == nullptr) {
+namespace {
+
+const char* const kRefused = "refused";
+
+}  // namespace
+
+std::vector<ConfigProblem> ConfigCheck::CheckPolicy(const PolicySchemas& schemas, const std::string& id,
+                                                    const std::string& feature, const std::string& text) {
+    std::vector<ConfigProblem> problems;
+    Json::Value document;
+    if (!ReadConfigJson(text, kRefused, document, problems)) {
         return problems;
     }
-    for (const ConfigProblem& problem : schema->Check(feature, text)) {
-        problems.push_back(problem.Describe(path));
-    }
-    return problems;
-}
-
-std::vector<std::string> ConfigCheck::Run(const AgentPaths& paths, const std::vector<std::string>& modules) {
-    AgentSettings settings;
-    std::vector<std::string> problems = AgentSettings::LoadFile(paths.config, settings);
-
-    std::vector<std::string> modulePaths = modules;
-    std::string error;
-    if (modulePaths.empty() && !ModuleDirectory::List(paths.moduleDir, modulePaths, error)) {
-        problems.push_back(paths.moduleDir + ": -: cannot be read (" + error + ")");
-    }
-    PolicySchemas schemas;
-    for (const std::string& schemaError : schemas.LoadBeside(modulePaths)) {
-        problems.push_back(schemaError);
-    }
-
-    const PolicyDirectory directory(paths.policyDir);
-    const PolicyDirectory::Snapshot snapshot = directory.Scan();
-    if (snapshot.rootUnreadable) {
-        problems.push_back(paths.policyDir + ": -: cannot be read");
-    }
-    for (const std::string& id : snapshot.unreadableIds) {
-        problems.push_back(paths.policyDir + id + ": -: cannot be read");
-    }
-    for (const PolicyDirectory::Key& key : snapshot.unreadable) {
-        problems.push_back(directory.PathOf(key) + ": -: cannot be read");
-    }
-    for (const auto& policy : snapshot.texts) {
-        const std::string path = directory.PathOf(policy.first);
-        if (schemas.Find(policy.first.first) == nullptr) {
-            problems.push_back(path + ": -: no module describes policy id " + policy.first.first);
-            continue;
-        }
-        for (std::string& problem :
-             CheckPolicy(schemas, path, policy.first.first, policy.first.second, policy.second)) {
+    if (const PolicySchema* schema = schemas.Find(id)) {
+        for (ConfigProblem& problem : schema->Check(feature, document)) {
             problems.push_back(std::move(problem));
         }
     }
     return problems;
+}
+
+std::vector<FileProblem> ConfigCheck::Run(const AgentPaths& paths, const std::vector<std::string>& modules) {
+    std::vector<FileProblem> found;
+    AgentSettings settings;
+    for (ConfigProblem& problem : AgentSettings::LoadFile(paths.config, settings)) {
+        found.push_back({paths.config, std::move(problem)});
+    }
+
+    std::vector<std::string> modulePaths = modules;
+    std::string error;
+    if (modulePaths.empty() && !ModuleDirectory::List(paths.moduleDir, modulePaths, error)) {
+        found.push_back({paths.moduleDir, ConfigProblem::Error("-", "cannot be read (" + error +
+                                                                        "); the agent would not start")});
+    }
+    PolicySchemas schemas;
+    for (FileProblem& problem : schemas.LoadBeside(modulePaths)) {
+        found.push_back(std::move(problem));
+    }
+
+    const PolicyDirectory directory(paths.policyDir);
+    const PolicyDirectory::Snapshot snapshot = directory.Scan();
+    if (!snapshot.rootUnreadable.empty()) {
+        found.push_back({paths.policyDir, ConfigProblem::Error("-", snapshot.rootUnreadable)});
+    }
+    for (const auto& id : snapshot.unreadableIds) {
+        found.push_back({paths.policyDir + id.first, ConfigProblem::Error("-", id.second)});
+    }
+    for (const auto& file : snapshot.unreadable) {
+        found.push_back(
+            {directory.PathOf(file.first), ConfigProblem::Error("-", file.second + "; " + kRefused)});
+    }
+    for (const auto& policy : snapshot.texts) {
+        const std::string path = directory.PathOf(policy.first);
+        for (ConfigProblem& problem :
+             CheckPolicy(schemas, policy.first.first, policy.first.second, policy.second)) {
+            found.push_back({path, std::move(problem)});
+        }
+        if (schemas.Find(policy.first.first) == nullptr) {
+            found.push_back({path, ConfigProblem::Warning("-", "no module here describes policy id " +
+                                                                   policy.first.first +
+                                                                   "; the agent delivers it only if a loaded "
+                                                                   "module takes that id")});
+        }
+    }
+    return found;
 }
 
 }  // namespace Agent

@@ -4,24 +4,26 @@
 #include <vector>
 
 #include "AgentPaths.h"
+#include "ConfigProblem.h"
 
 namespace Agent {
 
 class PolicySchemas;
 
-// corvane-agent --check: every problem of the settings file and of the policy
-// files, without loading any module (their policy schemas are read instead).
+// corvane-agent --check: every finding about the settings file and the policy files,
+// without loading any module (their policy schemas are read instead). An error is what
+// the running agent would refuse; a warning is what it would use, and how.
 class ConfigCheck {
 public:
-    // Each problem as "FILE: key: what is wrong". `modules`: the module libraries
-    // whose schemas apply (the --module options, else the prefix's module directory).
-    static std::vector<std::string> Run(const AgentPaths& paths, const std::vector<std::string>& modules);
+    // `modules`: the module libraries whose schemas apply (the --module options, else
+    // the prefix's module directory).
+    static std::vector<FileProblem> Run(const AgentPaths& paths, const std::vector<std::string>& modules);
 
-    // The problems of one policy file of `id` and `feature`, by the schema of the
+    // The findings of one policy text of `id` and `feature`: an error when the agent
+    // refuses it (not JSON, not a JSON object), else the warnings of the schema of the
     // module that takes `id` (none when no module describes it).
-    static std::vector<std::string> CheckPolicy(const PolicySchemas& schemas, const std::string& path,
-                                                const std::string& id, const std::string& feature,
-                                                const std::string& text);
+    static std::vector<ConfigProblem> CheckPolicy(const PolicySchemas& schemas, const std::string& id,
+                                                  const std::string& feature, const std::string& text);
 };
 
 }  // namespace Agent

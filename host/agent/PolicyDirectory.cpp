@@ -50,6 +50,18 @@ bool FeatureOf(const std::string& fileName, std::string& feature) {
     return true;
 }
 
+// A policy file that passes TrustedPath, read whole; false with why, naming the path.
+bool ReadPolicyFile(const std::string& path, std::string& text, std::string& why) {
+    if (!TrustedPath::Check(path, why)) {
+        return false;
+    }
+    if (!TextFile::Read(path, kMaxPolicyBytes, text, why)) {
+        why = "cannot read policy file " + path + " (" + why + ")";
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 PolicyDirectory::PolicyDirectory(std::string root) : root_(std::move(root)) {
@@ -66,9 +78,8 @@ PolicyDirectory::Snapshot PolicyDirectory::Scan() const {
     Snapshot snapshot;
     std::vector<std::string> ids;
     if (!ListNames(root_, ids)) {
-        HOST_CONSOLE_LOG_ERROR("cannot read the policy directory " + root_ + ": " + std::strerror(errno) +
-                               "; the policies in force stay as they are");
-        snapshot.rootUnreadable = true;
+        snapshot.rootUnreadable = "cannot read the policy directory " + root_ + ": " + std::strerror(errno);
+        HOST_CONSOLE_LOG_ERROR(snapshot.rootUnreadable + "; the policies in force stay as they are");
         return snapshot;
     }
     for (const std::string& id : ids) {
@@ -78,9 +89,9 @@ PolicyDirectory::Snapshot PolicyDirectory::Scan() const {
         }
         std::vector<std::string> files;
         if (!ListNames(idDir, files)) {
-            HOST_CONSOLE_LOG_ERROR("cannot read the policy directory " + idDir + ": " + std::strerror(errno) +
-                                   "; its policies in force stay as they are");
-            snapshot.unreadableIds.insert(id);
+            const std::string why = "cannot read the policy directory " + idDir + ": " + std::strerror(errno);
+            HOST_CONSOLE_LOG_ERROR(why + "; its policies in force stay as they are");
+            snapshot.unreadableIds.emplace(id, why);
             continue;
         }
         for (const std::string& file : files) {
@@ -91,15 +102,9 @@ PolicyDirectory::Snapshot PolicyDirectory::Scan() const {
             const std::string path = PathOf(key);
             std::string text;
             std::string error;
-            if (!TrustedPath::Check(path, error)) {
+            if (!ReadPolicyFile(path, text, error)) {
                 HOST_CONSOLE_LOG_ERROR(error + "; the policy in force for it stays");
-                snapshot.unreadable.insert(key);
-                continue;
-            }
-            if (!TextFile::Read(path, kMaxPolicyBytes, text, error)) {
-                HOST_CONSOLE_LOG_ERROR("cannot read policy file " + path + " (" + error +
-                                       "); the policy in force for it stays");
-                snapshot.unreadable.insert(key);
+                snapshot.unreadable.emplace(key, error);
                 continue;
             }
             snapshot.texts.emplace(key, std::move(text));
@@ -122,7 +127,8 @@ std::vector<PolicyDirectory::Change> PolicyDirectory::Diff(const std::map<Key, s
             old == delivered.end() || (now != current.texts.end() && now->first < old->first);
         if (takeOld) {
             const Key& key = old->first;
-            const bool unknown = current.rootUnreadable || current.unreadableIds.count(key.first) != 0 ||
+            const bool unknown = !current.rootUnreadable.empty() ||
+                                 current.unreadableIds.count(key.first) != 0 ||
                                  current.unreadable.count(key) != 0;
             if (!unknown) {
                 changes.push_back({key.first, key.second, pathOf(key), kRemovedPolicy, true});
@@ -144,7 +150,7 @@ std::vector<PolicyDirectory::Change> PolicyDirectory::Diff(const std::map<Key, s
 }
 
 std::vector<PolicyDirectory::Change> PolicyDirectory::FindChanges() const {
-    return Diff(delivered_, Scan(), root_);
+    return ChangesFrom(Scan());
 }
 
 void PolicyDirectory::MarkDelivered(const Change& change) {

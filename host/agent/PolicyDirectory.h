@@ -1,7 +1,6 @@
 #pragma once
 
 #include <map>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -19,9 +18,15 @@ public:
     // id directory, the root) are neither changed nor removed by a reload.
     struct Snapshot {
         std::map<Key, std::string> texts;
-        std::set<Key> unreadable;
-        std::set<std::string> unreadableIds;
-        bool rootUnreadable = false;
+        // What could not be read, with why (a sentence naming the path).
+        std::map<Key, std::string> unreadable;
+        std::map<std::string, std::string> unreadableIds;
+        std::string rootUnreadable;
+
+        // Files and directories that could not be read: each is a policy refused.
+        size_t CountUnreadable() const {
+            return unreadable.size() + unreadableIds.size() + (rootUnreadable.empty() ? 0 : 1);
+        }
     };
 
     struct Change {
@@ -47,7 +52,11 @@ public:
     static std::vector<Change> Diff(const std::map<Key, std::string>& delivered, const Snapshot& current,
                                     const std::string& root);
 
-    // Scan, then Diff against what was delivered.
+    // Diff of `current` against what was delivered.
+    std::vector<Change> ChangesFrom(const Snapshot& current) const {
+        return Diff(delivered_, current, root_);
+    }
+    // Scan, then ChangesFrom.
     std::vector<Change> FindChanges() const;
     // Remembers a change as delivered (a removal forgets the key).
     void MarkDelivered(const Change& change);

@@ -1,69 +1,60 @@
 #include "PolicyPublisher.h"
 
-#include <json/json.h>
-
-#include <memory>
-
 #include "ConfigCheck.h"
+#include "PolicySchema.h"
 #include "framework/Engine.h"
 #include "framework/Metrics.h"
 #include "sdk/HostLog.h"
-#include "sdk/JsonUtils.h"
 
 namespace Agent {
-
-namespace {
-
-// jsoncpp's own account of what is wrong, on one line.
-bool CheckJson(const std::string& text, std::string& error) {
-    Json::Value document;
-    return SDK::JsonUtils::ParseBounded(text.data(), text.size(), document, error);
-}
-
-}  // namespace
 
 PolicyPublisher::PolicyPublisher(Framework::Engine& engine, PolicyDirectory& directory,
                                  const PolicySchemas* schemas)
     : engine_(engine), directory_(directory), schemas_(schemas) {}
 
 int PolicyPublisher::PublishChanges() {
+    const PolicyDirectory::Snapshot snapshot = directory_.Scan();
+    CountRefused(snapshot.CountUnreadable());
     int delivered = 0;
-    for (const PolicyDirectory::Change& change : directory_.FindChanges()) {
+    for (const PolicyDirectory::Change& change : directory_.ChangesFrom(snapshot)) {
         if (Publish(change)) {
             ++delivered;
             Framework::Metrics::Instance()
                 .Counter("corvane_policy_refreshes_total", "Policies delivered to the modules")
                 .Increment();
         } else {
-            ++refused_;
-            Framework::Metrics::Instance()
-                .Counter("corvane_policy_refusals_total",
-                         "Policy files not delivered (bad JSON, schema, refused)")
-                .Increment();
+            CountRefused(1);
         }
     }
     return delivered;
 }
 
+void PolicyPublisher::CountRefused(size_t count) {
+    if (count == 0) {
+        return;
+    }
+    refused_ += count;
+    Framework::Metrics::Instance()
+        .Counter("corvane_policy_refusals_total",
+                 "Policy files not delivered (unreadable, not JSON, not an object, no module)")
+        .Increment(static_cast<double>(count));
+}
+
 bool PolicyPublisher::Publish(const PolicyDirectory::Change& change) {
     const std::string what = "policy \"" + change.feature + "\" of id " + change.id;
-    std::string error;
-    if (!change.removed && !CheckJson(change.text, error)) {
-        HOST_CONSOLE_LOG_ERROR("policy file " + change.path + " is not valid JSON (" + error + "); the " +
-                               what + " in force stays");
-        return false;
-    }
-    if (!change.removed && schemas_ != nullptr) {
-        const std::vector<std::string> problems =
-            ConfigCheck::CheckPolicy(*schemas_, change.path, change.id, change.feature, change.text);
-        for (const std::string& problem : problems) {
-            HOST_CONSOLE_LOG_ERROR("policy file " + problem);
-        }
-        if (!problems.empty()) {
-            HOST_CONSOLE_LOG_ERROR("policy file " + change.path + " not delivered (" +
-                                   std::to_string(problems.size()) + " problems); the " + what +
-                                   " in force stays");
-            return false;
+    size_t warnings = 0;
+    if (!change.removed) {
+        const PolicySchemas none;
+        const std::vector<ConfigProblem> problems = ConfigCheck::CheckPolicy(
+            schemas_ != nullptr ? *schemas_ : none, change.id, change.feature, change.text);
+        for (const ConfigProblem& problem : problems) {
+            if (problem.IsError()) {
+                HOST_CONSOLE_LOG_ERROR("policy file " + problem.Describe(change.path) + "; the " + what +
+                                       " in force stays");
+                return false;
+            }
+            HOST_CONSOLE_LOG_WARNING("policy file " + problem.Describe(change.path));
+            ++warnings;
         }
     }
     const int result = engine_.DeliverPolicy(change.id, change.feature, change.text);
@@ -81,8 +72,13 @@ bool PolicyPublisher::Publish(const PolicyDirectory::Change& change) {
         return false;
     }
     directory_.MarkDelivered(change);
-    HOST_CONSOLE_LOG_INFO(change.removed ? "policy file " + change.path + " removed: " + what + " disabled"
-                                         : "delivered " + what + " from " + change.path);
+    if (change.removed) {
+        HOST_CONSOLE_LOG_INFO("policy file " + change.path + " removed: " + what + " disabled");
+    } else {
+        HOST_CONSOLE_LOG_INFO(
+            "delivered " + what + " from " + change.path +
+            (warnings == 0 ? std::string() : " (" + std::to_string(warnings) + " warnings, logged above)"));
+    }
     return true;
 }
 

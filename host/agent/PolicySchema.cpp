@@ -3,8 +3,11 @@
 #include <arpa/inet.h>
 #include <sys/stat.h>
 
-#include <memory>
+#include <cctype>
+#include <cstdint>
+#include <limits>
 
+#include "JsonText.h"
 #include "TextFile.h"
 
 #include "sdk/JsonUtils.h"
@@ -16,6 +19,9 @@ namespace {
 constexpr size_t kMaxSchemaBytes = 256 * 1024;
 // Deeper policies than their schema are refused before this; it only bounds a malformed schema.
 constexpr int kMaxDepth = 32;
+// Texts quoted in a finding are cut to this, so that one long value does not flood the log.
+constexpr size_t kMaxQuoted = 64;
+const char* const kUsedAsIs = "the module uses it as is";
 
 std::string Join(const std::string& key, const std::string& member) {
     return key.empty() ? member : key + "." + member;
@@ -23,6 +29,15 @@ std::string Join(const std::string& key, const std::string& member) {
 
 std::string ShownKey(const std::string& key) {
     return key.empty() ? "-" : key;
+}
+
+// A value as JSON on one line: 3, "", false.
+std::string Shown(const Json::Value& value) {
+    return SDK::JsonUtils::JsonToString(value);
+}
+
+std::string Quoted(const std::string& text) {
+    return Shown(Json::Value(text.size() > kMaxQuoted ? text.substr(0, kMaxQuoted) + "..." : text));
 }
 
 std::string TypeName(const Json::Value& value) {
@@ -51,32 +66,126 @@ bool IsEnabled(const Json::Value& document) {
     return enabled.isBool() && enabled.asBool();
 }
 
-}  // namespace
+// What the module does with a key it cannot use, in words.
+std::string IfUnusable(const Json::Value& node) {
+    if (node.isMember("unusable")) {
+        return node["unusable"].asString();
+    }
+    if (node.isMember("default")) {
+        return "the module uses its default " + Shown(node["default"]);
+    }
+    return "the module ignores it";
+}
 
-bool ParseStrictJson(const std::string& text, Json::Value& out, std::string& error) {
-    // The bounded parse refuses deep nesting and oversized texts (which make jsoncpp
-    // throw) before the strict one looks for duplicate keys and comments.
-    if (!SDK::JsonUtils::ParseBounded(text.data(), text.size(), out, error)) {
+std::string Text(const Json::Value& node, const char* member) {
+    return node.get(member, kUsedAsIs).asString();
+}
+
+// The text the module takes from a list element, as jsoncpp gives it: 5 is "5", null is "".
+bool ElementText(const Json::Value& value, std::string& text) {
+    if (!value.isConvertibleTo(Json::stringValue)) {
         return false;
     }
-    Json::CharReaderBuilder builder;
-    builder["collectComments"] = false;
-    builder["allowComments"] = false;
-    builder["failIfExtra"] = true;
-    builder["rejectDupKeys"] = true;
-    builder["allowTrailingCommas"] = false;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    if (reader->parse(text.data(), text.data() + text.size(), &out, &error)) {
-        return true;
-    }
-    for (char& c : error) {
-        c = (c == '\n') ? ' ' : c;
-    }
-    while (!error.empty() && error.back() == ' ') {
-        error.pop_back();
-    }
-    return false;
+    text = value.asString();
+    return true;
 }
+
+bool IsLowerHexSha256(const std::string& text) {
+    if (text.size() != 64) {
+        return false;
+    }
+    for (char c : text) {
+        if (std::isdigit(static_cast<unsigned char>(c)) == 0 && (c < 'a' || c > 'f')) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The findings about one value against its schema node, each said with what the module makes of it.
+class Findings {
+public:
+    Findings(const Json::Value& node, const Json::Value& value, const std::string& key,
+             std::vector<ConfigProblem>& problems)
+        : node_(node), value_(value), key_(ShownKey(key)), problems_(problems) {}
+
+    void Add(const std::string& what) { problems_.push_back(ConfigProblem::Warning(key_, what)); }
+    void WrongType(const std::string& expected) {
+        Add("must be " + expected + ", not " + TypeName(value_) + "; " + IfUnusable(node_));
+    }
+
+    // The module reads integers as 32-bit unless the schema gives other bounds.
+    void Integer() {
+        const Json::Int64 min = node_.get("min", std::numeric_limits<int32_t>::min()).asInt64();
+        const Json::Int64 max = node_.get("max", std::numeric_limits<int32_t>::max()).asInt64();
+        if (!value_.isIntegral()) {
+            WrongType("an integer");
+            return;
+        }
+        if (!value_.isInt64() || value_.asInt64() < min || value_.asInt64() > max) {
+            Add(Shown(value_) + " is out of range (" + std::to_string(min) + ".." + std::to_string(max) +
+                "); " + IfUnusable(node_));
+            return;
+        }
+        const Json::Int64 number = value_.asInt64();
+        const Json::Value& advised = node_["advised"];
+        if (advised.isMember("min") && number < advised["min"].asInt64()) {
+            Add(std::to_string(number) + " is below " + Shown(advised["min"]) + "; " +
+                Text(advised, "below"));
+        } else if (advised.isMember("max") && number > advised["max"].asInt64()) {
+            Add(std::to_string(number) + " is above " + Shown(advised["max"]) + "; " +
+                Text(advised, "above"));
+        }
+    }
+
+    void TextValue(const std::string& text) {
+        if (node_.isMember("min_length") && text.size() < node_["min_length"].asUInt64()) {
+            Add((text.empty() ? std::string("empty")
+                              : Quoted(text) + " is shorter than " + Shown(node_["min_length"]) + " bytes") +
+                "; " + Text(node_, "too_short"));
+        } else if (node_.isMember("max_length") && text.size() > node_["max_length"].asUInt64()) {
+            Add("a text of " + std::to_string(text.size()) + " bytes is longer than " +
+                Shown(node_["max_length"]) + "; " + Text(node_, "too_long"));
+        }
+        if (node_["format"] == "sha256" && !text.empty() && !IsLowerHexSha256(text)) {
+            Add(Quoted(text) + " is not a SHA-256 digest in lowercase hex (64 digits); " +
+                Text(node_, "malformed"));
+        }
+    }
+
+    // The module takes the element's text through inet_addr, which also reads forms such as
+    // "127.1" and "0x7f000001", and skips what comes back as INADDR_NONE.
+    void Address() {
+        std::string text;
+        if (!ElementText(value_, text)) {
+            WrongType("an IPv4 address");
+            return;
+        }
+        const in_addr_t address = ::inet_addr(text.c_str());
+        if (address == INADDR_NONE) {
+            Add((text == "255.255.255.255"
+                     ? std::string("255.255.255.255 cannot be told from an unreadable address")
+                     : Quoted(text) + " is not an IPv4 address") +
+                "; " + IfUnusable(node_));
+            return;
+        }
+        char dotted[INET_ADDRSTRLEN] = {};
+        in_addr parsed{};
+        parsed.s_addr = address;
+        ::inet_ntop(AF_INET, &parsed, dotted, sizeof(dotted));
+        if (!value_.isString() || text != dotted) {
+            Add(Shown(value_).substr(0, kMaxQuoted) + " is read as " + dotted);
+        }
+    }
+
+private:
+    const Json::Value& node_;
+    const Json::Value& value_;
+    const std::string key_;
+    std::vector<ConfigProblem>& problems_;
+};
+
+}  // namespace
 
 std::string PolicySchema::PathBeside(const std::string& modulePath) {
     const std::string suffix = ".so";
@@ -92,16 +201,16 @@ bool PolicySchema::Load(const std::string& path, std::string& error) {
     path_ = path;
     std::string text;
     if (!TextFile::Read(path, kMaxSchemaBytes, text, error)) {
-        error = "cannot read the policy schema " + path + " (" + error + ")";
+        error = "cannot be read (" + error + ")";
         return false;
     }
     Json::Value root;
     if (!ParseStrictJson(text, root, error)) {
-        error = "the policy schema " + path + " is not valid JSON (" + error + ")";
+        error = "not valid JSON (" + error + ")";
         return false;
     }
     if (!root.isObject() || !root["policy_id"].isString() || !root["features"].isObject()) {
-        error = "the policy schema " + path + " lacks \"policy_id\" or \"features\"";
+        error = "lacks \"policy_id\" or \"features\"";
         return false;
     }
     policyId_ = root["policy_id"].asString();
@@ -110,31 +219,32 @@ bool PolicySchema::Load(const std::string& path, std::string& error) {
     return true;
 }
 
-const Json::Value& PolicySchema::Resolve(const Json::Value& node) const {
-    if (node.isObject() && node["$ref"].isString() && definitions_.isObject()) {
-        const std::string name = node["$ref"].asString();
-        if (definitions_.isMember(name)) {
-            return definitions_[name];
+Json::Value PolicySchema::Resolve(const Json::Value& node) const {
+    if (!node.isObject() || !node["$ref"].isString() || !definitions_.isObject() ||
+        !definitions_.isMember(node["$ref"].asString())) {
+        return node;
+    }
+    // The referring node's own members ("default", "unusable") refine the definition.
+    Json::Value resolved = definitions_[node["$ref"].asString()];
+    for (const std::string& name : node.getMemberNames()) {
+        if (name != "$ref" && resolved.isObject()) {
+            resolved[name] = node[name];
         }
     }
-    return node;
+    return resolved;
 }
 
-std::vector<ConfigProblem> PolicySchema::Check(const std::string& feature, const std::string& text) const {
+std::vector<ConfigProblem> PolicySchema::Check(const std::string& feature,
+                                               const Json::Value& document) const {
     std::vector<ConfigProblem> problems;
-    Json::Value document;
-    std::string error;
-    if (!ParseStrictJson(text, document, error)) {
-        problems.push_back({"-", "not valid JSON (" + error + ")"});
-        return problems;
-    }
     if (!features_.isMember(feature)) {
         std::string known;
         for (const std::string& name : features_.getMemberNames()) {
             known += (known.empty() ? "" : ", ") + name;
         }
-        problems.push_back({"-", "no module takes the feature \"" + feature + "\" under policy id " +
-                                     policyId_ + " (known: " + known + ")"});
+        problems.push_back(ConfigProblem::Warning("-", "policy id " + policyId_ + " has no feature \"" +
+                                                           feature + "\" (known: " + known +
+                                                           "); the module ignores this policy"));
         return problems;
     }
     CheckNode(features_[feature], document, "", problems, 0);
@@ -143,65 +253,47 @@ std::vector<ConfigProblem> PolicySchema::Check(const std::string& feature, const
 
 void PolicySchema::CheckNode(const Json::Value& rawNode, const Json::Value& value, const std::string& key,
                              std::vector<ConfigProblem>& problems, int depth) const {
-    const Json::Value& node = Resolve(rawNode);
+    const Json::Value node = Resolve(rawNode);
     if (depth > kMaxDepth || !node.isObject()) {
         return;
     }
+    Findings findings(node, value, key, problems);
+    if (node.get("no_effect", false).asBool()) {
+        findings.Add("accepted; has no effect");
+        return;
+    }
     const std::string type = node["type"].asString();
-    const auto wrong = [&](const std::string& expected) {
-        problems.push_back({ShownKey(key), "must be " + expected + ", not " + TypeName(value)});
-    };
+    std::string text;
     if (type == "object") {
         if (!value.isObject()) {
-            wrong("an object");
+            findings.WrongType("an object");
             return;
         }
         CheckObject(node, value, key, problems, depth);
     } else if (type == "boolean") {
         if (!value.isBool()) {
-            wrong("true or false");
+            findings.WrongType("true or false");
         }
     } else if (type == "integer") {
-        if (!value.isInt64()) {
-            wrong("an integer");
+        findings.Integer();
+    } else if (type == "string") {
+        if (!value.isString()) {
+            findings.WrongType("a string");
             return;
         }
-        const Json::Int64 number = value.asInt64();
-        if ((node.isMember("min") && number < node["min"].asInt64()) ||
-            (node.isMember("max") && number > node["max"].asInt64())) {
-            problems.push_back(
-                {ShownKey(key), std::to_string(number) + " is out of range (" +
-                                    (node.isMember("min") ? node["min"].asString() : "") + ".." +
-                                    (node.isMember("max") ? node["max"].asString() : "") + ")"});
-        }
+        findings.TextValue(value.asString());
     } else if (type == "scalar") {
         // Lists of names take each element as text, numbers and booleans included.
-        if (!value.isString() && !value.isNumeric() && !value.isBool()) {
-            wrong("a string, number or boolean");
-        }
-    } else if (type == "string" || type == "ipv4") {
-        if (!value.isString()) {
-            wrong(type == "ipv4" ? "a dotted IPv4 address" : "a string");
+        if (!ElementText(value, text)) {
+            findings.WrongType("text, a number or a boolean");
             return;
         }
-        const std::string text = value.asString();
-        in_addr address{};
-        if (type == "ipv4" && ::inet_pton(AF_INET, text.c_str(), &address) != 1) {
-            problems.push_back({ShownKey(key), "\"" + text + "\" is not a dotted IPv4 address"});
-        } else if (text.size() < node.get("min_length", 0).asUInt64() ||
-                   (node.isMember("max_length") && text.size() > node["max_length"].asUInt64())) {
-            problems.push_back({ShownKey(key), "a string of " + std::to_string(text.size()) +
-                                                   " bytes is out of range (" +
-                                                   node.get("min_length", 0).asString() + ".." +
-                                                   node.get("max_length", "").asString() + ")"});
-        }
+        findings.TextValue(text);
+    } else if (type == "ipv4") {
+        findings.Address();
     } else if (type == "array") {
         if (!value.isArray()) {
-            wrong("an array");
-            return;
-        }
-        if (node.isMember("max_items") && value.size() > node["max_items"].asUInt()) {
-            problems.push_back({ShownKey(key), "more than " + node["max_items"].asString() + " elements"});
+            findings.WrongType("an array");
             return;
         }
         for (Json::ArrayIndex index = 0; index < value.size(); ++index) {
@@ -216,7 +308,7 @@ void PolicySchema::CheckObject(const Json::Value& node, const Json::Value& value
     const Json::Value& members = node["members"];
     for (const std::string& name : value.getMemberNames()) {
         if (!members.isMember(name)) {
-            problems.push_back({Join(key, name), "unknown key"});
+            problems.push_back(ConfigProblem::Warning(Join(key, name), "unknown key; the module ignores it"));
             continue;
         }
         CheckNode(members[name], value[name], Join(key, name), problems, depth + 1);
@@ -224,7 +316,8 @@ void PolicySchema::CheckObject(const Json::Value& node, const Json::Value& value
     const auto requireAll = [&](const Json::Value& names) {
         for (const Json::Value& name : names) {
             if (!value.isMember(name.asString())) {
-                problems.push_back({Join(key, name.asString()), "missing"});
+                problems.push_back(ConfigProblem::Warning(
+                    Join(key, name.asString()), "missing; " + IfUnusable(Resolve(members[name.asString()]))));
             }
         }
     };
@@ -234,8 +327,8 @@ void PolicySchema::CheckObject(const Json::Value& node, const Json::Value& value
     }
 }
 
-std::vector<std::string> PolicySchemas::LoadBeside(const std::vector<std::string>& modulePaths) {
-    std::vector<std::string> errors;
+std::vector<FileProblem> PolicySchemas::LoadBeside(const std::vector<std::string>& modulePaths) {
+    std::vector<FileProblem> problems;
     for (const std::string& modulePath : modulePaths) {
         const std::string path = PolicySchema::PathBeside(modulePath);
         struct stat info {};
@@ -245,13 +338,14 @@ std::vector<std::string> PolicySchemas::LoadBeside(const std::vector<std::string
         PolicySchema schema;
         std::string error;
         if (!schema.Load(path, error)) {
-            errors.push_back(error);
+            problems.push_back({path, ConfigProblem::Warning("-", error + "; the policies of its module are "
+                                                                          "checked only for JSON syntax")});
             continue;
         }
         const std::string id = schema.GetPolicyId();
         byId_[id] = std::move(schema);
     }
-    return errors;
+    return problems;
 }
 
 const PolicySchema* PolicySchemas::Find(const std::string& id) const {

@@ -22,22 +22,41 @@ private:
     int fd_;
 };
 
+// Why a file that is not a regular one is refused, naming what it is.
+std::string NotRegular(mode_t mode) {
+    const char* what = S_ISDIR(mode)    ? "a directory"
+                       : S_ISFIFO(mode) ? "a FIFO"
+                       : S_ISSOCK(mode) ? "a socket"
+                       : S_ISCHR(mode)  ? "a character device"
+                       : S_ISBLK(mode)  ? "a block device"
+                                        : "of an unknown type";
+    return std::string("not a regular file but ") + what;
+}
+
 }  // namespace
 
 bool TextFile::Read(const std::string& path, size_t limit, std::string& text, std::string& error) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+    // A device is not even opened (opening some has effects); the file found open is checked
+    // again below, since the path may have changed in between.
+    struct stat info {};
+    if (::stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+        error = NotRegular(info.st_mode);
+        return false;
+    }
+    // Non-blocking, so that a FIFO put in the file's place cannot hold the caller (the main
+    // thread, which also takes SIGTERM) in open() or read().
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
     if (fd < 0) {
         error = std::strerror(errno);
         return false;
     }
     FdCloser closer(fd);
-    struct stat info {};
     if (::fstat(fd, &info) != 0) {
         error = std::strerror(errno);
         return false;
     }
     if (!S_ISREG(info.st_mode)) {
-        error = "not a regular file";
+        error = NotRegular(info.st_mode);
         return false;
     }
     // A file that says it is over the cap is refused unread; the loop below still stops at

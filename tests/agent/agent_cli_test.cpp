@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -34,51 +36,88 @@ Outcome RunAgent(const std::string& args) {
     return outcome;
 }
 
+// Whether some line of `text` starts with `start` and holds `part`.
+bool HasLine(const std::string& text, const std::string& start, const std::string& part) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind(start, 0) == 0 && line.find(part) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
 std::string Detaction(const std::string& task) {
     return R"({"enabled": true, "content": {"detaction_full_task": {"task_condition": {"repeat_interval": 60},
         "score": {"tmp": 1}, )" +
            task + "}}}";
 }
 
-TEST(AgentCommandLine, CheckNamesEveryProblemWithItsFileAndKey) {
-    const TestSupport::TempDir dir("check");
+// Each kind of finding through --check. An error is what the running agent refuses and
+// fails the check (so the unit's ExecStartPre stops the start); a warning says what the
+// module or agent makes of the key, and fails the check only with --strict.
+TEST(AgentCommandLine, CheckMarksRefusalsAsErrorsAndTheRestAsWarnings) {
+    const std::string fifo = "<fifo>";
+    const std::string detroot = "p/10001/proc_detroot_feature.json";
+    const std::string detaction = "p/10001/proc_detaction_feature.json";
     const struct {
         std::string file;
         std::string text;
-        std::string finding;  // expected after "<dir>/<file>: "
+        std::string severity;
+        std::string finding;  // in the line "<dir>/<file>: <severity>: ..."
     } cases[] = {
-        {"policies/10001/proc_detaction_feature.json", Detaction(R"("report_score": "three")"),
-         "content.detaction_full_task.report_score: must be an integer, not a string"},
-        {"policies/10001/proc_detroot_feature.json",
+        {detroot, R"({"enabled": tru)", "error", "-: not valid JSON"},
+        {detroot, "[]", "error", "-: the top level must be a JSON object; refused"},
+        {detroot, fifo, "error", "(not a regular file but a FIFO); refused"},
+        {detroot, std::string(5 << 20, ' ') + "{}", "error", "(larger than 4194304 bytes); refused"},
+        {"agent.json", R"({"cpu_share": )", "error", "-: not valid JSON"},
+        {detroot, R"({"enabled": false,})", "warning", "-: not strict JSON"},
+        {detaction, Detaction(R"("report_scor": 3)"), "warning",
+         "content.detaction_full_task.report_scor: unknown key; the module ignores it"},
+        {detaction, Detaction(R"("report_score": "three")"), "warning",
+         "content.detaction_full_task.report_score: must be an integer, not a string; the module uses its "
+         "default 3"},
+        {detaction, Detaction(R"("report_score": 0, "check_str_max_size_m": 2048)"), "warning",
+         "content.detaction_full_task.report_score: 0 is below 1; every process with any finding"},
+        {detroot,
          R"({"enabled": true, "content": {"detroot_full_task": {"task_condition": {"repeat_interval": 0}}}})",
-         "content.detroot_full_task.task_condition.repeat_interval: 0 is out of range"},
-        {"policies/10002/proc_detaction_feature.json", "{}", "-: no module describes policy id 10002"},
-        {"policies/10001/proc_detection_feature.json", "{}", "-: no module takes the feature"},
-        {"bad/10001/proc_detaction_feature.json", Detaction(R"("report_scor": 3)"),
-         "content.detaction_full_task.report_scor: unknown key"},
-        {"bad/10001/proc_detroot_feature.json", R"({"enabled": true,})", "-: not valid JSON"},
-        {"agent.json", R"({"cpu_share": 300, "log": {"levl": "debug"}})", "cpu_share: must be an integer"},
-        {"agent.json", "", "log.levl: unknown key"},
+         "warning",
+         "content.detroot_full_task.task_condition.repeat_interval: 0 is out of range (1..2147483647); the "
+         "module refuses the schedule"},
+        {detaction, Detaction(R"("illegal_ip_list": ["127.0.0.2", "nonsense", "255.255.255.255"])"),
+         "warning",
+         "content.detaction_full_task.illegal_ip_list[1]: \"nonsense\" is not an IPv4 address; the module "
+         "skips it"},
+        {detaction, Detaction(R"("full_report_hour": 3)"), "warning",
+         "content.detaction_full_task.full_report_hour: accepted; has no effect"},
+        {detroot, R"({"enabled": true, "content": {"detroot_full_task": {}}})", "warning",
+         "content.detroot_full_task.task_condition: missing; the task keeps its schedule"},
+        {"p/10001/proc_detection_feature.json", "{}", "warning",
+         "-: policy id 10001 has no feature \"proc_detection_feature\""},
+        {"p/10002/x.json", "{}", "warning", "-: no module here describes policy id 10002"},
+        {"agent.json", R"({"log": {"levl": "debug"}})", "warning", "log.levl: unknown key; ignored"},
     };
     for (const auto& entry : cases) {
-        if (!entry.text.empty()) {
-            dir.Write(entry.file, entry.text);
+        const TestSupport::TempDir dir("check");
+        dir.Write("agent.json", "{}");
+        dir.Write("p/.keep", "");
+        const std::string path = dir.Write(entry.file, entry.text == fifo ? "" : entry.text);
+        if (entry.text == fifo) {
+            ::unlink(path.c_str());
+            ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
         }
-    }
-    Outcome first =
-        RunAgent("--check --config " + dir.path() + "/agent.json --policy-dir " + dir.path() + "/policies");
-    const Outcome second =
-        RunAgent("--check --config " + dir.path() + "/agent.json --policy-dir " + dir.path() + "/bad");
-    EXPECT_EQ(first.status, 1);
-    EXPECT_EQ(second.status, 1);
-    first.out += second.out;
-    for (const auto& entry : cases) {
-        EXPECT_NE(first.out.find(dir.path() + "/" + entry.file + ": " + entry.finding), std::string::npos)
+        const std::string args =
+            "--check --config " + dir.path() + "/agent.json --policy-dir " + dir.path() + "/p";
+        const Outcome outcome = RunAgent(args);
+        EXPECT_TRUE(HasLine(outcome.out, path + ": " + entry.severity + ": ", entry.finding))
             << entry.finding << "\n"
-            << first.out;
+            << outcome.out;
+        EXPECT_EQ(outcome.status, entry.severity == "error" ? 1 : 0) << outcome.out;
+        EXPECT_EQ(RunAgent(args + " --strict").status, 1) << entry.finding;
     }
 
-    const Outcome clean = RunAgent("--check --prefix " + AgentRunner::BuildDir());
+    // What the package installs starts under ExecStartPre, --strict or not.
+    const Outcome clean = RunAgent("--check --strict --prefix " + AgentRunner::BuildDir());
     EXPECT_EQ(clean.status, 0) << clean.out;
     EXPECT_NE(RunAgent("--version").out.find("corvane-agent " CORVANE_TEST_VERSION " (revision "),
               std::string::npos);

@@ -94,14 +94,27 @@ TEST(AgentEndToEnd, DeliversReloadsKeepsGoodPolicyOverBadTextAndLosesNothingOnSt
     ASSERT_TRUE(WaitFor([&] { return CountValue(agent, "second") > 0; })) << agent.ReadLog();
 
     const std::string policyPath = agent.PolicyDir() + "/90001/agent_test_feature.json";
-    ASSERT_TRUE(
-        agent.WaitForLog(agent.PolicyDir() + "/90002/deep_feature.json is not valid JSON", kDeadlineMs));
+    ASSERT_TRUE(agent.WaitForLog(agent.PolicyDir() + "/90002/deep_feature.json: error: -: not valid JSON",
+                                 kDeadlineMs));
+    // Each unusable file is refused and the good policy stays in force. The FIFO must not
+    // hold the agent: it still stops on SIGTERM below.
+    const std::string fifo = "<fifo>";
     const std::pair<std::string, std::string> badTexts[] = {
-        {"{\"enabled\": tru", " is not valid JSON"}, {deep, " is not valid JSON (Exceeded stackLimit"}};
+        {"{\"enabled\": tru", policyPath + ": error: -: not valid JSON"},
+        {std::string(300, '[') + std::string(300, ']'),
+         policyPath + ": error: -: not valid JSON (Exceeded stackLimit"},
+        {fifo, "cannot read policy file " + policyPath + " (not a regular file but a FIFO)"},
+        {std::string(5 << 20, ' ') + "{}",
+         "cannot read policy file " + policyPath + " (larger than 4194304 bytes)"}};
     for (const auto& [bad, complaint] : badTexts) {
-        agent.WritePolicy("90001", "agent_test_feature", bad);
+        if (bad == fifo) {
+            ::unlink(policyPath.c_str());
+            ASSERT_EQ(::mkfifo(policyPath.c_str(), 0600), 0);
+        } else {
+            agent.WritePolicy("90001", "agent_test_feature", bad);
+        }
         agent.Reload();
-        ASSERT_TRUE(agent.WaitForLog(policyPath + complaint, kDeadlineMs)) << agent.ReadLog();
+        ASSERT_TRUE(agent.WaitForLog(complaint, kDeadlineMs)) << agent.ReadLog();
         const size_t before = CountValue(agent, "second");
         ASSERT_TRUE(WaitFor([&] { return CountValue(agent, "second") > before; }))
             << "the good policy stopped";
@@ -113,6 +126,13 @@ TEST(AgentEndToEnd, DeliversReloadsKeepsGoodPolicyOverBadTextAndLosesNothingOnSt
     ASSERT_TRUE(ReadSent(sentLog, sent, refused));
     EXPECT_EQ(refused, 0);
     ExpectAllSeqsOnce(agent.ReadAlerts(), sent);
+
+    // A file refused unread (the 5 MiB one) fails a --once run too.
+    agent.RemovePolicy("90002", "deep_feature");
+    ASSERT_TRUE(agent.Start({"--once"}, {kGood}));
+    ASSERT_TRUE(agent.WaitForLog("--once: every plug-in task has checked once", kDeadlineMs))
+        << agent.ReadLog();
+    EXPECT_EQ(agent.Stop(kDeadlineMs), 1);
 }
 
 TEST(AgentEndToEnd, StopWritesEveryAlertQueuedBehindAStalledSink) {

@@ -87,11 +87,20 @@ TEST(AgentService, MetricsAreServedAndMoveAsTheAgentWorks) {
         first.count(R"(corvane_task_run_duration_seconds_bucket{task="detaction_full_task",le="+Inf"})"), 1u);
     ASSERT_TRUE(TestSupport::WaitFor([&] { return Scrape(port)[cycles] > first[cycles]; }, kDeadlineMs));
 
-    // A broken policy shows up as a refusal.
+    // A schema finding is delivered (with a warning); a file too large to read is a refusal.
     agent.WritePolicy("10001", "proc_detroot_feature", R"({"enabled": "yes"})");
+    agent.WritePolicy("10001", "proc_detaction_feature", std::string(5 << 20, ' ') + "{}");
     agent.Reload();
-    EXPECT_TRUE(TestSupport::WaitFor([&] { return Scrape(port)["corvane_policy_refusals_total"] == 1; },
-                                     kDeadlineMs));
+    std::map<std::string, double> after;
+    EXPECT_TRUE(TestSupport::WaitFor(
+        [&] {
+            after = Scrape(port);
+            return after["corvane_policy_refusals_total"] >= 1 &&
+                   after["corvane_policy_refreshes_total"] >= 2;
+        },
+        kDeadlineMs));
+    EXPECT_EQ(after["corvane_policy_refusals_total"], 1);
+    EXPECT_EQ(after["corvane_policy_refreshes_total"], 2);
 }
 
 }  // namespace

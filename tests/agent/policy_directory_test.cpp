@@ -30,15 +30,15 @@ TEST(PolicyDirectory, DiffFindsAdditionsChangesAndRemovalsButNotWhatCouldNotBeRe
         {{"10002", "d"}, "D"}, {{"10003", "e"}, "E"}, {{"10004", "f"}, "F"}};
     PolicyDirectory::Snapshot now;
     now.texts = {{{"10001", "a"}, "A"}, {{"10001", "b"}, "B2"}, {{"10001", "z"}, "Z"}};
-    now.unreadable = {{"10002", "d"}};
-    now.unreadableIds = {"10003"};
+    now.unreadable = {{{"10002", "d"}, "cannot read"}};
+    now.unreadableIds = {{"10003", "cannot read"}};
     const auto changes = PolicyDirectory::Diff(delivered, now, "/p/");
     EXPECT_EQ(Describe(changes),
               (std::vector<std::string>{"10001/b B2", "10001/c removed {\"enabled\":false}", "10001/z Z",
                                         "10004/f removed {\"enabled\":false}"}));
     EXPECT_EQ(changes.front().path, "/p/10001/b.json");
 
-    now.rootUnreadable = true;
+    now.rootUnreadable = "cannot read";
     now.texts.clear();
     EXPECT_TRUE(PolicyDirectory::Diff(delivered, now, "/p/").empty());
 }
