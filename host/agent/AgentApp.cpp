@@ -340,6 +340,9 @@ void AgentApp::DeliverCollectSettings() {
         }
         Json::Value settings;
         settings[::Engine::kRefreshSecondsKey] = collector.refreshSeconds;
+        if (std::string(collector.id) == ::Engine::kProcsCollectSettingsId) {
+            settings[::Engine::kEventBacklogMibKey] = settings_.eventBacklogMib;
+        }
         const std::string text = SDK::JsonUtils::JsonToString(settings);
         if (DeliverPolicy(collector.id, collector.feature, text) != 0) {
             HOST_CONSOLE_LOG_ERROR(std::string("the collector settings ") + text + " for \"" + collector.id +
@@ -455,9 +458,11 @@ void AgentApp::ReloadSettings() {
         settings_.cpuShare = fresh.cpuShare;
     }
     if (fresh.procsRefreshSeconds != settings_.procsRefreshSeconds ||
-        fresh.netRefreshSeconds != settings_.netRefreshSeconds) {
+        fresh.netRefreshSeconds != settings_.netRefreshSeconds ||
+        fresh.eventBacklogMib != settings_.eventBacklogMib) {
         settings_.procsRefreshSeconds = fresh.procsRefreshSeconds;
         settings_.netRefreshSeconds = fresh.netRefreshSeconds;
+        settings_.eventBacklogMib = fresh.eventBacklogMib;
         DeliverCollectSettings();
     }
     // Sinks, log files and listeners are opened once; say so rather than half-apply a change.

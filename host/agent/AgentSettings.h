@@ -21,6 +21,7 @@ struct AgentSettings {
     ReportSettings alerts;
     int procsRefreshSeconds = 3;
     int netRefreshSeconds = 3;
+    int eventBacklogMib = 64;   // process events held back for each slow subscriber
     std::string metricsListen;  // "host:port" of the Prometheus endpoint; empty: off
 
     // Reads and parses `path` into `out`. Returns the problems found (a missing file is

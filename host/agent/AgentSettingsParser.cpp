@@ -323,6 +323,7 @@ void ParseAlerts(Section& section, ReportSettings& alerts) {
 void ParseCollect(Section& section, AgentSettings& settings) {
     section.Int("procs_refresh_seconds", 1, 3600, settings.procsRefreshSeconds);
     section.Int("net_refresh_seconds", 1, 3600, settings.netRefreshSeconds);
+    section.Int("event_backlog_mib", 1, 1024, settings.eventBacklogMib);
 }
 
 }  // namespace

@@ -60,8 +60,15 @@ Framework::Policy* ProcessCollectModule::RefreshSettings(const std::string& /*fe
                                                          const std::string& content,
                                                          Framework::Policy*& /*current*/) {
     Json::Value root;
-    if (fullTask_ != nullptr && SDK::JsonUtils::ParseJsonStr(content.c_str(), content.size(), root) == 0) {
+    if (SDK::JsonUtils::ParseJsonStr(content.c_str(), content.size(), root) != 0) {
+        return nullptr;
+    }
+    if (fullTask_ != nullptr) {
         fullTask_->SetRefreshSeconds(SDK::JsonUtils::GetIntValue(root, kRefreshSecondsKey, 3));
+    }
+    const int backlogMib = SDK::JsonUtils::GetIntValue(root, kEventBacklogMibKey, 0);
+    if (realTask_ != nullptr && backlogMib > 0) {
+        realTask_->SetBacklogLimit(static_cast<size_t>(backlogMib) << 20);
     }
     return nullptr;
 }

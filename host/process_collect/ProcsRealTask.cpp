@@ -51,6 +51,19 @@ std::string PidNamespaceMismatch() {
            " of its own, and the kernel process connector reports the host's pids";
 }
 
+// What a message holds on the heap: the message, its record, their shared_ptr
+// control blocks and the record's strings beyond their inline buffers.
+size_t MessageBytes(const ProcsMessage::procInfo& record) {
+    constexpr size_t kControlBlocks = 2 * 32;
+    size_t bytes = sizeof(ProcsMessage) + sizeof(ProcsMessage::procInfo) + kControlBlocks;
+    for (const std::string* text : {&record.name, &record.exePath, &record.cmdline, &record.parentExePath}) {
+        if (text->capacity() > std::string().capacity()) {
+            bytes += text->capacity() + 1;
+        }
+    }
+    return bytes;
+}
+
 unsigned int FlagOf(ProcEvent::Kind kind) {
     switch (kind) {
         case ProcEvent::Kind::kFork:
@@ -70,11 +83,11 @@ unsigned int FlagOf(ProcEvent::Kind kind) {
 
 }  // namespace
 
-ProcsRealTask::ProcsRealTask(size_t backlogLimit)
+ProcsRealTask::ProcsRealTask(size_t backlogLimitBytes)
     : MixedTask(kTaskName, "procs_collect_feature", Framework::TaskCondition::TASK_TYPE_RESIDENT,
                 kQueueCapacity),
       wakeFd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      dispatcher_(backlogLimit) {
+      dispatcher_(backlogLimitBytes) {
     if (wakeFd_ < 0) {
         // Still correct without it: an idle wait then ends at its timeout.
         HOST_MODULE_LOG_ERROR(kProcessCollectModuleName,
@@ -458,7 +471,8 @@ void ProcsRealTask::Rescan() {
 }
 
 void ProcsRealTask::Publish(int pid, unsigned int flag, std::shared_ptr<ProcsMessage::procInfo> record) {
-    outbox_.emplace_back(flag, std::make_shared<ProcsMessage>(pid, flag, std::move(record)));
+    const size_t bytes = record ? MessageBytes(*record) : sizeof(ProcsMessage);
+    outbox_.push_back({flag, std::make_shared<ProcsMessage>(pid, flag, std::move(record)), bytes});
     ++counters_.published;
     if (outbox_.size() >= kOutboxLimit) {
         FlushOutbox();
@@ -466,8 +480,8 @@ void ProcsRealTask::Publish(int pid, unsigned int flag, std::shared_ptr<ProcsMes
 }
 
 void ProcsRealTask::FlushOutbox() {
-    for (const auto& [flag, message] : outbox_) {
-        dispatcher_.Publish(flag, message);
+    for (const Outgoing& outgoing : outbox_) {
+        dispatcher_.Publish(outgoing.flag, outgoing.message, outgoing.bytes);
     }
     outbox_.clear();
 }

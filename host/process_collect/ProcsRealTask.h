@@ -61,7 +61,10 @@ public:
         bool polling = false;         // rescanning /proc instead of the connector
     };
 
-    explicit ProcsRealTask(size_t backlogLimit = 1000000);
+    explicit ProcsRealTask(size_t backlogLimitBytes = SubscriberDispatcher::kDefaultBacklogBytes);
+
+    // The memory each subscriber's backlog may hold (collect.event_backlog_mib); from any thread.
+    void SetBacklogLimit(size_t bytes) { dispatcher_.SetBacklogLimit(bytes); }
 
     // Notes every process that changes in `log` while events are received (for
     // the live process table); set before the task runs.
@@ -118,7 +121,12 @@ private:
     std::unique_ptr<EventRecordReader> records_;  // reads through scanner_
     std::vector<ProcEvent> events_;
     std::unordered_map<int, size_t> lastChange_;  // pid -> index in events_ of its last exec/UID/GID
-    std::vector<std::pair<unsigned int, std::shared_ptr<Framework::Message>>> outbox_;
+    struct Outgoing {
+        unsigned int flag;
+        std::shared_ptr<Framework::Message> message;
+        size_t bytes;
+    };
+    std::vector<Outgoing> outbox_;
     Counters counters_;
     std::shared_ptr<ProcChangeLog> changeLog_;
     std::vector<int> changedPids_;  // noted in changeLog_ once per batch

@@ -7,7 +7,7 @@
 
 namespace Engine {
 
-SubscriberDispatcher::SubscriberDispatcher(size_t backlogLimit) : backlogLimit_(backlogLimit) {}
+SubscriberDispatcher::SubscriberDispatcher(size_t backlogLimitBytes) : backlogLimit_(backlogLimitBytes) {}
 
 SubscriberDispatcher::~SubscriberDispatcher() {
     while (!subscribers_.empty()) {
@@ -58,6 +58,7 @@ void SubscriberDispatcher::Forget(std::map<const Framework::Task*, Subscriber>::
         }
     }
     backlogSize_ -= subscriber.backlog.size();
+    backlogBytes_ -= subscriber.backlogBytes;
     Framework::Task* task = subscriber.task;
     subscribers_.erase(entry);
     task->release();
@@ -79,16 +80,19 @@ bool SubscriberDispatcher::HasRoom(const Framework::Task& task) {
 
 bool SubscriberDispatcher::Drain(Subscriber& subscriber) {
     while (!subscriber.backlog.empty() && HasRoom(*subscriber.task)) {
-        std::shared_ptr<Framework::Message> message = subscriber.backlog.front();
+        std::shared_ptr<Framework::Message> message = subscriber.backlog.front().first;
         if (!subscriber.task->EnqueueMsg(message)) {
             return false;  // filled up in between; try again later
         }
+        subscriber.backlogBytes -= subscriber.backlog.front().second;
+        backlogBytes_ -= subscriber.backlog.front().second;
         subscriber.backlog.pop_front();
     }
     return subscriber.backlog.empty();
 }
 
-int SubscriberDispatcher::Publish(unsigned int flag, const std::shared_ptr<Framework::Message>& message) {
+int SubscriberDispatcher::Publish(unsigned int flag, const std::shared_ptr<Framework::Message>& message,
+                                  size_t bytes) {
     int reached = 0;
     for (auto& [key, subscriber] : subscribers_) {
         // A stopped subscriber would only hoard events it will never handle.
@@ -103,17 +107,21 @@ int SubscriberDispatcher::Publish(unsigned int flag, const std::shared_ptr<Frame
                 continue;
             }
         }
-        if (subscriber.backlog.size() >= backlogLimit_) {
+        const size_t limit = backlogLimit_.load();
+        if (subscriber.backlogBytes + bytes > limit) {
             ++dropped_;
             if (subscriber.droppedInRun++ == 0) {
                 HOST_MODULE_LOG_ERROR(kProcessCollectModuleName,
                                       "process events for task " + subscriber.task->GetTaskName() +
                                           " are being dropped: its queue and a backlog of " +
-                                          std::to_string(backlogLimit_) + " events are full");
+                                          std::to_string(limit >> 20) + " MiB (" +
+                                          std::to_string(subscriber.backlog.size()) + " events) are full");
             }
             continue;
         }
-        subscriber.backlog.push_back(message);
+        subscriber.backlog.emplace_back(message, bytes);
+        subscriber.backlogBytes += bytes;
+        backlogBytes_ += bytes;
         ++backlogSize_;
     }
     return reached;

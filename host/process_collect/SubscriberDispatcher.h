@@ -1,9 +1,11 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <deque>
 #include <map>
 #include <memory>
+#include <utility>
 
 #include "framework/Message.h"
 
@@ -16,11 +18,14 @@ namespace Engine {
 // Delivers the producer's messages to each subscriber's queue. A subscriber
 // whose queue is full gets a backlog here, offered again as its queue empties,
 // so the producer never waits on a slow subscriber and nothing is lost until
-// the backlog reaches its limit (then the newest messages are dropped, counted
-// and logged). Used from the producer's thread only.
+// the backlog reaches its limit in bytes (then the newest messages are dropped,
+// counted and logged). Used from the producer's thread only, but for
+// SetBacklogLimit.
 class SubscriberDispatcher {
 public:
-    explicit SubscriberDispatcher(size_t backlogLimit = 1000000);
+    static constexpr size_t kDefaultBacklogBytes = size_t{64} << 20;
+
+    explicit SubscriberDispatcher(size_t backlogLimitBytes = kDefaultBacklogBytes);
     ~SubscriberDispatcher();  // releases the subscribers
 
     SubscriberDispatcher(const SubscriberDispatcher&) = delete;
@@ -33,19 +38,24 @@ public:
 
     bool Wants(unsigned int flag) const;
     // Queues `message` once for every live subscriber of `flag` (registered and
-    // running); returns how many subscribers it went to.
-    int Publish(unsigned int flag, const std::shared_ptr<Framework::Message>& message);
+    // running); returns how many subscribers it went to. `bytes`: the memory the
+    // message holds, counted against each backlog it waits in.
+    int Publish(unsigned int flag, const std::shared_ptr<Framework::Message>& message, size_t bytes);
     // Moves backlog into queues that have room again. Returns the messages still held back.
     size_t Offer();
 
     size_t GetBacklogSize() const;
+    size_t GetBacklogBytes() const { return backlogBytes_; }
+    // The bytes each subscriber's backlog may hold; from any thread.
+    void SetBacklogLimit(size_t bytes) { backlogLimit_.store(bytes); }
     unsigned long GetDroppedCount() const { return dropped_; }
 
 private:
     struct Subscriber {
         Framework::Task* task;
         std::map<unsigned int, int> flags;  // flag -> subscription count
-        std::deque<std::shared_ptr<Framework::Message>> backlog;
+        std::deque<std::pair<std::shared_ptr<Framework::Message>, size_t>> backlog;  // message, bytes
+        size_t backlogBytes = 0;
         unsigned long droppedInRun = 0;  // drops since the backlog last emptied
     };
 
@@ -53,13 +63,14 @@ private:
     static bool IsLive(Framework::Task& task);
     static bool HasRoom(const Framework::Task& task);
     // Hands the backlog to the queue while it has room; true when the backlog emptied.
-    static bool Drain(Subscriber& subscriber);
+    bool Drain(Subscriber& subscriber);
     void Forget(std::map<const Framework::Task*, Subscriber>::iterator entry);
 
-    const size_t backlogLimit_;
+    std::atomic<size_t> backlogLimit_;
     std::map<const Framework::Task*, Subscriber> subscribers_;
     std::map<unsigned int, int> flagSubscribers_;  // flag -> subscribers wanting it
     size_t backlogSize_ = 0;
+    size_t backlogBytes_ = 0;
     unsigned long dropped_ = 0;
 };
 

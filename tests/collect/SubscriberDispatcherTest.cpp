@@ -52,7 +52,8 @@ TEST(SubscriberDispatcher, BacklogKeepsOrderAndBoundsMemory) {
     ASSERT_EQ(0, module.RegisterTask(subscriber, false));
     ASSERT_TRUE(WaitRunning(*subscriber));
     {
-        Engine::SubscriberDispatcher dispatcher(6);
+        // Each event counts 100 bytes against a backlog of 600.
+        Engine::SubscriberDispatcher dispatcher(600);
         dispatcher.Subscribe(subscriber, Engine::PROCS_EVENT_FORK);
         dispatcher.Subscribe(subscriber, Engine::PROCS_EVENT_FORK);  // counted, delivered once
         dispatcher.Subscribe(stopped, Engine::PROCS_EVENT_FORK);
@@ -61,11 +62,12 @@ TEST(SubscriberDispatcher, BacklogKeepsOrderAndBoundsMemory) {
 
         // 4 fit the queue, 6 the backlog, 2 are dropped.
         for (int pid = 0; pid < 12; ++pid) {
-            EXPECT_EQ(1, dispatcher.Publish(Engine::PROCS_EVENT_FORK, Event(pid)));
+            EXPECT_EQ(1, dispatcher.Publish(Engine::PROCS_EVENT_FORK, Event(pid), 100));
         }
         EXPECT_EQ(4u, subscriber->GetQueuedCount());
         EXPECT_EQ(0u, stopped->GetQueuedCount());
         EXPECT_EQ(6u, dispatcher.GetBacklogSize());
+        EXPECT_EQ(600u, dispatcher.GetBacklogBytes());
         EXPECT_EQ(2ul, dispatcher.GetDroppedCount());
         EXPECT_EQ(6u, dispatcher.Offer());  // no room yet
 
@@ -73,11 +75,12 @@ TEST(SubscriberDispatcher, BacklogKeepsOrderAndBoundsMemory) {
         EXPECT_EQ(3u, dispatcher.Offer());
         // A new event waits behind the backlog rather than overtaking it.
         subscriber->BulkConsumeMsg(1);
-        EXPECT_EQ(1, dispatcher.Publish(Engine::PROCS_EVENT_FORK, Event(100)));
+        EXPECT_EQ(1, dispatcher.Publish(Engine::PROCS_EVENT_FORK, Event(100), 100));
         EXPECT_EQ(3u, subscriber->GetQueuedCount());
         EXPECT_EQ(4u, dispatcher.GetBacklogSize());
         subscriber->BulkConsumeMsg(4);
         EXPECT_EQ(0u, dispatcher.Offer());
+        EXPECT_EQ(0u, dispatcher.GetBacklogBytes());
         subscriber->BulkConsumeMsg(4);
         EXPECT_EQ((std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 100}), subscriber->pids);
 
@@ -87,7 +90,7 @@ TEST(SubscriberDispatcher, BacklogKeepsOrderAndBoundsMemory) {
         EXPECT_TRUE(dispatcher.Wants(Engine::PROCS_EVENT_FORK));
         dispatcher.Unsubscribe(subscriber, Engine::PROCS_EVENT_FORK);
         EXPECT_FALSE(dispatcher.Wants(Engine::PROCS_EVENT_FORK));
-        EXPECT_EQ(0, dispatcher.Publish(Engine::PROCS_EVENT_FORK, Event(101)));
+        EXPECT_EQ(0, dispatcher.Publish(Engine::PROCS_EVENT_FORK, Event(101), 100));
     }
     module.UnInit();
     stopped->release();
