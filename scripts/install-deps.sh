@@ -5,7 +5,7 @@ packages=(
   build-essential cmake pkg-config clang-format
   libpoco-dev libjsoncpp-dev libssl-dev libcurl4-openssl-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  prometheus-cpp-dev libsystemd-dev systemd dpkg-dev fakeroot file
+  prometheus-cpp-dev libsystemd-dev systemd dpkg-dev fakeroot file lintian logrotate
   procps libcap2-bin python3 yara login bsdutils util-linux
   librdkafka-dev rsyslog rsyslog-openssl openssl
   clang-14 libfuzzer-14-dev libclang-rt-14-dev
