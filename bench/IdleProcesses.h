@@ -15,7 +15,7 @@
 namespace BenchSupport {
 
 // Far below pid_max and threads-max of any usual host.
-constexpr int kMaxIdleProcesses = 20000;
+constexpr int kMaxIdleProcesses = 40000;
 
 inline std::vector<pid_t> StartIdleProcesses(int count) {
     std::vector<pid_t> children;
