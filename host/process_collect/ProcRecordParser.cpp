@@ -192,6 +192,19 @@ bool ProcRecordParser::ParseBootTime(std::string_view procStat, int64_t& bootTim
     return false;
 }
 
+void ProcRecordParser::FillStatus(std::string_view text, ProcsMessage::procInfo& out) {
+    ProcStatusFields status;
+    ParseStatus(text, status);
+    out.uid = status.uid;
+    out.euid = status.euid;
+    out.suid = status.suid;
+    out.gid = status.gid;
+    out.egid = status.egid;
+    out.sgid = status.sgid;
+    out.capSetuid = (status.capEff >> kCapSetuidBit) & 1u;
+    out.capSetgid = (status.capEff >> kCapSetgidBit) & 1u;
+}
+
 bool ProcRecordParser::Build(const ProcTexts& texts, ProcsMessage::procInfo& out) const {
     ProcStatFields stat;
     if (!ParseStat(texts.stat, stat)) {
@@ -203,17 +216,7 @@ bool ProcRecordParser::Build(const ProcTexts& texts, ProcsMessage::procInfo& out
     out.startTime = stat.startTime;
     out.startTimeSec = bootTimeSec_ + stat.startTime / clockTicks_;
 
-    ProcStatusFields status;
-    ParseStatus(texts.status, status);
-    out.uid = status.uid;
-    out.euid = status.euid;
-    out.suid = status.suid;
-    out.gid = status.gid;
-    out.egid = status.egid;
-    out.sgid = status.sgid;
-    out.capSetuid = (status.capEff >> kCapSetuidBit) & 1u;
-    out.capSetgid = (status.capEff >> kCapSetgidBit) & 1u;
-
+    FillStatus(texts.status, out);
     JoinCmdline(texts.cmdline, out.cmdline);
     out.exePath.assign(texts.exe.data(), texts.exe.size());
     return true;

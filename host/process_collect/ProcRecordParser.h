@@ -55,6 +55,9 @@ public:
     static bool ParseStat(std::string_view text, ProcStatFields& out);
     // True when both the Uid and Gid lines were found.
     static bool ParseStatus(std::string_view text, ProcStatusFields& out);
+    // The identities and capabilities of a status text into a record; missing
+    // ones become unknown (0xFFFFFFFF, no capability).
+    static void FillStatus(std::string_view text, ProcsMessage::procInfo& out);
     // Arguments joined by blanks, at most kMaxCmdline bytes.
     static void JoinCmdline(std::string_view raw, std::string& out);
     // The "btime" line of /proc/stat.

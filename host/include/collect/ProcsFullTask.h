@@ -2,6 +2,7 @@
 
 #include <map>
 #include <memory>
+#include <vector>
 
 #include "collect/ProcsMessage.h"
 #include "framework/Task.h"
@@ -25,7 +26,15 @@ public:
 
     // Fills `out` (replacing its contents) with a snapshot at most refreshSeconds
     // old, keyed by pid. Safe from any thread. Returns the number of processes.
+    // Every field but the capabilities and the command line is as a rescan of
+    // /proc would read it then, changes that raise no kernel event included
+    // (an executable deleted, replaced or moved while it runs).
     virtual int GetProcsMap(ProcsMap& out);
+    // The same, and the capabilities, identities and command lines of `compared`
+    // and of their parents are as current as the rest: read again once per
+    // refresh interval, since capset(2) and a command line rewritten in place
+    // raise no event. For a consumer that compares those of a few processes.
+    virtual int GetProcsMapFresh(ProcsMap& out, const std::vector<int>& compared);
 
     // Changes the refresh interval (at least 1 s); safe from any thread.
     void SetRefreshSeconds(int seconds);
