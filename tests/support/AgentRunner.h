@@ -25,6 +25,8 @@ public:
     std::string AlertsPath() const { return prefix_ + "/log/alerts.json"; }
     std::string PolicyDir() const { return prefix_ + "/conf/policies"; }
 
+    // Writes <prefix>/conf/agent.json.
+    void WriteConfig(const std::string& json);
     // Writes <policy dir>/<id>/<feature>.json.
     void WritePolicy(const std::string& id, const std::string& feature, const std::string& json);
     void RemovePolicy(const std::string& id, const std::string& feature);
@@ -62,6 +64,8 @@ public:
     // Waits until the log holds `more` lines with `needle` beyond those there now.
     bool WaitForMoreLog(const std::string& needle, size_t more, long timeoutMs = 60000) const;
     size_t CountInLog(const std::string& needle) const;
+    // Lines with `needle` before the first with `marker` (all of them when there is none).
+    size_t CountInLogBefore(const std::string& needle, const std::string& marker) const;
 
     // Paths in the build tree.
     static std::string BuildDir();
