@@ -83,6 +83,9 @@ void LiveProcTable::Refresh() {
                         now - fullScanAtMs_ >= kFullScanMs;
     std::shared_ptr<ProcsMap> fresh;
     justRead_.clear();
+    if (justRead_.bucket_count() > 1024) {
+        std::unordered_set<int>().swap(justRead_);  // the buckets of a storm's pids
+    }
     if (rescan) {
         fresh = std::make_shared<ProcsMap>();
         scanner_->TakeSnapshot(*fresh, &scannedZombies_, current.get());  // links the parents itself

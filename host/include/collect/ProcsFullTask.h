@@ -26,9 +26,11 @@ public:
 
     // Fills `out` (replacing its contents) with a snapshot at most refreshSeconds
     // old, keyed by pid. Safe from any thread. Returns the number of processes.
-    // Every field but the capabilities and the command line is as a rescan of
-    // /proc would read it then, changes that raise no kernel event included
-    // (an executable deleted, replaced or moved while it runs).
+    // The executable path is as a rescan of /proc would read it then, also when
+    // the file was deleted, replaced or moved with no kernel event; the other
+    // fields are as of the process's last event, and capabilities and command
+    // line (which change with none) as of the last rescan at worst (README,
+    // "What the collectors deliver").
     virtual int GetProcsMap(ProcsMap& out);
     // The same, and the capabilities, identities and command lines of `compared`
     // and of their parents are as current as the rest: read again once per
