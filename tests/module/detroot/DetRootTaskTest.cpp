@@ -405,28 +405,23 @@ TEST_F(DetRootTaskTest, FullCheckSelectsProcessesAndReportsEachIdentityOnce) {
 // than the processes alive between two full checks, however many pids it goes
 // through; the records of the processes still alive stay, and still alarm.
 TEST_F(DetRootTaskTest, ForkRecordsAreBoundedByLiveProcesses) {
-    constexpr int kForks = 50000;
-    constexpr int kPidSpace = 16384;
-    constexpr int kForksPerCheck = 5000;
     const ProcInfoPtr shell = Proc(10, 1, "/opt/shell", 100);
     proc_.Write(10, 1000, 0);
     Engine::ProcsFullTask::ProcsMap table{{10, shell}};
     for (int pid = 11; pid < 16; ++pid) {  // long-lived children
-        const ProcInfoPtr child = ChildOf(shell, pid, "/opt/worker", pid);
-        Fork(child);
-        table[pid] = Copy(child);
+        Fork(ChildOf(shell, pid, "/opt/worker", pid));
+        table[pid] = ChildOf(shell, pid, "/opt/worker", pid);
     }
     engine_.procs().SetTable(table);
     size_t most = 0;
-    for (int fork = 0; fork < kForks; ++fork) {
-        const int pid = 16 + fork % (kPidSpace - 16);
-        Fork(ChildOf(Proc(0x3ffffff, 1, "/opt/gone", 1), pid, "/opt/job", 1000 + fork));
-        if (fork % kForksPerCheck == kForksPerCheck - 1) {
+    for (int fork = 0; fork < 50000; ++fork) {  // through a pid space of 16,384
+        Fork(ChildOf(Proc(0x3ffffff, 1, "/opt/gone", 1), 16 + fork % 16368, "/opt/job", 1000 + fork));
+        if (fork % 5000 == 4999) {
             most = std::max(most, task_->GetForkRecordCount());
             task_->CheckProcess();
         }
     }
-    EXPECT_LE(most, static_cast<size_t>(kForksPerCheck + 5));
+    EXPECT_LE(most, 5005u);
     task_->CheckProcess();
     EXPECT_EQ(task_->GetForkRecordCount(), 5u);
     table[12] = Copy(table[12]);

@@ -10,7 +10,7 @@
 //   waitfile:NAME   wait until DIR/NAME exists
 //   exec:PATH       exec PATH with DIR and the remaining steps
 //   capset:N        raise capability N from the permitted into the effective set
-//   unlinkexe       delete the program file this process runs
+//   unlinkexe       delete the program file this process runs (run by its path)
 //   wait            wait until killed (also what happens after the last step)
 #include <linux/capability.h>
 #include <sys/stat.h>
@@ -119,13 +119,7 @@ int main(int argc, char** argv) {
                 Fail(step, std::strerror(errno));
             }
         } else if (verb == "unlinkexe") {
-            char self[4096];
-            const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
-            if (length < 0) {
-                Fail(step, std::strerror(errno));
-            }
-            self[length] = '\0';
-            if (unlink(self) != 0) {
+            if (unlink(argv[0]) != 0) {  // run by its absolute path
                 Fail(step, std::strerror(errno));
             }
         } else if (verb == "wait") {
