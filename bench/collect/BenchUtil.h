@@ -35,3 +35,4 @@ void RunSnapshotBench(int children, int rounds);
 void RunStormBench(int forks, bool stall);
 void RunBareConnectorBench(int forks);
 void RunNetBench(int connections, int rounds);
+void RunFreshBench(int children, int rounds, int compared);

@@ -1,5 +1,5 @@
 // Timed runs of the collect modules. Usage (as root):
-//   collect_bench [snapshot] [storm] [net]      (all when none is named)
+//   collect_bench [snapshot] [storm] [net] [fresh]      (all when none is named)
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -28,6 +28,9 @@ int main(int argc, char** argv) {
     }
     if (wanted("net")) {
         RunNetBench(1000, 50);
+    }
+    if (wanted("fresh")) {
+        RunFreshBench(8000, 11, 500);
     }
     return 0;
 }

@@ -3,14 +3,18 @@
 //    parent, a plain-user parent and a parent already gone, and identity events;
 //  - CheckProcess: one full check over a synthetic table of N processes whose
 //    liveness and parent status come from a fake /proc (no escalation, so the cost
-//    is the selection and both checks for every forked process).
+//    is the selection and both checks for every forked process);
+//  - a long walk of forks through the pid space with full checks: resident
+//    memory before, at its peak and after.
 #include <Poco/File.h>
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -108,26 +112,6 @@ long ResidentBytes() {
     return resident * sysconf(_SC_PAGESIZE);
 }
 
-// What a long fork storm leaves behind: fork records live as long as the task, one
-// per pid ever seen, so their number is bounded by the kernel's pid_max (32,768 by
-// default, at most 4,194,304). Parents are gone, the cheapest path to a fork record.
-void BM_ForkStormMemory(benchmark::State& state) {
-    const int pids = static_cast<int>(state.range(0));
-    for (auto _ : state) {
-        auto* task = new Engine::ProcDetRootFullTask();
-        const long before = ResidentBytes();
-        for (int pid = 2; pid < pids + 2; ++pid) {
-            task->ProcsMessageAction(pid, Engine::PROCS_EVENT_FORK, MakeRecord(pid, 0x3ffffff, pid));
-        }
-        const double grown = static_cast<double>(ResidentBytes() - before);
-        state.counters["fork_records"] = static_cast<double>(task->GetForkRecordCount());
-        state.counters["rss_MiB"] = grown / (1 << 20);
-        state.counters["bytes_per_record"] = grown / pids;
-        task->release();
-    }
-}
-BENCHMARK(BM_ForkStormMemory)->Arg(32768)->Arg(4194304)->Iterations(1)->Unit(benchmark::kMillisecond);
-
 // A fake /proc with `count` live processes under one plain-user parent (pid 10).
 class FakeProc {
 public:
@@ -156,6 +140,47 @@ private:
     }
     std::string root_;
 };
+
+// A walk of 1,000,000 short-lived forks from a plain-user parent through a
+// 4,194,304 pid space (Debian's pid_max with systemd), with a full check every
+// 20,000 forks (the task takes at most ~2,000 fork events a second and checks
+// every 10 s by default). Fork records of processes that are gone are dropped
+// at each check, so after the walk (and a heap trim, which the agent does every
+// 30 s) the resident memory is where it started. The parent is gone, the
+// cheapest path to a fork record; the events are fed to the task directly.
+void BM_ForkWalkMemory(benchmark::State& state) {
+    const long forks = state.range(0);
+    const long pidSpace = state.range(1);
+    constexpr long kForksPerCheck = 20000;
+    TestSupport::TestEngine engine;
+    FakeProc proc(0);  // no child is alive at its check
+    engine.procs().SetTable({{10, MakeRecord(10, 1, 1)}});
+    for (auto _ : state) {
+        auto* task = new Engine::ProcDetRootFullTask();
+        ::malloc_trim(0);
+        const long before = ResidentBytes();
+        long peak = before;
+        size_t most = 0;
+        const long stride = std::max(1L, (pidSpace - 300) / forks);
+        for (long fork = 0; fork < forks; ++fork) {
+            const int pid = static_cast<int>(300 + (fork * stride) % (pidSpace - 300));
+            task->ProcsMessageAction(pid, Engine::PROCS_EVENT_FORK, MakeRecord(pid, 0x3ffffff, 1000 + fork));
+            if ((fork + 1) % kForksPerCheck == 0) {
+                most = std::max(most, task->GetForkRecordCount());
+                peak = std::max(peak, ResidentBytes());
+                task->CheckProcess();
+            }
+        }
+        task->CheckProcess();
+        ::malloc_trim(0);
+        state.counters["records_at_most"] = static_cast<double>(most);
+        state.counters["records_after"] = static_cast<double>(task->GetForkRecordCount());
+        state.counters["rss_peak_MiB"] = static_cast<double>(peak - before) / (1 << 20);
+        state.counters["rss_after_MiB"] = static_cast<double>(ResidentBytes() - before) / (1 << 20);
+        task->release();
+    }
+}
+BENCHMARK(BM_ForkWalkMemory)->Args({1000000, 4194304})->Iterations(1)->Unit(benchmark::kMillisecond);
 
 void BM_FullCheck(benchmark::State& state) {
     const int count = static_cast<int>(state.range(0));

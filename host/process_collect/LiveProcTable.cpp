@@ -4,10 +4,22 @@
 #include <chrono>
 #include <unordered_set>
 
+#include "ProcRecordParser.h"
 #include "SteadyClock.h"
+#include "sdk/ProcParsers.h"
 #include "sdk/ProcessUtils.h"
 
 namespace Engine {
+
+namespace {
+
+// The fields a status file gives.
+bool SameStatus(const ProcsMessage::procInfo& a, const ProcsMessage::procInfo& b) {
+    return a.uid == b.uid && a.euid == b.euid && a.suid == b.suid && a.gid == b.gid && a.egid == b.egid &&
+           a.sgid == b.sgid && a.capSetuid == b.capSetuid && a.capSetgid == b.capSetgid;
+}
+
+}  // namespace
 
 LiveProcTable::LiveProcTable(int refreshSeconds) : refreshSeconds_(std::max(1, refreshSeconds)) {}
 
@@ -22,11 +34,14 @@ void LiveProcTable::SetRefreshSeconds(int seconds) {
     refreshSeconds_.store(std::max(1, seconds));
 }
 
-int LiveProcTable::Get(ProcsMap& out) {
+int LiveProcTable::Get(ProcsFullTask::ProcsMap& out, const std::vector<int>* compared) {
     {
         std::lock_guard<std::mutex> lock(refreshMutex_);
         if (refreshedAtMs_ < 0 || SteadyNowMs() - refreshedAtMs_ >= refreshSeconds_.load() * 1000LL) {
             Refresh();
+        }
+        if (compared != nullptr && !compared->empty()) {
+            RereadCompared(*compared);
         }
     }
     std::shared_ptr<const ProcsMap> snapshot;
@@ -46,6 +61,8 @@ void LiveProcTable::EnsureScanner() {
     const std::string& root = SDK::ProcessUtils::GetProcRoot();
     if (!scanner_ || scanner_->GetRoot() != root) {
         scanner_ = std::make_unique<ProcTableScanner>(root);
+        executables_ = std::make_unique<ExecutableWatch>(root);
+        comparedFiles_ = std::make_unique<KeptProcessFiles>(root);
         fullScanAtMs_ = -1;  // another tree: nothing known of it
     }
 }
@@ -66,19 +83,30 @@ void LiveProcTable::Refresh() {
     const bool rescan = !changes_.live || changes_.lost || !current || fullScanAtMs_ < 0 ||
                         now - fullScanAtMs_ >= kFullScanMs;
     std::shared_ptr<ProcsMap> fresh;
+    justRead_.clear();
+    if (justRead_.bucket_count() > 1024) {
+        std::unordered_set<int>().swap(justRead_);  // the buckets of a storm's pids
+    }
     if (rescan) {
         fresh = std::make_shared<ProcsMap>();
         scanner_->TakeSnapshot(*fresh, &scannedZombies_, current.get());  // links the parents itself
         zombies_.clear();
         zombies_.insert(scannedZombies_.begin(), scannedZombies_.end());
+        executables_->Clear();  // every link was just read
         fullScanAtMs_ = now;
         ++fullScans_;
-    } else if (!changes_.changed.empty() || !changes_.exited.empty() || !zombies_.empty()) {
-        fresh = std::make_shared<ProcsMap>(*current);
-        Apply(changes_, *fresh);
-        LinkParents(*fresh);
+    } else {
+        if (!changes_.changed.empty() || !changes_.exited.empty() || !zombies_.empty()) {
+            fresh = std::make_shared<ProcsMap>(*current);
+            Apply(changes_, *fresh);
+        }
+        RecheckExecutables(fresh ? *fresh : *current, fresh);
+        if (fresh) {
+            LinkParents(*fresh);
+        }
     }
     refreshedAtMs_ = now;
+    comparedRead_.clear();
     if (fresh) {
         std::lock_guard<std::mutex> lock(mutex_);
         snapshot_ = std::move(fresh);
@@ -86,6 +114,7 @@ void LiveProcTable::Refresh() {
 }
 
 void LiveProcTable::Reread(int pid, ProcsMap& table) {
+    justRead_.insert(pid);
     auto record = std::make_shared<ProcsMessage::procInfo>();
     bool zombie = false;
     if (!scanner_->ReadRecord(pid, ProcFsReader::kAll, *record, &zombie)) {
@@ -123,6 +152,79 @@ void LiveProcTable::Apply(const ProcChangeLog::Changes& changes, ProcsMap& table
     }
     for (const int pid : orphans) {
         Reread(pid, table);
+    }
+}
+
+void LiveProcTable::RecheckExecutables(const ProcsMap& table, std::shared_ptr<ProcsMap>& fresh) {
+    executables_->FindSuspects(table, justRead_, suspects_);
+    std::string path;
+    for (const int pid : suspects_) {
+        const int error = scanner_->ReadExeLink(pid, path);
+        const auto known = table.find(pid);
+        if (known == table.end() || (error == 0 && path == known->second->exePath)) {
+            continue;
+        }
+        if (!fresh) {
+            fresh = std::make_shared<ProcsMap>(table);
+        }
+        if (error != 0) {
+            Reread(pid, *fresh);  // gone or a zombie by now: as a rescan would find it
+            continue;
+        }
+        auto moved = std::make_shared<ProcsMessage::procInfo>(*known->second);
+        moved->exePath = path;
+        (*fresh)[pid] = std::move(moved);
+    }
+}
+
+void LiveProcTable::RereadCompared(const std::vector<int>& compared) {
+    std::shared_ptr<const ProcsMap> current;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        current = snapshot_;
+    }
+    if (!current) {
+        return;
+    }
+    // A check compares a process with its parent as well.
+    std::unordered_set<int> wanted(compared.begin(), compared.end());
+    for (const int pid : compared) {
+        const auto known = current->find(pid);
+        if (known != current->end() && known->second) {
+            wanted.insert(known->second->ppid);
+        }
+    }
+    std::shared_ptr<ProcsMap> fresh;
+    ProcFsBuffers buffers;
+    std::string cmdline;
+    for (const int pid : wanted) {
+        const auto known = current->find(pid);
+        if (known == current->end() || !known->second || justRead_.count(pid) != 0 ||
+            !comparedRead_.insert(pid).second) {
+            continue;
+        }
+        const ProcsMessage::procInfo& record = *known->second;
+        if (!comparedFiles_->Read(pid, record.startTime, buffers)) {
+            continue;  // gone: the next refresh takes its exit
+        }
+        ProcsMessage::procInfo ids;
+        ProcRecordParser::FillStatus(buffers.status.View(), ids);
+        SDK::JoinCmdline(buffers.cmdline.View(), ProcRecordParser::kMaxCmdline, cmdline);
+        if (SameStatus(ids, record) && cmdline == record.cmdline) {
+            continue;
+        }
+        auto reread = std::make_shared<ProcsMessage::procInfo>(record);
+        ProcRecordParser::FillStatus(buffers.status.View(), *reread);
+        reread->cmdline = cmdline;
+        if (!fresh) {
+            fresh = std::make_shared<ProcsMap>(*current);
+        }
+        (*fresh)[pid] = std::move(reread);
+    }
+    comparedFiles_->Retain(wanted);
+    if (fresh) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        snapshot_ = std::move(fresh);
     }
 }
 

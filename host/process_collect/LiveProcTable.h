@@ -4,7 +4,11 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <unordered_set>
+#include <vector>
 
+#include "ExecutableWatch.h"
+#include "KeptProcessFiles.h"
 #include "ProcChangeLog.h"
 #include "ProcTableScanner.h"
 #include "collect/ProcsFullTask.h"
@@ -16,9 +20,13 @@ namespace Engine {
 // executed, changed identity or name, or exited (and the children of those that
 // exited, which the kernel re-parents without an event); /proc is rescanned
 // whole at the first refresh, after lost events and every kFullScanMs as a
-// safety net (changes that come with no event, such as capset(2) or a program
-// rewriting its own command line, are seen then). Without live notes every
-// refresh is a rescan. Readers get a copy of the last table.
+// safety net. Without live notes every refresh is a rescan. Readers get a copy
+// of the last table; a record that changes is replaced, never modified.
+//
+// What changes with no event is read at every refresh too: the executable link
+// of each process whose file is no longer at its path (ExecutableWatch), and,
+// for the pids a reader names, the status (capabilities raised with capset(2))
+// and command line (rewritten in place) of those processes and their parents.
 class LiveProcTable {
 public:
     static constexpr long long kFullScanMs = 10 * 60 * 1000;
@@ -29,8 +37,10 @@ public:
     void Follow(std::shared_ptr<ProcChangeLog> log);
     void SetRefreshSeconds(int seconds);
 
-    // Fills `out` with a table at most the refresh interval old; safe from any thread.
-    int Get(ProcsFullTask::ProcsMap& out);
+    // Fills `out` with a table at most the refresh interval old; safe from any
+    // thread. The status and command line of `compared` and of their parents
+    // are read again when not read since the last refresh.
+    int Get(ProcsFullTask::ProcsMap& out, const std::vector<int>* compared = nullptr);
 
     // Rescans of the whole of /proc so far (for tests and benchmarks).
     unsigned long GetFullScanCount() const { return fullScans_.load(); }
@@ -43,6 +53,11 @@ private:
     // Re-reads `pid` into `table` (or drops it when gone); a zombie is watched.
     void Reread(int pid, ProcsMap& table);
     void Apply(const ProcChangeLog::Changes& changes, ProcsMap& table);
+    // Reads again the executable links that may have changed with no event; a
+    // record that changed goes into `fresh`, a copy of `table` made on first need.
+    void RecheckExecutables(const ProcsMap& table, std::shared_ptr<ProcsMap>& fresh);
+    // The status and command line of `compared` and their parents, once per refresh.
+    void RereadCompared(const std::vector<int>& compared);
     // Gives every record its parent's path and start time from `table`, copying
     // the records that change (published records are never modified).
     static void LinkParents(ProcsMap& table);
@@ -57,6 +72,11 @@ private:
     long long refreshedAtMs_ = -1;
     long long fullScanAtMs_ = -1;
     std::unique_ptr<ProcTableScanner> scanner_;
+    std::unique_ptr<ExecutableWatch> executables_;
+    std::unique_ptr<KeptProcessFiles> comparedFiles_;
+    std::unordered_set<int> justRead_;      // pids read in this refresh
+    std::unordered_set<int> comparedRead_;  // compared pids read since the last refresh
+    std::vector<int> suspects_;
     // Zombies stay listed until reaped, which comes with no event: they are read
     // again at every refresh until they are gone.
     std::set<int> zombies_;

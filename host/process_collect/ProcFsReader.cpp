@@ -1,6 +1,7 @@
 #include "ProcFsReader.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -114,6 +115,29 @@ int ProcFsReader::ReadRootFile(const char* name, std::string& out) const {
     // /proc/stat and its kin grow with CPUs and interrupt lines: a few hundred KiB on large machines.
     constexpr size_t kMaxRootFileBytes = 4u << 20;
     return SDK::FileUtils::ReadWholeFile(root_ + "/" + name, out, kMaxRootFileBytes);
+}
+
+int ProcFsReader::StatExe(int pid, dev_t& device, ino_t& inode) const {
+    char path[PATH_MAX];
+    if (!MakePath(path, sizeof path, pid, "exe")) {
+        return ENAMETOOLONG;
+    }
+    struct stat info {};
+    if (::stat(path, &info) != 0) {
+        return errno;
+    }
+    device = info.st_dev;
+    inode = info.st_ino;
+    return 0;
+}
+
+int ProcFsReader::OpenFile(int pid, const char* file) const {
+    char path[PATH_MAX];
+    if (!MakePath(path, sizeof path, pid, file)) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    return ::open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY);
 }
 
 }  // namespace Engine

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <climits>
 #include <cstddef>
 #include <string>
@@ -40,6 +42,11 @@ public:
 
     // A whole file under the root, e.g. "stat" for the boot time; errno or 0.
     int ReadRootFile(const char* name, std::string& out) const;
+
+    // Device and inode of the file `pid` runs (stat through /proc/PID/exe); errno or 0.
+    int StatExe(int pid, dev_t& device, ino_t& inode) const;
+    // Opens /proc/PID/<file> for reading: the descriptor, or -1 with errno set.
+    int OpenFile(int pid, const char* file) const;
 
     const std::string& GetRoot() const { return root_; }
 

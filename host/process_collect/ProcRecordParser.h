@@ -32,6 +32,10 @@ public:
     // missing or malformed. Identities missing from status stay unknown (0xFFFFFFFF).
     bool Build(const ProcTexts& texts, ProcsMessage::procInfo& out) const;
 
+    // The identities and capabilities of a status text into a record; missing
+    // ones become unknown (0xFFFFFFFF, no capability).
+    static void FillStatus(std::string_view text, ProcsMessage::procInfo& out);
+
 private:
     int64_t bootTimeSec_;
     long clockTicks_;

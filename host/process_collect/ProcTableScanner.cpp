@@ -137,6 +137,15 @@ bool ProcTableScanner::ReadRecord(int pid, unsigned parts, ProcsMessage::procInf
     return true;
 }
 
+int ProcTableScanner::ReadExeLink(int pid, std::string& out) const {
+    ProcFsBuffers buffers;
+    reader_.Read(pid, ProcFsReader::kExe, buffers);
+    if (buffers.exe.error == 0) {
+        out.assign(buffers.exe.data, buffers.exe.size);
+    }
+    return buffers.exe.error;
+}
+
 bool ProcTableScanner::TakeSnapshot(ProcsFullTask::ProcsMap& out, std::vector<int>* zombies,
                                     const ProcsFullTask::ProcsMap* previous) {
     out.clear();

@@ -35,6 +35,10 @@ public:
     // tells whether the process has exited and waits to be reaped.
     bool ReadRecord(int pid, unsigned parts, ProcsMessage::procInfo& out, bool* zombie = nullptr);
 
+    // The target of /proc/PID/exe: errno or 0 (ENOENT: the process is gone or has
+    // no executable, as kernel threads and zombies).
+    int ReadExeLink(int pid, std::string& out) const;
+
     // Errors counted since the last TakeSnapshot / ResetErrors, and the first one.
     unsigned long GetErrorCount() const { return errorCount_; }
     const std::string& GetFirstError() const { return firstError_; }

@@ -15,6 +15,10 @@ int ProcsFullTask::GetProcsMap(ProcsMap& out) {
     return table_->Get(out);
 }
 
+int ProcsFullTask::GetProcsMapFresh(ProcsMap& out, const std::vector<int>& compared) {
+    return table_->Get(out, &compared);
+}
+
 void ProcsFullTask::SetRefreshSeconds(int seconds) {
     table_->SetRefreshSeconds(seconds);
 }

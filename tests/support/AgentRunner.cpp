@@ -54,6 +54,10 @@ AgentRunner::~AgentRunner() {
     }
 }
 
+void AgentRunner::WriteConfig(const std::string& json) {
+    std::ofstream(prefix_ + "/conf/agent.json", std::ios::binary | std::ios::trunc) << json;
+}
+
 void AgentRunner::WritePolicy(const std::string& id, const std::string& feature, const std::string& json) {
     const std::string dir = PolicyDir() + "/" + id;
     MakeDir(dir);
@@ -231,6 +235,11 @@ bool AgentRunner::WaitForLog(const std::string& needle, long timeoutMs) const {
 
 size_t AgentRunner::CountInLog(const std::string& needle) const {
     return CountOf(ReadLog(), needle);
+}
+
+size_t AgentRunner::CountInLogBefore(const std::string& needle, const std::string& marker) const {
+    const std::string log = ReadLog();
+    return CountOf(log.substr(0, log.find(marker)), needle);
 }
 
 bool AgentRunner::WaitForMoreLog(const std::string& needle, size_t more, long timeoutMs) const {

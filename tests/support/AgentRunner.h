@@ -29,6 +29,8 @@ public:
     // arguments, e.g. unshare); a stop then signals the launcher.
     void SetLauncher(const std::vector<std::string>& launcher) { launcher_ = launcher; }
 
+    // Writes <prefix>/conf/agent.json.
+    void WriteConfig(const std::string& json);
     // Writes <policy dir>/<id>/<feature>.json.
     void WritePolicy(const std::string& id, const std::string& feature, const std::string& json);
     void RemovePolicy(const std::string& id, const std::string& feature);
@@ -66,6 +68,8 @@ public:
     // Waits until the log holds `more` lines with `needle` beyond those there now.
     bool WaitForMoreLog(const std::string& needle, size_t more, long timeoutMs = 60000) const;
     size_t CountInLog(const std::string& needle) const;
+    // Lines with `needle` before the first with `marker` (all of them when there is none).
+    size_t CountInLogBefore(const std::string& needle, const std::string& marker) const;
 
     // Paths in the build tree.
     static std::string BuildDir();

@@ -20,6 +20,10 @@ int FakeProcsFullTask::GetProcsMap(ProcsMap& out) {
     return static_cast<int>(out.size());
 }
 
+int FakeProcsFullTask::GetProcsMapFresh(ProcsMap& out, const std::vector<int>& /*compared*/) {
+    return GetProcsMap(out);
+}
+
 int FakeProcsFullTask::Run() {
     while (!sleep(1000)) {
     }

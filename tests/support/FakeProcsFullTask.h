@@ -3,6 +3,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "collect/ProcsFullTask.h"
 
@@ -17,6 +18,8 @@ public:
     // Adds or replaces one record (the pid is the record's).
     void Put(const std::shared_ptr<Engine::ProcsMessage::procInfo>& record);
     int GetProcsMap(ProcsMap& out) override;
+    // The table as set: its records are as fresh as the test makes them.
+    int GetProcsMapFresh(ProcsMap& out, const std::vector<int>& compared) override;
 
     int Run() override;  // waits until cancelled
 

@@ -2,6 +2,7 @@
 
 #include <map>
 #include <memory>
+#include <vector>
 
 #include "collect/ProcsMessage.h"
 #include "framework/Task.h"
@@ -25,7 +26,17 @@ public:
 
     // Fills `out` (replacing its contents) with a snapshot at most refreshSeconds
     // old, keyed by pid. Safe from any thread. Returns the number of processes.
+    // The executable path is as a rescan of /proc would read it then, also when
+    // the file was deleted, replaced or moved with no kernel event; the other
+    // fields are as of the process's last event, and capabilities and command
+    // line (which change with none) as of the last rescan at worst (README,
+    // "What the collectors deliver").
     virtual int GetProcsMap(ProcsMap& out);
+    // The same, and the capabilities, identities and command lines of `compared`
+    // and of their parents are as current as the rest: read again once per
+    // refresh interval, since capset(2) and a command line rewritten in place
+    // raise no event. For a consumer that compares those of a few processes.
+    virtual int GetProcsMapFresh(ProcsMap& out, const std::vector<int>& compared);
 
     // Changes the refresh interval (at least 1 s); safe from any thread.
     void SetRefreshSeconds(int seconds);

@@ -13,6 +13,11 @@ bool ProcDetCpu::CheckProcess(ProcRecord proc, unsigned int& flags, NumDetails& 
                               StrDetails& /*strDetails*/) {
     const int pid = proc->pid;
     auto it = cpuInfos_.find(pid);
+    if (it != cpuInfos_.end() && it->second.startTime != proc->startTime) {
+        // The pid went to another process: its usage is measured afresh.
+        cpuInfos_.erase(it);
+        it = cpuInfos_.end();
+    }
     if (it == cpuInfos_.end()) {
         CPU_INFO info;
         info.calc.reset(new (std::nothrow) SDK::CpuCalcUtils());
@@ -20,12 +25,16 @@ bool ProcDetCpu::CheckProcess(ProcRecord proc, unsigned int& flags, NumDetails& 
             return true;
         }
         info.calc->Init(pid);
+        info.startTime = proc->startTime;
         it = cpuInfos_.emplace(pid, std::move(info)).first;
     }
     it->second.lastSeen = cycleStamp_;
 
     int usage = 0;
     if (!it->second.calc->GetCpuUsage(usage)) {
+        // Gone, or its pid reused before the table showed it: a calculator bound
+        // to that process fails for good, so the next cycle starts a new one.
+        cpuInfos_.erase(it);
         return true;
     }
     if (highCpuThreshold_ < usage) {

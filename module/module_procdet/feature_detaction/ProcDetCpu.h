@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <ctime>
 #include <map>
 #include <memory>
@@ -11,14 +12,17 @@
 namespace Engine {
 
 // Flags a process whose CPU usage lies above a threshold. Keeps one usage
-// calculator per pid across cycles, so the usage is measured between two cycles.
+// calculator per process across cycles, so the usage is measured between two
+// cycles; a pid that went to another process (another start time) starts a new
+// one, which gives the process's average over its life first.
 class ProcDetCpu : public ProcDetBase {
 public:
     static constexpr int kDefaultThreshold = 9000;
 
     struct CPU_INFO {
         std::unique_ptr<SDK::CpuCalcUtils> calc;
-        long lastSeen = 0;  // cycleStamp of the last cycle that checked the pid
+        int64_t startTime = 0;  // of the process measured, as its record gives it
+        long lastSeen = 0;      // cycleStamp of the last cycle that checked the pid
     };
 
     std::string GetName() override { return "cpu"; }

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <iterator>
 #include <new>
 
 #include "ProcDetLog.h"
@@ -175,19 +176,41 @@ bool ProcDetRootFullTask::IsSuidDescendant(int pid, int64_t startTime) const {
     return it != rootProcs_.end() && it->second.startTime == startTime && it->second.suidDescendant;
 }
 
+void ProcDetRootFullTask::DropGoneForkRecords(const ProcsFullTask::ProcsMap& procs) {
+    for (auto it = forkedProcs_.begin(); it != forkedProcs_.end();) {
+        const auto live = procs.find(it->first);
+        bool gone;
+        if (live != procs.end() && live->second) {
+            // A later start time is a new process on the pid. An earlier one is a
+            // table taken before this record's fork event: the record stays.
+            gone = live->second->startTime > it->second->startTime;
+        } else {
+            gone = !SDK::ProcessUtils::IsProcessAlive(static_cast<unsigned int>(it->first));
+        }
+        it = gone ? forkedProcs_.erase(it) : std::next(it);
+    }
+}
+
 void ProcDetRootFullTask::CheckProcess() {
-    // Fork records are kept until the task goes: a pid reused by a process whose own
-    // fork event was missed still meets its predecessor's record, and the self check
-    // tells the two apart by start time.
     UpdateRootProcInfo();
 
+    // The processes compared with their fork records: the table reads their
+    // capabilities and command lines, and their parents', as they are now.
+    std::vector<int> compared;
+    compared.reserve(forkedProcs_.size());
+    for (const auto& entry : forkedProcs_) {
+        compared.push_back(entry.first);
+    }
     ProcsFullTask::ProcsMap procs;
     Framework::Engine* engine = Framework::Engine::Instance();
     auto* fullTask =
         dynamic_cast<ProcsFullTask*>(engine != nullptr ? engine->FindTask("procs_full_task") : nullptr);
     if (fullTask != nullptr) {
-        fullTask->GetProcsMap(procs);
+        fullTask->GetProcsMapFresh(procs, compared);
     }
+    // Memory is then bounded by the live processes, not by every pid ever forked:
+    // a reused pid without a record of its own behaves like a pid never used.
+    DropGoneForkRecords(procs);
     if (procs.empty() || IsCancelling()) {
         return;
     }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "collect/AbstractMessageReceiver.h"
+#include "collect/ProcsFullTask.h"
 #include "collect/ProcsMessage.h"
 #include "feature_detroot/RootProcInfo.h"
 #include "framework/Task.h"
@@ -45,6 +46,10 @@ public:
     bool IsSetgidElf(const char* path) const;
     void CheckProcess();
     void UpdateRootProcInfo();
+    // Drops the fork records of processes that are gone: not in `procs` (the
+    // full check's table) and not alive, or whose pid the table shows for a
+    // process started later.
+    void DropGoneForkRecords(const ProcsFullTask::ProcsMap& procs);
 
     // Events (ProcDetRootEvents.cpp).
     void ProcsMessageAction(int pid, unsigned int flag, ProcInfoPtr record) override;

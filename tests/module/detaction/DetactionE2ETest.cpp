@@ -128,4 +128,33 @@ TEST(DetactionE2ETest, TmpDeletedAndBusyProgramsAreReportedOnceAndIgnoredPathsNe
     agent.Stop();
 }
 
+// A program that deletes its own file raises no kernel event: once seen in
+// place, it is reported deleted by one of the two cycles that follow.
+TEST(DetactionE2ETest, ProgramDeletingItselfIsReportedWithinTwoCycles) {
+    const TestSupport::TempDir dir("detaction");
+    const std::string program = dir.path() + "/selfdel";
+    std::filesystem::copy_file(DETROOT_HELPER, program);
+    AgentRunner agent("detaction_selfdel");
+    agent.WriteConfig(R"({"collect": {"procs_refresh_seconds": 1}})");
+    agent.WritePolicy("10001", "proc_detaction_feature",
+                      Policy(R"({"tmp": 1, "deleted": 3})", 1000000, dir.path() + "/none"));
+    // Started after the table's first rescans, so that events alone bring it in.
+    ASSERT_TRUE(agent.Start() && agent.WaitForMoreLog("CHECK FINISHED", 2, kTimeoutMs));
+    Child child({program, dir.path(), "waitfile:go", "unlinkexe"});
+    const std::string pid = std::to_string(child.pid());
+    ASSERT_TRUE(agent.WaitForLog("DetectNEW RESULT " + pid + " " + program + "=>1 ", kTimeoutMs))
+        << agent.ReadLog();
+    const size_t cycles = agent.CountInLog("CHECK FINISHED");
+    std::ofstream(dir.path() + "/go") << "go\n";
+
+    const Json::Value entry =
+        agent.WaitForFinding("procdet_0001", child.pid(), kProcDeleted, kTimeoutMs).entry;
+    ASSERT_FALSE(entry.isNull()) << agent.ReadLog();
+    EXPECT_EQ(entry["rule"].asInt(), kProcTmp | kProcDeleted);
+    EXPECT_LE(agent.CountInLogBefore("CHECK FINISHED",
+                                     "DetectNEW RESULT " + pid + " " + program + " (deleted)=>5 "),
+              cycles + 1);
+    agent.Stop();
+}
+
 }  // namespace

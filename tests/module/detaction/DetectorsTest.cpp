@@ -9,7 +9,9 @@
 #include "feature_detaction/DetectorProc.h"
 #include "feature_detaction/ProcDetCmdline.h"
 #include "feature_detaction/ProcDetCpu.h"
+#include "sdk/ProcessUtils.h"
 #include "support/FakeProcsFullTask.h"
+#include "support/TempDir.h"
 
 using namespace DetactionTest;
 using TestSupport::MakeProc;
@@ -76,10 +78,10 @@ TEST(DetectorsTest, CpuThresholdAndForgottenPids) {
     detector.SetHighCpuThreshold(INT_MAX);
     ASSERT_TRUE(detector.Prepare());
     EXPECT_EQ(Check(detector, MakeProc(a.pid(), "/usr/bin/sleep")), 0u);
-    // A dead process yields no usage and no flag.
+    // A dead process yields no usage and no flag, and is not kept.
     EXPECT_EQ(Check(detector, MakeProc(DeadPid(), "/usr/bin/gone")), 0u);
     detector.Finish();
-    EXPECT_EQ(detector.GetTrackedCount(), 2u);
+    EXPECT_EQ(detector.GetTrackedCount(), 1u);
 
     // Any usage lies above -1; an existing detail is left as it was.
     WaitNextSecond();
@@ -92,9 +94,38 @@ TEST(DetectorsTest, CpuThresholdAndForgottenPids) {
     details["dt_cpu"] = -5;
     EXPECT_EQ(Check(detector, MakeProc(b.pid(), "/usr/bin/sleep"), &details), Engine::HIGHCPU);
     EXPECT_EQ(details["dt_cpu"], -5);
-    // `a` and the dead pid were not checked in this cycle and are forgotten.
+    // `a` was not checked in this cycle and is forgotten.
     detector.Finish();
     EXPECT_EQ(detector.GetTrackedCount(), 1u);
+}
+
+// A busy process that took the pid of an idle one between two cycles is measured
+// from its own first sample (the average over its life), not compared with the
+// calculator of the process before it.
+TEST(DetectorsTest, CpuOfAReusedPidIsMeasuredAfresh) {
+    const TestSupport::TempDir root("cpu_proc");
+    const long hz = sysconf(_SC_CLK_TCK);
+    auto writeStat = [&](long startSeconds, long cpuSeconds) {
+        root.Write("20/stat", "20 (job) R 1 20 20 0 -1 0 0 0 0 0 " + std::to_string(cpuSeconds * hz) +
+                                  " 0 0 0 20 0 1 0 " + std::to_string(startSeconds * hz));
+    };
+    root.Write("uptime", "100.00 150.00\n");
+    SDK::ProcessUtils::SetProcRoot(root.path());
+    Engine::ProcDetCpu detector;
+    detector.SetHighCpuThreshold(4000);
+    auto cycle = [&](long startSeconds) {
+        auto record = MakeProc(20, "/opt/job");
+        record->startTime = startSeconds * hz;
+        detector.Prepare();
+        const unsigned int flags = Check(detector, record);
+        detector.Finish();
+        return flags;
+    };
+    writeStat(50, 1);  // 1 s of CPU over 50 s
+    EXPECT_EQ(cycle(50), 0u);
+    writeStat(60, 30);  // 30 s over 40 s
+    EXPECT_EQ(cycle(60), Engine::HIGHCPU);
+    SDK::ProcessUtils::SetProcRoot("/proc");
 }
 
 }  // namespace

@@ -345,4 +345,38 @@ TEST(DetRootE2E, SetuidAndFileCapabilityProgramsStartedByForkExecAlarmEveryTime)
     agent.Stop();
 }
 
+// capset(2) raises no kernel event: a child of a plain-user parent that raises
+// CAP_SETUID from its permitted set alone is reported (type 5) by one of the two
+// full checks that follow.
+TEST(DetRootE2E, CapabilityRaisedWithCapsetAlarmsWithinTwoChecks) {
+    ASSERT_EQ(geteuid(), 0u) << "needs root";
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    const TempDir programs("detroot_programs");
+    chmod(programs.path().c_str(), 0755);
+    const std::string helper = CopyProgram(programs.path() + "/detroot_helper", 0755);
+    AgentRunner agent("detroot_capset");
+    agent.WriteConfig(R"({"collect": {"procs_refresh_seconds": 1}})");
+    agent.WritePolicy("10001", "proc_detroot_feature",
+                      R"({"enabled": true, "content": {"detroot_full_task":
+        {"task_condition": {"start_time": 0, "repeat_interval": 2}, "report_nonsuid_parent": false}}})");
+    ASSERT_TRUE(agent.Start() && agent.WaitForLog("detroot1 inTime", kDeadlineMs)) << agent.ReadLog();
+    // H keeps root as its saved user, hence the capabilities in its permitted set.
+    ProcessTree tree("capset", helper, {"resuid:1000,1000,0", "fork", "pid:B", "waitfile:go", "capset:7"});
+    const int b = tree.WaitPid("B");
+    ASSERT_GT(b, 0) << tree.Errors();
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    ASSERT_TRUE(agent.WaitForMoreLog("detroot once check end", 2, kDeadlineMs));
+    const size_t checks = agent.CountInLog("detroot once check end");
+    tree.Trigger("go");
+
+    const Json::Value alert = agent.WaitForFinding("procdet_0002", b, 0, kDeadlineMs).alert;
+    ASSERT_FALSE(alert.isNull()) << tree.Errors() << agent.ReadLog();
+    EXPECT_EQ(alert["alarm_type"].asInt(), 5);
+    EXPECT_EQ(alert["process_info"][0]["process_euid"].asString(), kUser);
+    EXPECT_LE(agent.CountInLogBefore("detroot once check end",
+                                     "cap_setuid changed, pid:" + std::to_string(b) + ","),
+              checks + 1);
+    agent.Stop();
+}
+
 }  // namespace

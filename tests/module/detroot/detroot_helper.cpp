@@ -9,8 +9,12 @@
 //   fork            the child goes on with the remaining steps; the parent waits
 //   waitfile:NAME   wait until DIR/NAME exists
 //   exec:PATH       exec PATH with DIR and the remaining steps
+//   capset:N        raise capability N from the permitted into the effective set
+//   unlinkexe       delete the program file this process runs (run by its path)
 //   wait            wait until killed (also what happens after the last step)
+#include <linux/capability.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -103,6 +107,21 @@ int main(int argc, char** argv) {
             args.push_back(nullptr);
             execv(arg.c_str(), args.data());
             Fail(step, std::strerror(errno));
+        } else if (verb == "capset") {
+            const unsigned long cap = Numbers(step, arg).at(0);
+            __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+            __user_cap_data_struct data[2];
+            if (cap >= 64 || syscall(SYS_capget, &header, data) != 0) {
+                Fail(step, std::strerror(errno));
+            }
+            data[cap / 32].effective |= 1u << (cap % 32);
+            if (syscall(SYS_capset, &header, data) != 0) {
+                Fail(step, std::strerror(errno));
+            }
+        } else if (verb == "unlinkexe") {
+            if (unlink(argv[0]) != 0) {  // run by its absolute path
+                Fail(step, std::strerror(errno));
+            }
         } else if (verb == "wait") {
             WaitForever();
         } else {
