@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "AgentMetrics.h"
 #include "AgentSignals.h"
 #include "BuildInfo.h"
 #include "ConfigCheck.h"
@@ -241,16 +242,7 @@ void AgentApp::StartMetrics() {
     if (settings_.metricsListen.empty()) {
         return;
     }
-    Framework::Metrics::Instance().AddRefresher(this, [] {
-        Framework::Metrics& metrics = Framework::Metrics::Instance();
-        metrics
-            .Counter("corvane_cpu_governor_sleeps_total", "Times the CPU governor made a task thread sleep")
-            .SetTotal(static_cast<double>(SDK::InnerCpuCtrlUtils::GetSleepCount()));
-        metrics
-            .Counter("corvane_cpu_governor_sleep_seconds_total",
-                     "Time task threads slept for the CPU governor")
-            .SetTotal(SDK::InnerCpuCtrlUtils::GetSleptSeconds());
-    });
+    AgentMetrics::Publish(this);
     metrics_ = std::make_unique<MetricsEndpoint>();
     std::string error;
     if (!metrics_->Start(settings_.metricsListen, error)) {
@@ -305,9 +297,7 @@ bool AgentApp::LoadModules(const std::vector<std::string>& explicitModules) {
                 return false;
             }
             if (loader_->Load(path, error) == nullptr) {
-                Framework::Metrics::Instance()
-                    .Counter("corvane_module_load_errors_total", "Module libraries that could not be loaded")
-                    .Increment();
+                AgentMetrics::ModuleLoadErrors().Increment();
                 HOST_CONSOLE_LOG_ERROR(error + "; skipped");
             } else {
                 modulePaths_.push_back(path);

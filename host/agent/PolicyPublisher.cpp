@@ -1,5 +1,6 @@
 #include "PolicyPublisher.h"
 
+#include "AgentMetrics.h"
 #include "ConfigCheck.h"
 #include "PolicySchema.h"
 #include "framework/Engine.h"
@@ -19,9 +20,7 @@ int PolicyPublisher::PublishChanges() {
     for (const PolicyDirectory::Change& change : directory_.ChangesFrom(snapshot)) {
         if (Publish(change)) {
             ++delivered;
-            Framework::Metrics::Instance()
-                .Counter("corvane_policy_refreshes_total", "Policies delivered to the modules")
-                .Increment();
+            AgentMetrics::PolicyRefreshes().Increment();
         } else {
             CountRefused(1);
         }
@@ -34,10 +33,7 @@ void PolicyPublisher::CountRefused(size_t count) {
         return;
     }
     refused_ += count;
-    Framework::Metrics::Instance()
-        .Counter("corvane_policy_refusals_total",
-                 "Policy files not delivered (unreadable, not JSON, not an object, no module)")
-        .Increment(static_cast<double>(count));
+    AgentMetrics::PolicyRefusals().Increment(static_cast<double>(count));
 }
 
 bool PolicyPublisher::Publish(const PolicyDirectory::Change& change) {

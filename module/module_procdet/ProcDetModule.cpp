@@ -1,5 +1,7 @@
 #include "ProcDetModule.h"
 
+#include "ProcDetMetrics.h"
+
 #include <json/json.h>
 
 #include <new>
@@ -46,6 +48,7 @@ int ProcDetModule::Init() {
         RegisterPolicyCallback(kPolicyId, callback);
     }
     Framework::Module::Init();
+    ProcDetMetrics::PublishZeros();
     return 0;
 }
 

@@ -19,6 +19,7 @@
 #include <sstream>
 #include <string>
 
+#include "BuildInfo.h"
 #include "support/AgentRunner.h"
 #include "support/FileText.h"
 #include "support/TempDir.h"
@@ -85,6 +86,19 @@ TEST(AgentService, MetricsAreServedAndMoveAsTheAgentWorks) {
     EXPECT_EQ(first.count("corvane_subscriber_backlog_messages"), 1u);
     EXPECT_EQ(
         first.count(R"(corvane_task_run_duration_seconds_bucket{task="detaction_full_task",le="+Inf"})"), 1u);
+    // Series an alerting rule takes increase() of are there, at 0, before their first event.
+    for (const char* zero :
+         {"corvane_policy_refusals_total", "corvane_module_load_errors_total",
+          "corvane_strings_cache_hits_total", R"(corvane_alerts_sent_total{event="procdet_0002"})",
+          R"(corvane_blacklist_downloads_total{result="failed"})"}) {
+        EXPECT_EQ(first.count(zero), 1u) << zero;
+        EXPECT_EQ(first[zero], 0) << zero;
+    }
+    EXPECT_EQ(first.count(R"(corvane_build_info{revision=")" CORVANE_REVISION R"(",version=")" CORVANE_VERSION
+                          R"("})"),
+              1u);
+    EXPECT_GT(first["process_resident_memory_bytes"], 1 << 20);
+    EXPECT_GT(first["process_open_fds"], 3);
     ASSERT_TRUE(TestSupport::WaitFor([&] { return Scrape(port)[cycles] > first[cycles]; }, kDeadlineMs));
 
     // A schema finding is delivered (with a warning); a file too large to read is a refusal.
