@@ -31,11 +31,13 @@
 #include "collect/CollectSettings.h"
 #include "framework/Metrics.h"
 #include "framework/Task.h"
+#include "sdk/FileUtils.h"
 #include "sdk/HostLog.h"
 #include "sdk/InnerCpuCtrlUtils.h"
 #include "sdk/JsonUtils.h"
 #include "sdk/LoggerUtils.h"
 #include "sdk/PathUtils.h"
+#include "sdk/ProcParsers.h"
 
 namespace Agent {
 
@@ -85,16 +87,33 @@ void LogSettingsProblems(const std::string& path, const std::vector<ConfigProble
 }
 
 // Detection reads every process's /proc entries; without the privilege to read
-// another user's, most of what it checks is missing.
+// another user's, most of what it checks is missing. Judged from the agent's own
+// effective capabilities: a particular process's entries may be closed for other
+// reasons (pid 1 in some VMs and containers).
 void WarnWithoutPrivileges() {
-    char target[256];
-    if (::readlink("/proc/1/exe", target, sizeof(target)) >= 0 || (errno != EACCES && errno != EPERM)) {
+    static const struct {
+        unsigned bit;
+        const char* name;
+    } kNeeded[] = {{19, "CAP_SYS_PTRACE"}, {2, "CAP_DAC_READ_SEARCH"}, {12, "CAP_NET_ADMIN"}};
+    std::string text;
+    SDK::ProcStatusFields status;
+    if (SDK::FileUtils::ReadFile("/proc/self/status", text, 64 * 1024) != 0 ||
+        !SDK::ParseStatus(text, status) || !status.hasCapEff) {
+        HOST_CONSOLE_LOG_WARNING("cannot read the agent's own capabilities from /proc/self/status");
         return;
     }
-    HOST_CONSOLE_LOG_WARNING(std::string("running without the privileges detection needs: /proc/1/exe: ") +
-                             std::strerror(errno) +
-                             "; processes of other users go unchecked and process events may be refused. "
-                             "Run as root, or with CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH and CAP_NET_ADMIN");
+    std::string missing;
+    for (const auto& capability : kNeeded) {
+        if (((status.capEff >> capability.bit) & 1u) == 0) {
+            missing += (missing.empty() ? "" : ", ") + std::string(capability.name);
+        }
+    }
+    if (!missing.empty()) {
+        HOST_CONSOLE_LOG_WARNING(
+            "running without the privileges detection needs (missing " + missing +
+            "): processes of other users go unchecked and process events may be refused. "
+            "Run as root, or with CAP_SYS_PTRACE, CAP_DAC_READ_SEARCH and CAP_NET_ADMIN");
+    }
 }
 
 }  // namespace
@@ -222,11 +241,12 @@ void AgentApp::Configure(const AgentOptions& options) {
     SetUpLogging();
     LogSettingsProblems(paths_.config, problems);
     SDK::InnerCpuCtrlUtils::SetCpuShare(settings_.cpuShare);
-    HOST_CONSOLE_LOG_INFO("corvane-agent " + std::to_string(::getpid()) + " starting: prefix " +
-                          paths_.prefix + ", settings " + paths_.config + ", policies " + paths_.policyDir +
-                          ", CPU share " + std::to_string(settings_.cpuShare) + "%, alerts to " +
-                          (settings_.alerts.filePath.empty() ? std::string("-") : settings_.alerts.filePath) +
-                          (settings_.alerts.toStdout ? " and standard output" : ""));
+    HOST_CONSOLE_LOG_NOTICE(
+        "corvane-agent " + std::to_string(::getpid()) + " starting: prefix " + paths_.prefix + ", settings " +
+        paths_.config + ", policies " + paths_.policyDir + ", CPU share " +
+        std::to_string(settings_.cpuShare) + "%, alerts to " +
+        (settings_.alerts.filePath.empty() ? std::string("-") : settings_.alerts.filePath) +
+        (settings_.alerts.toStdout ? " and standard output" : ""));
 }
 
 void AgentApp::SetUpLogging() {
@@ -355,7 +375,7 @@ void AgentApp::Serve() {
     PolicyDirectory policies(paths_.policyDir);
     PolicyPublisher publisher(*this, policies, &schemas);
     publisher.PublishChanges();
-    HOST_CONSOLE_LOG_INFO("corvane-agent running with " + std::to_string(loader_->GetCount()) + " modules");
+    HOST_CONSOLE_LOG_NOTICE("corvane-agent running with " + std::to_string(loader_->GetCount()) + " modules");
     TaskWatchdog watchdog(*this);
     ServiceNotifier::Ready(watchdog.Summary());
     watchdog.Start();
@@ -367,22 +387,22 @@ void AgentApp::Serve() {
             continue;
         }
         if (signal == SIGUSR1) {
-            HOST_CONSOLE_LOG_INFO("SIGUSR1: reopening the alert files");
+            HOST_CONSOLE_LOG_NOTICE("SIGUSR1: reopening the alert files");
             report_->GetTask()->ReopenSinks();
             continue;
         }
         if (signal != SIGHUP) {
             ServiceNotifier::Stopping();
-            HOST_CONSOLE_LOG_INFO(std::string("corvane-agent stopping on ") +
-                                  (signal == SIGINT ? "SIGINT" : "SIGTERM"));
+            HOST_CONSOLE_LOG_NOTICE(std::string("corvane-agent stopping on ") +
+                                    (signal == SIGINT ? "SIGINT" : "SIGTERM"));
             return;
         }
-        HOST_CONSOLE_LOG_INFO("SIGHUP: re-reading " + paths_.config + " and the policies in " +
-                              paths_.policyDir);
+        HOST_CONSOLE_LOG_NOTICE("SIGHUP: re-reading " + paths_.config + " and the policies in " +
+                                paths_.policyDir);
         ServiceNotifier::Reloading();
         ReloadSettings();
         const int delivered = publisher.PublishChanges();
-        HOST_CONSOLE_LOG_INFO("SIGHUP: " + std::to_string(delivered) + " changed policies delivered");
+        HOST_CONSOLE_LOG_NOTICE("SIGHUP: " + std::to_string(delivered) + " changed policies delivered");
         ServiceNotifier::Ready(watchdog.Summary());
     }
 }
@@ -481,7 +501,7 @@ void AgentApp::Shutdown() {
         report_->UnInit();
     }
     metrics_.reset();
-    HOST_CONSOLE_LOG_INFO("corvane-agent stopped");
+    HOST_CONSOLE_LOG_NOTICE("corvane-agent stopped");
 }
 
 }  // namespace Agent

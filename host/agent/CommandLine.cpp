@@ -135,7 +135,8 @@ std::string CommandLine::Usage() {
     formatter.setUsage("[OPTIONS]");
     formatter.setHeader(
         "The host-security agent: loads its modules, delivers their policies and writes their "
-        "alerts. SIGHUP re-reads the settings and the policy directory; SIGTERM or SIGINT stops it.\n"
+        "alerts. SIGHUP re-reads the settings and the policy directory; SIGUSR1 reopens the alert files "
+        "(after logrotate); SIGTERM or SIGINT stops it.\n"
         "Exit status: 0 done; 1 --check found errors (or warnings, with --strict), or --once could not "
         "finish or had a policy refused; 2 the agent could not start (usage error, a --config or "
         "--policy-dir that does not exist, a module that cannot be loaded, no plug-in module).");

@@ -46,5 +46,8 @@ public:
     ::SDK::HostLog::Console(::Poco::Message::PRIO_ERROR, (text), __FILE__, __LINE__)
 #define HOST_CONSOLE_LOG_WARNING(text) \
     ::SDK::HostLog::Console(::Poco::Message::PRIO_WARNING, (text), __FILE__, __LINE__)
+// Start, reload and stop: what an operator running at "notice" still wants to see.
+#define HOST_CONSOLE_LOG_NOTICE(text) \
+    ::SDK::HostLog::Console(::Poco::Message::PRIO_NOTICE, (text), __FILE__, __LINE__)
 #define HOST_CONSOLE_LOG_INFO(text) \
     ::SDK::HostLog::Console(::Poco::Message::PRIO_INFORMATION, (text), __FILE__, __LINE__)
