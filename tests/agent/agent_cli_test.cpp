@@ -149,7 +149,8 @@ TEST(AgentCommandLine, LinesToTheJournalCarryTheirSyslogPriority) {
     EXPECT_EQ(WEXITSTATUS(::pclose(pipe)), 2);
     const std::string text = TestSupport::ReadText(err);
     EXPECT_NE(text.find("<3>agent: no plug-in module loaded"), std::string::npos) << text;
-    EXPECT_NE(text.find("<6>agent: corvane-agent "), std::string::npos) << text;
+    EXPECT_NE(text.find("<5>agent: corvane-agent "), std::string::npos) << text;  // start and stop: notice
+    EXPECT_NE(text.find("<6>agent: task "), std::string::npos) << text;
 }
 
 }  // namespace
