@@ -1,6 +1,6 @@
 #include "KafkaLibrary.h"
 
-#include "LazyLibrary.h"
+#include "sdk/LazyLibrary.h"
 
 namespace Agent {
 

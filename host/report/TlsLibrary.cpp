@@ -1,6 +1,6 @@
 #include "TlsLibrary.h"
 
-#include "LazyLibrary.h"
+#include "sdk/LazyLibrary.h"
 
 namespace Agent {
 

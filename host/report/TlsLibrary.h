@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "CryptoLibrary.h"
+#include "sdk/CryptoLibrary.h"
 
 namespace Agent {
 

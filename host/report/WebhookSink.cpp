@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "CurlLibrary.h"
+#include "sdk/CurlLibrary.h"
 
 namespace Agent {
 

@@ -1,6 +1,6 @@
-#include "CryptoLibrary.h"
+#include "sdk/CryptoLibrary.h"
 
-#include "LazyLibrary.h"
+#include "sdk/LazyLibrary.h"
 
 namespace SDK {
 

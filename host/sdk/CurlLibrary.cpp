@@ -1,6 +1,6 @@
-#include "CurlLibrary.h"
+#include "sdk/CurlLibrary.h"
 
-#include "LazyLibrary.h"
+#include "sdk/LazyLibrary.h"
 
 namespace SDK {
 

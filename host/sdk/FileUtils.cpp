@@ -10,7 +10,7 @@
 #include <mutex>
 #include <new>
 
-#include "CryptoLibrary.h"
+#include "sdk/CryptoLibrary.h"
 #include "sdk/HostLog.h"
 
 namespace SDK {

@@ -11,7 +11,7 @@
 #include <mutex>
 #include <vector>
 
-#include "CurlLibrary.h"
+#include "sdk/CurlLibrary.h"
 #include "sdk/HostLog.h"
 
 namespace SDK {

@@ -1,4 +1,4 @@
-#include "LazyLibrary.h"
+#include "sdk/LazyLibrary.h"
 
 #include <dlfcn.h>
 
