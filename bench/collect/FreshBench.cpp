@@ -16,6 +16,7 @@
 
 #include "BenchUtil.h"
 #include "ExecutableWatch.h"
+#include "LiveProcsFullTask.h"
 #include "ProcessCollectModule.h"
 #include "ProcsRealTask.h"
 #include "collect/ProcsFullTask.h"
@@ -62,7 +63,8 @@ void RunFreshBench(int children, int rounds, int compared) {
         Framework::Engine engine;
         Engine::ProcessCollectModule module;
         module.Init();
-        auto* full = dynamic_cast<Engine::ProcsFullTask*>(engine.FindTask(Engine::ProcsFullTask::kTaskName));
+        auto* full =
+            dynamic_cast<Engine::LiveProcsFullTask*>(engine.FindTask(Engine::ProcsFullTask::kTaskName));
         auto* real = dynamic_cast<Engine::ProcsRealTask*>(engine.FindTask(Engine::ProcsRealTask::kTaskName));
         while (!real->IsReady()) {
             std::this_thread::sleep_for(std::chrono::milliseconds(50));

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "../IdleProcesses.h"
+#include "LiveProcsFullTask.h"
 #include "collect/ProcsFullTask.h"
 #include "feature_detaction/ProcDetActionFullTask.h"
 #include "feature_detaction/ProcDetActionFullTaskPolicy.h"
@@ -160,7 +161,7 @@ int main(int argc, char** argv) {
     {
         Framework::Engine engine;
         BenchHostModule host;
-        auto* procs = new Engine::ProcsFullTask(3600);  // one snapshot for the whole run
+        auto* procs = new Engine::LiveProcsFullTask(3600);  // one snapshot for the whole run
         auto* report = new CountingReportTask();
         for (Framework::Task* task : std::vector<Framework::Task*>{procs, report}) {
             task->SetTaskEnabled(true);

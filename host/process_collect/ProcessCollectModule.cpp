@@ -2,10 +2,10 @@
 
 #include <new>
 
+#include "LiveProcsFullTask.h"
 #include "ProcChangeLog.h"
 #include "ProcsRealTask.h"
 #include "collect/CollectSettings.h"
-#include "collect/ProcsFullTask.h"
 #include "framework/PolicyCallback.h"
 #include "sdk/HostLog.h"
 #include "sdk/JsonUtils.h"
@@ -25,7 +25,7 @@ ProcessCollectModule::~ProcessCollectModule() {
 
 int ProcessCollectModule::Init() {
     if (fullTask_ == nullptr) {
-        fullTask_ = new (std::nothrow) ProcsFullTask();
+        fullTask_ = new (std::nothrow) LiveProcsFullTask();
     }
     if (realTask_ == nullptr) {
         realTask_ = new (std::nothrow) ProcsRealTask();

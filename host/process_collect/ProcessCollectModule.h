@@ -10,7 +10,7 @@ namespace Engine {
 // The module's name, also the logger its pieces write their lines to.
 inline constexpr char kProcessCollectModuleName[] = "process_collect_module";
 
-class ProcsFullTask;
+class LiveProcsFullTask;
 class ProcsRealTask;
 
 // The host's process-collect module: the snapshot task "procs_full_task" and
@@ -28,7 +28,7 @@ public:
                                        Framework::Policy*& current);
 
 private:
-    ProcsFullTask* fullTask_ = nullptr;  // our references; the engine holds its own while registered
+    LiveProcsFullTask* fullTask_ = nullptr;  // our references; the engine holds its own while registered
     ProcsRealTask* realTask_ = nullptr;
 };
 

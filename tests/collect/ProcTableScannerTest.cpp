@@ -7,6 +7,7 @@
 #include <fstream>
 #include <string>
 
+#include "LiveProcsFullTask.h"
 #include "ProcTableScanner.h"
 #include "collect/ProcsFullTask.h"
 #include "sdk/ProcessUtils.h"
@@ -46,9 +47,9 @@ private:
     std::string root_;
 };
 
-class SnapshotTask : public Engine::ProcsFullTask {
+class SnapshotTask : public Engine::LiveProcsFullTask {
 public:
-    SnapshotTask() : Engine::ProcsFullTask(60) {}
+    SnapshotTask() : Engine::LiveProcsFullTask(60) {}
 };
 
 TEST(ProcsFullTask, SnapshotOfAFakeTreeLinksParents) {

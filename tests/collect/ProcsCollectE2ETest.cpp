@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "CollectHost.h"
+#include "LiveProcsFullTask.h"
 #include "ProcTableScanner.h"
 #include "ProcsRealTask.h"
 #include "collect/MixedTask.h"
@@ -70,13 +71,8 @@ std::map<int, PsRow> RunPs() {
     return rows;
 }
 
-class FreshSnapshotTask : public Engine::ProcsFullTask {
-public:
-    FreshSnapshotTask() : Engine::ProcsFullTask(1) {}
-};
-
 TEST(ProcsCollectE2E, SnapshotAgreesWithPs) {
-    auto* task = new FreshSnapshotTask();
+    auto* task = new Engine::LiveProcsFullTask(1);
     Engine::ProcsFullTask::ProcsMap map;
     task->GetProcsMap(map);
     task->release();
@@ -305,7 +301,7 @@ std::unique_ptr<ChildProcess> QuietChanger(int gate, bool capset) {
 // between two rescans); a table that missed an event stays wrong in both.
 TEST(ProcsCollectE2E, LiveTableEqualsARescanAfterChurn) {
     CollectHost host;
-    auto* full = host.Find<Engine::ProcsFullTask>(Engine::ProcsFullTask::kTaskName);
+    auto* full = host.Find<Engine::LiveProcsFullTask>(Engine::ProcsFullTask::kTaskName);
     auto* real = host.Find<Engine::ProcsRealTask>(Engine::ProcsRealTask::kTaskName);
     ASSERT_NE(nullptr, full);
     ASSERT_NE(nullptr, real);

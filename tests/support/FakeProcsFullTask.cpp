@@ -2,7 +2,7 @@
 
 namespace TestSupport {
 
-FakeProcsFullTask::FakeProcsFullTask() : Engine::ProcsFullTask(1) {}
+FakeProcsFullTask::FakeProcsFullTask() = default;
 
 void FakeProcsFullTask::SetTable(const ProcsMap& table) {
     std::lock_guard<std::mutex> lock(mutex_);
