@@ -17,11 +17,10 @@ bool AlertLine::FromBody(const std::string& body, std::string& line, std::string
     if (!SDK::JsonUtils::ParseBounded(body.data(), body.size(), document, error)) {
         return false;
     }
-    if (body.find_first_of("\r\n") == std::string::npos) {
-        line = body;
-    } else {
-        line = SDK::JsonUtils::JsonToString(document);
-    }
+    // Sinks and their consumers (strict ingest APIs, json.loads) refuse text that is not
+    // UTF-8: the one place every alert passes makes it so, the same way for every sink.
+    line = SDK::JsonUtils::ToValidUtf8(
+        body.find_first_of("\r\n") == std::string::npos ? body : SDK::JsonUtils::JsonToString(document));
     line.push_back('\n');
     return true;
 }

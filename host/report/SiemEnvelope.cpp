@@ -83,7 +83,8 @@ std::string SiemEnvelope::Wrap(const std::string& line) const {
     head["event"]["code"] = alert["event_classid"].isString() ? alert["event_classid"].asString() : "";
     head["corvane_flags"] = FlagNames(alert);
     // The alert goes in as the module wrote it, byte for byte, not re-serialised.
-    std::string text = SDK::JsonUtils::JsonToString(head);
+    // The host name is any bytes root gave it.
+    std::string text = SDK::JsonUtils::ToValidUtf8(SDK::JsonUtils::JsonToString(head));
     text.pop_back();  // the closing brace
     text += ",\"corvane\":" + body + "}\n";
     return text;
