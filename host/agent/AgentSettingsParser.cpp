@@ -213,6 +213,9 @@ bool IsSinkName(const std::string& name) {
     });
 }
 
+// Room for one process entry with its strings cut, in an envelope, behind a syslog header.
+constexpr uint64_t kMinMessageBytes = 4096;
+
 bool IsWebhookFormat(const std::string& format) {
     return format == "lines" || format == "array";
 }
@@ -277,6 +280,12 @@ void ParseSinks(const Json::Value& list, const std::string& prefix, std::vector<
         }
         section.String("name", IsSinkName, "letters, digits, '_' and '-' (at most 64)", sink.name);
         section.Bool("envelope", sink.envelope);
+        section.Size("max_message_bytes", 1ull << 30, sink.maxMessageBytes);
+        if (sink.maxMessageBytes > 0 && sink.maxMessageBytes < kMinMessageBytes) {
+            section.Report(where + ".max_message_bytes: below " + std::to_string(kMinMessageBytes) +
+                           "; using " + std::to_string(kMinMessageBytes));
+            sink.maxMessageBytes = kMinMessageBytes;
+        }
         std::string missing;
         if (!ParseSinkOptions(section, sink, missing)) {
             section.Report(where + ": a " + sink.type + " sink needs \"" + missing + "\"; sink ignored");

@@ -12,6 +12,10 @@ struct SinkSettings {
     std::string type;       // "stdout", "file", "syslog", "webhook", "kafka"
     std::string name;       // names its spool position; unique, defaults to the type
     bool envelope = false;  // wrap each alert in the SIEM envelope
+    // The longest message the destination takes; 0: the type's default (syslog
+    // and RELP 8 KiB, rsyslog's; Kafka message.max.bytes; webhook 1 MiB; files
+    // any length). A longer alert is split by its process entries.
+    uint64_t maxMessageBytes = 0;
 
     // file
     std::string path;
