@@ -237,6 +237,10 @@ bool ParseSinkOptions(Section& section, SinkSettings& sink, std::string& missing
             sink.socket = "/dev/log";
         }
         missing = (!sink.host.empty() && sink.port == 0) ? "port" : "";
+    } else if (sink.type == "relp") {
+        section.String("host", nullptr, "a host name or address", sink.host);
+        section.Int("port", 1, 65535, sink.port);
+        missing = sink.host.empty() ? "host" : sink.port == 0 ? "port" : "";
     } else if (sink.type == "webhook") {
         int batch = static_cast<int>(sink.batch);
         section.String("url", nullptr, "a URL", sink.url);
@@ -271,10 +275,10 @@ void ParseSinks(const Json::Value& list, const std::string& prefix, std::vector<
         Section section(list[index], where + ".", problems);
         SinkSettings sink;
         section.String("type", nullptr, "a sink type", sink.type);
-        if (sink.type != "stdout" && sink.type != "file" && sink.type != "syslog" && sink.type != "webhook" &&
-            sink.type != "kafka") {
+        if (sink.type != "stdout" && sink.type != "file" && sink.type != "syslog" && sink.type != "relp" &&
+            sink.type != "webhook" && sink.type != "kafka") {
             section.Report(where +
-                           ".type: must be \"stdout\", \"file\", \"syslog\", \"webhook\" or "
+                           ".type: must be \"stdout\", \"file\", \"syslog\", \"relp\", \"webhook\" or "
                            "\"kafka\"; sink ignored");
             continue;
         }

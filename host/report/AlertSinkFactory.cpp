@@ -5,6 +5,7 @@
 #include "AlertFileSink.h"
 #include "AlertStreamSink.h"
 #include "KafkaSink.h"
+#include "RelpSink.h"
 #include "SiemEnvelope.h"
 #include "SyslogSink.h"
 #include "WebhookSink.h"
@@ -24,6 +25,9 @@ std::unique_ptr<AlertSink> AlertSinkFactory::Make(const SinkSettings& settings, 
     }
     if (settings.type == "syslog") {
         return std::make_unique<SyslogSink>(settings, SiemEnvelope::HostName());
+    }
+    if (settings.type == "relp") {
+        return std::make_unique<RelpSink>(settings, SiemEnvelope::HostName());
     }
     if (settings.type == "webhook") {
         return std::make_unique<WebhookSink>(settings);

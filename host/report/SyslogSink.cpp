@@ -29,7 +29,7 @@ namespace {
 
 constexpr int kPriority = 4 * 8 + 4;  // facility auth, severity warning
 constexpr long kIoTimeoutSeconds = 10;
-constexpr size_t kDefaultMaxMessage = 8192;  // rsyslog's default maxMessageSize
+constexpr size_t kDefaultMaxMessage = 8096;  // what rsyslog takes by default (its maxMessageSize)
 constexpr size_t kMinDatagram = 2048;
 
 // RFC 5424 header fields are printable US-ASCII without spaces, "-" when empty.
@@ -74,14 +74,18 @@ SyslogSink::~SyslogSink() {
     Disconnect();
 }
 
+size_t SyslogSink::HeaderBytes(const std::string& hostName) {
+    // Priority, version, time stamp, host, app name, pid and msgid, with their spaces.
+    return 100 + HeaderField(hostName, 255).size();
+}
+
 size_t SyslogSink::MaxLineBytes() const {
     size_t limit =
         settings_.maxMessageBytes > 0 ? static_cast<size_t>(settings_.maxMessageBytes) : kDefaultMaxMessage;
     if (settings_.host.empty()) {
         limit = std::min(limit, datagramLimit_);
     }
-    // The RFC 5424 header: priority, version, time stamp, host, app name, pid, msgid.
-    const size_t header = 100 + HeaderField(hostName_, 255).size();
+    const size_t header = HeaderBytes(hostName_);
     return std::max(limit, header + kMinDatagram) - header;
 }
 

@@ -32,6 +32,8 @@ public:
 
     // The RFC 5424 message for one alert line (without framing).
     static std::string Format(const std::string& line, const std::string& hostName, int pid);
+    // The most bytes Format puts before the alert.
+    static size_t HeaderBytes(const std::string& hostName);
 
 private:
     bool Connect(std::string& error);
