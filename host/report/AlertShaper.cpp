@@ -14,9 +14,10 @@ size_t AlertShaper::Shape(const std::string& line, size_t maxBytes, std::vector<
     std::string text = line;
     AlertSplitter::Tie tie;
     const bool tied = AlertSplitter::TakeTie(text, tie);
-    std::string whole = envelope_ ? envelope_->Wrap(text, tied ? &tie : nullptr) : text;
-    if (maxBytes == 0 || whole.size() <= maxBytes) {
-        out.push_back(std::move(whole));
+    std::string whole = envelope_ ? envelope_->Wrap(text, tied ? &tie : nullptr) : std::string();
+    const size_t size = envelope_ ? whole.size() : text.size();
+    if (maxBytes == 0 || size <= maxBytes) {
+        out.push_back(envelope_ ? std::move(whole) : std::move(text));
         return 1;
     }
     // Measured with the longest tie the parts can carry; the real one is no longer.
@@ -28,7 +29,7 @@ size_t AlertShaper::Shape(const std::string& line, size_t maxBytes, std::vector<
     std::string error;
     const bool split = AlertSplitter::Split(text, maxBytes, measure, result, error);
     const std::string what = "alert " + (result.eventId.empty() ? std::string() : result.eventId + " ") +
-                             "of " + std::to_string(whole.size()) + " bytes";
+                             "of " + std::to_string(size) + " bytes";
     if (!split || result.parts.empty()) {
         ++undeliverable_;
         HOST_LOG_ERROR(what + " is too long for alert sink " + sinkName_ + " (at most " +

@@ -193,7 +193,7 @@ size_t WholeUnits(const std::string& text, size_t at, size_t end, size_t budget)
         } else if (c >= 0xc0) {
             unit = 2;
         }
-        if (used + unit > budget) {
+        if (used + unit > budget || at + used + unit > end) {
             break;
         }
         used += unit;
