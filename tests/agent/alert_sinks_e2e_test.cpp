@@ -21,7 +21,6 @@
 #include <set>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/AgentRunner.h"
@@ -476,9 +475,9 @@ TEST(AlertSinksEndToEnd, DecoysAndInvalidUtf8FromALocalUserHideNoProcess) {
     EXPECT_TRUE(StrictJsonLines(dir + "/records.json"));
 }
 
-// The collector stops mid-stream and comes back: RELP loses nothing; TCP loses nothing written after
-// it was gone (what its kernel took but it never read is the documented window); a TLS relay whose
-// CA file was wrong gets everything once the file is corrected, without a restart.
+// The collector stops mid-stream and comes back: RELP loses nothing; TCP loses nothing raised after
+// it was gone (what its kernel took but it never read as it stopped is the documented window); a TLS
+// relay whose CA file was wrong gets everything once the file is corrected, without a restart.
 TEST(AlertSinksEndToEnd, RelpTcpAndTlsDeliverAcrossACollectorRestart) {
     TestSupport::AgentRunner agent("collector");
     const std::string dir = agent.prefix() + "/rsyslog";
@@ -506,7 +505,9 @@ TEST(AlertSinksEndToEnd, RelpTcpAndTlsDeliverAcrossACollectorRestart) {
                            std::to_string(tcp) +
                            R"(}, {"type": "syslog", "name": "secure", "host": "127.0.0.1", "port": )" +
                            std::to_string(tls) + R"(, "tls": true, "ca_file": "rsyslog/agent-ca.pem"}])");
-    agent.WritePolicy("90001", "agent_test_feature", Policy("gone", 20));
+    const std::string sentLog = agent.prefix() + "/log/sent";
+    agent.WritePolicy("90001", "agent_test_feature",
+                      R"({"enabled": true, "value": "gone", "burst": 20, "sent_log": ")" + sentLog + "\"}");
     ASSERT_TRUE(agent.Start({}, {kGood}));
     auto raised = [&] { return Seqs(TestSupport::ReadText(agent.AlertsPath()), "gone"); };
     ASSERT_TRUE(TestSupport::WaitFor([&] { return Seqs(Received(dir, "imrelp"), "gone").size() >= 100; },
@@ -517,8 +518,10 @@ TEST(AlertSinksEndToEnd, RelpTcpAndTlsDeliverAcrossACollectorRestart) {
     ::kill(rsyslogd->pid(), SIGTERM);
     rsyslogd->Wait();
     // Alerts raised from here on were written, if at all, to a relay that was gone.
-    std::this_thread::sleep_for(std::chrono::seconds(2));
-    const long stopped = *raised().rbegin();
+    long sent = 0;
+    long refused = 0;
+    std::ifstream(sentLog) >> sent >> refused;
+    const long stopped = sent + refused;
     ASSERT_TRUE(TestSupport::WaitFor([&] { return *raised().rbegin() > stopped + 100; }, kDeadlineMs));
     std::filesystem::copy_file(dir + "/ca.pem", dir + "/agent-ca.pem",
                                std::filesystem::copy_options::overwrite_existing);
