@@ -97,7 +97,7 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CORVANE_LIB_DIR} ${CORVANE_MODULE_DIR})
 # Loaded when a sink or a digest first needs them (dlopen), so dpkg-shlibdeps cannot see them;
 # added to what it finds.
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "libcurl4, libssl3, librdkafka1")
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "libcurl4, libssl3, librdkafka1, librelp0")
 # Stripped binaries; their debug information goes to corvane-agent-dbgsym (a .ddeb).
 set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA

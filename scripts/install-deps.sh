@@ -7,7 +7,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   prometheus-cpp-dev libsystemd-dev systemd dpkg-dev fakeroot file lintian logrotate
   procps libcap2-bin python3 yara login bsdutils util-linux
-  librdkafka-dev rsyslog rsyslog-openssl openssl
+  librdkafka-dev librelp-dev rsyslog rsyslog-openssl rsyslog-relp openssl
   clang-14 libfuzzer-14-dev libclang-rt-14-dev
 )
 missing=()

@@ -217,6 +217,9 @@ bool IsSinkName(const std::string& name) {
     });
 }
 
+// Room for one process entry with its strings cut, in an envelope, behind a syslog header.
+constexpr uint64_t kMinMessageBytes = 4096;
+
 bool IsWebhookFormat(const std::string& format) {
     return format == "lines" || format == "array";
 }
@@ -238,6 +241,10 @@ bool ParseSinkOptions(Section& section, SinkSettings& sink, std::string& missing
             sink.socket = "/dev/log";
         }
         missing = (!sink.host.empty() && sink.port == 0) ? "port" : "";
+    } else if (sink.type == "relp") {
+        section.String("host", nullptr, "a host name or address", sink.host);
+        section.Int("port", 1, 65535, sink.port);
+        missing = sink.host.empty() ? "host" : sink.port == 0 ? "port" : "";
     } else if (sink.type == "webhook") {
         int batch = static_cast<int>(sink.batch);
         section.String("url", nullptr, "a URL", sink.url);
@@ -272,15 +279,21 @@ void ParseSinks(const Json::Value& list, const std::string& prefix, std::vector<
         Section section(list[index], where + ".", problems);
         SinkSettings sink;
         section.String("type", nullptr, "a sink type", sink.type);
-        if (sink.type != "stdout" && sink.type != "file" && sink.type != "syslog" && sink.type != "webhook" &&
-            sink.type != "kafka") {
+        if (sink.type != "stdout" && sink.type != "file" && sink.type != "syslog" && sink.type != "relp" &&
+            sink.type != "webhook" && sink.type != "kafka") {
             section.Report(
                 where + ".type",
-                "must be \"stdout\", \"file\", \"syslog\", \"webhook\" or \"kafka\"; sink ignored");
+                "must be \"stdout\", \"file\", \"syslog\", \"relp\", \"webhook\" or \"kafka\"; sink ignored");
             continue;
         }
         section.String("name", IsSinkName, "letters, digits, '_' and '-' (at most 64)", sink.name);
         section.Bool("envelope", sink.envelope);
+        section.Size("max_message_bytes", 1ull << 30, sink.maxMessageBytes);
+        if (sink.maxMessageBytes > 0 && sink.maxMessageBytes < kMinMessageBytes) {
+            section.Report(where + ".max_message_bytes", "below " + std::to_string(kMinMessageBytes) +
+                                                             "; using " + std::to_string(kMinMessageBytes));
+            sink.maxMessageBytes = kMinMessageBytes;
+        }
         std::string missing;
         if (!ParseSinkOptions(section, sink, missing)) {
             section.Report(where, "a " + sink.type + " sink needs \"" + missing + "\"; sink ignored");

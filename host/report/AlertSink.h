@@ -29,6 +29,12 @@ public:
     // How many lines one Deliver call should carry at most.
     virtual size_t MaxBatch() const { return 1024; }
 
+    // The longest line (with its '\n') the destination takes as one message
+    // after this sink's own framing; 0: any length. Longer alerts are split.
+    virtual size_t MaxLineBytes() const { return maxLineBytes_; }
+    // Sets the bound for sinks without one of their own (files, standard output).
+    void LimitLines(size_t bytes) { maxLineBytes_ = bytes; }
+
     // Asks the sink to reopen what it writes to (SIGUSR1, after logrotate
     // moved a file). Called from another thread: only sets a flag.
     virtual void RequestReopen() {}
@@ -37,6 +43,9 @@ protected:
     // write(2) loop over a descriptor, retried on EINTR. Moves `offset` past
     // what was written; returns 0 once all of `data` is out, else the errno.
     static int WriteToFd(int fd, const std::string& data, size_t& offset);
+
+private:
+    size_t maxLineBytes_ = 0;
 };
 
 }  // namespace Agent

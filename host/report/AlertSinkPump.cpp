@@ -21,7 +21,7 @@ AlertSinkPump::AlertSinkPump(std::string name, std::unique_ptr<AlertSink> sink,
                              std::shared_ptr<const SiemEnvelope> envelope, AlertSpool& spool, Timing timing)
     : name_(std::move(name)),
       sink_(std::move(sink)),
-      envelope_(std::move(envelope)),
+      shaper_(name_, std::move(envelope)),
       spool_(spool),
       timing_(timing) {}
 
@@ -75,6 +75,7 @@ bool AlertSinkPump::Commit(uint64_t cursor) {
 void AlertSinkPump::Loop(uint64_t cursor) {
     std::vector<std::string> lines;
     std::vector<std::string> wrapped;
+    std::vector<size_t> parts;
     uint64_t committed = cursor;
     auto lastCommit = std::chrono::steady_clock::now();
     for (;;) {
@@ -107,26 +108,25 @@ void AlertSinkPump::Loop(uint64_t cursor) {
             spool_.WaitForLines(cursor, std::max(wait, std::chrono::milliseconds(1)));
             continue;
         }
-        const std::vector<std::string>* out = &lines;
-        if (envelope_) {
-            wrapped.clear();
-            for (const std::string& line : lines) {
-                wrapped.push_back(envelope_->Wrap(line));
-            }
-            out = &wrapped;
+        // One spool line may go out as several (split to the sink's size) or none.
+        wrapped.clear();
+        parts.clear();
+        for (const std::string& line : lines) {
+            parts.push_back(shaper_.Shape(line, sink_->MaxLineBytes(), wrapped));
         }
         std::string error;
-        const size_t done = std::min(sink_->Deliver(*out, error), lines.size());
-        if (done > 0) {
-            for (size_t index = 0; index < done; ++index) {
-                cursor += lines[index].size();
-            }
-            delivered_ += done;
-            if (failures_ > 0) {
-                deliveredInOutage_ += done;
-            }
+        const size_t done = wrapped.empty() ? 0 : std::min(sink_->Deliver(wrapped, error), wrapped.size());
+        // A spool line is passed once the sink confirmed all its parts.
+        size_t taken = 0;
+        for (size_t confirmed = 0; taken < lines.size() && confirmed + parts[taken] <= done; ++taken) {
+            confirmed += parts[taken];
+            cursor += lines[taken].size();
         }
-        if (done == lines.size()) {
+        delivered_ += done;
+        if (failures_ > 0) {
+            deliveredInOutage_ += done;
+        }
+        if (taken == lines.size()) {
             if (failures_ > 0) {
                 OnRecovery();
             }

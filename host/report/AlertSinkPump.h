@@ -9,6 +9,7 @@
 #include <string>
 #include <thread>
 
+#include "AlertShaper.h"
 #include "AlertSink.h"
 #include "AlertSpool.h"
 #include "SiemEnvelope.h"
@@ -46,8 +47,11 @@ public:
 
     const std::string& GetName() const { return name_; }
     std::string Describe() const { return sink_->Describe(); }
-    uint64_t GetDeliveredCount() const { return delivered_.load(); }  // lines confirmed
-    uint64_t GetFailedCount() const { return failed_.load(); }        // failed delivery attempts
+    uint64_t GetDeliveredCount() const {
+        return delivered_.load();
+    }                                                           // alerts confirmed (parts count one each)
+    uint64_t GetFailedCount() const { return failed_.load(); }  // failed delivery attempts
+    const AlertShaper& GetShaper() const { return shaper_; }    // alerts split or left out for size
 
 private:
     void Loop(uint64_t cursor);
@@ -60,7 +64,7 @@ private:
 
     const std::string name_;
     std::unique_ptr<AlertSink> sink_;
-    std::shared_ptr<const SiemEnvelope> envelope_;
+    AlertShaper shaper_;
     AlertSpool& spool_;
     const Timing timing_;
 

@@ -117,13 +117,22 @@ void DataReportTask::Take(const Framework::Message& message) {
         HOST_LOG_WARNING("report task ignores message \"" + message.GetName() + "\": not a data message");
         return;
     }
-    std::string line;
+    std::vector<std::string> lines;
     std::string error;
-    if (data->GetBody().size() > kMaxAlertBytes) {
-        error = "longer than " + std::to_string(kMaxAlertBytes) + " bytes";
-    } else if (AlertLine::FromBody(data->GetBody(), line, error) && line.size() <= kMaxAlertBytes) {
-        batchBytes_ += line.size();
-        batch_.push_back(std::move(line));
+    if (data->GetBody().size() > kMaxBodyBytes) {
+        error = "longer than " + std::to_string(kMaxBodyBytes) + " bytes";
+    } else if (AlertLine::FromBody(data->GetBody(), kMaxAlertBytes, lines, error)) {
+        // One in a thousand logged: many decoy processes can make every cycle's alert long.
+        if (lines.size() > 1 && split_.fetch_add(1) % 1000 == 0) {
+            HOST_LOG_WARNING("report of " + std::to_string(data->GetBody().size()) +
+                             " bytes is longer than the spool takes (" + std::to_string(kMaxAlertBytes) +
+                             "): spooled as " + std::to_string(lines.size()) + " alerts; " +
+                             std::to_string(split_.load()) + " split so far");
+        }
+        for (std::string& line : lines) {
+            batchBytes_ += line.size();
+            batch_.push_back(std::move(line));
+        }
         return;
     }
     // Log the first refusal and then one in a thousand, so a faulty sender cannot flood the log.
@@ -156,7 +165,15 @@ void DataReportTask::PublishMetrics() {
             metrics
                 .Counter("corvane_sink_delivery_failures_total", "Failed delivery attempts of a sink", sink)
                 .SetTotal(static_cast<double>(pump->GetFailedCount()));
+            metrics.Counter("corvane_sink_alerts_split_total", "Alerts split to fit a sink", sink)
+                .SetTotal(static_cast<double>(pump->GetShaper().GetSplitCount()));
+            metrics
+                .Counter("corvane_sink_alerts_undeliverable_total",
+                         "Alerts or process entries too long for a sink even split and cut", sink)
+                .SetTotal(static_cast<double>(pump->GetShaper().GetUndeliverableCount()));
         }
+        metrics.Counter("corvane_report_alerts_split_total", "Alerts spooled in parts, too long for one line")
+            .SetTotal(static_cast<double>(split_.load()));
         metrics.Gauge("corvane_spool_bytes", "Bytes held in the alert spool")
             .Set(static_cast<double>(spool_.GetBytes()));
         metrics

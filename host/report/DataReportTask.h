@@ -25,7 +25,8 @@ public:
     static constexpr const char* kTaskName = "data_comm_report_task";
     static constexpr const char* kFeatureName = "data_comm_report_feature";
     static constexpr unsigned int kQueueCapacity = 65536;
-    static constexpr size_t kMaxAlertBytes = 1u << 20;  // a longer report is refused
+    static constexpr size_t kMaxAlertBytes = 1u << 20;  // a longer alert is split for the spool
+    static constexpr size_t kMaxBodyBytes = 64u << 20;  // a longer report is refused
 
     explicit DataReportTask(const ReportSettings& settings);
 
@@ -38,6 +39,7 @@ public:
 
     uint64_t GetWrittenCount() const { return written_.load(); }  // spooled
     uint64_t GetRefusedCount() const { return refused_.load(); }  // not one JSON document, or too long
+    uint64_t GetSplitCount() const { return split_.load(); }      // alerts spooled in parts
     const AlertSpool& GetSpool() const { return spool_; }
     // The pumps, one per sink, with their delivered and failed counts.
     const std::vector<std::unique_ptr<AlertSinkPump>>& GetPumps() const { return pumps_; }
@@ -58,6 +60,7 @@ private:
     size_t batchBytes_ = 0;
     std::atomic<uint64_t> written_{0};
     std::atomic<uint64_t> refused_{0};
+    std::atomic<uint64_t> split_{0};
 };
 
 }  // namespace Agent

@@ -1,7 +1,9 @@
 #include "KafkaSink.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 
 #include "sdk/HostLog.h"
 
@@ -28,6 +30,18 @@ void LogFromLibrary(const rd_kafka_t* /*producer*/, int level, const char* facil
 
 KafkaSink::KafkaSink(const SinkSettings& settings, const std::string& hostName)
     : settings_(settings), key_(settings.key.empty() ? hostName : settings.key) {}
+
+size_t KafkaSink::MaxLineBytes() const {
+    // librdkafka refuses a message over message.max.bytes with its key and record overhead.
+    uint64_t limit = settings_.maxMessageBytes;
+    const auto property = settings_.properties.find("message.max.bytes");
+    if (limit == 0 && property != settings_.properties.end()) {
+        limit = std::strtoull(property->second.c_str(), nullptr, 10);
+    }
+    limit = limit > 0 ? limit : 1000000;
+    const size_t overhead = key_.size() + 512;
+    return static_cast<size_t>(std::max<uint64_t>(limit, overhead + 4096) - overhead);
+}
 
 KafkaSink::~KafkaSink() {
     if (producer_ != nullptr) {

@@ -28,6 +28,7 @@ public:
     size_t Deliver(const std::vector<std::string>& lines, std::string& error) override;
     std::string Describe() const override { return "kafka://" + settings_.brokers + "/" + settings_.topic; }
     size_t MaxBatch() const override { return 10000; }
+    size_t MaxLineBytes() const override;
 
 private:
     static void OnDelivery(rd_kafka_t* producer, const rd_kafka_message_t* message, void* opaque);

@@ -9,16 +9,21 @@ namespace Agent {
 
 // One entry of agent.json "alerts.sinks". Only the fields of its type are used.
 struct SinkSettings {
-    std::string type;       // "stdout", "file", "syslog", "webhook", "kafka"
+    std::string type;       // "stdout", "file", "syslog", "relp", "webhook", "kafka"
     std::string name;       // names its spool position; unique, defaults to the type
     bool envelope = false;  // wrap each alert in the SIEM envelope
+    // The longest message the destination takes; 0: the type's default (syslog
+    // and RELP 8 KiB, rsyslog's; Kafka message.max.bytes; webhook 1 MiB; files
+    // any length). A longer alert is split by its process entries.
+    uint64_t maxMessageBytes = 0;
 
     // file
     std::string path;
     uint64_t rotateBytes = 50ull * 1024 * 1024;  // 0: never rotate
     int keepFiles = 5;
 
-    // syslog: a local socket ("/dev/log") or host:port over TCP (RFC 6587 framing)
+    // syslog: a local socket ("/dev/log") or host:port over TCP (RFC 6587 framing);
+    // relp: host:port
     std::string socket;
     std::string host;
     int port = 0;

@@ -61,7 +61,7 @@ Json::Value FlagNames(const Json::Value& alert) {
 SiemEnvelope::SiemEnvelope(std::string hostName, std::string hostId, std::string agentVersion)
     : hostName_(std::move(hostName)), hostId_(std::move(hostId)), agentVersion_(std::move(agentVersion)) {}
 
-std::string SiemEnvelope::Wrap(const std::string& line) const {
+std::string SiemEnvelope::Wrap(const std::string& line, const AlertSplitter::Tie* tie) const {
     std::string body = line;
     while (!body.empty() && body.back() == '\n') {
         body.pop_back();
@@ -82,8 +82,13 @@ std::string SiemEnvelope::Wrap(const std::string& line) const {
     head["event"]["kind"] = "alert";
     head["event"]["code"] = alert["event_classid"].isString() ? alert["event_classid"].asString() : "";
     head["corvane_flags"] = FlagNames(alert);
+    if (tie != nullptr) {
+        head["corvane_split"]["of"] = tie->of;
+        head["corvane_split"]["processes"] = static_cast<Json::UInt64>(tie->processes);
+    }
     // The alert goes in as the module wrote it, byte for byte, not re-serialised.
-    std::string text = SDK::JsonUtils::JsonToString(head);
+    // The host name is any bytes root gave it.
+    std::string text = SDK::JsonUtils::ToValidUtf8(SDK::JsonUtils::JsonToString(head));
     text.pop_back();  // the closing brace
     text += ",\"corvane\":" + body + "}\n";
     return text;

@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "AlertSplitter.h"
+
 namespace Agent {
 
 // Wraps an alert line, unchanged, in the fields a SIEM maps (ECS names):
@@ -14,8 +16,9 @@ public:
     SiemEnvelope(std::string hostName, std::string hostId, std::string agentVersion);
 
     // The wrapped line, ending in '\n'. A line that is not a JSON object is
-    // wrapped all the same, without the fields read from the alert.
-    std::string Wrap(const std::string& line) const;
+    // wrapped all the same, without the fields read from the alert. A part of
+    // a split alert carries `tie` as "corvane_split": {"of", "processes"}.
+    std::string Wrap(const std::string& line, const AlertSplitter::Tie* tie = nullptr) const;
 
     // This machine's host name and /etc/machine-id.
     static std::string HostName();

@@ -1,16 +1,20 @@
 #include "SyslogSink.h"
 
 #include <json/json.h>
+#include <linux/sockios.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -25,6 +29,8 @@ namespace {
 
 constexpr int kPriority = 4 * 8 + 4;  // facility auth, severity warning
 constexpr long kIoTimeoutSeconds = 10;
+constexpr size_t kDefaultMaxMessage = 8096;  // what rsyslog takes by default (its maxMessageSize)
+constexpr size_t kMinDatagram = 2048;
 
 // RFC 5424 header fields are printable US-ASCII without spaces, "-" when empty.
 std::string HeaderField(const std::string& text, size_t max) {
@@ -50,13 +56,37 @@ std::string EventClass(const std::string& line) {
 }  // namespace
 
 SyslogSink::SyslogSink(const SinkSettings& settings, std::string hostName)
-    : settings_(settings), hostName_(std::move(hostName)) {}
+    : settings_(settings), hostName_(std::move(hostName)), datagramLimit_(1u << 20) {
+    // A datagram socket refuses a message over its send buffer (less 32 bytes of
+    // bookkeeping) with EMSGSIZE; ours will have the default size.
+    const int probe = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    int buffer = 0;
+    socklen_t length = sizeof(buffer);
+    if (probe >= 0 && ::getsockopt(probe, SOL_SOCKET, SO_SNDBUF, &buffer, &length) == 0 && buffer > 4096) {
+        datagramLimit_ = static_cast<size_t>(buffer) - 32;
+    }
+    if (probe >= 0) {
+        ::close(probe);
+    }
+}
 
 SyslogSink::~SyslogSink() {
     Disconnect();
-    if (context_ != nullptr) {
-        tls_->ctx_free(context_);
+}
+
+size_t SyslogSink::HeaderBytes(const std::string& hostName) {
+    // Priority, version, time stamp, host, app name, pid and msgid, with their spaces.
+    return 100 + HeaderField(hostName, 255).size();
+}
+
+size_t SyslogSink::MaxLineBytes() const {
+    size_t limit =
+        settings_.maxMessageBytes > 0 ? static_cast<size_t>(settings_.maxMessageBytes) : kDefaultMaxMessage;
+    if (settings_.host.empty()) {
+        limit = std::min(limit, datagramLimit_);
     }
+    const size_t header = HeaderBytes(hostName_);
+    return std::max(limit, header + kMinDatagram) - header;
 }
 
 std::string SyslogSink::Describe() const {
@@ -148,7 +178,9 @@ bool SyslogSink::StartTls(std::string& error) {
         error = "TLS: " + error;
         return false;
     }
-    if (context_ == nullptr) {
+    // A context per connection: the CA file is read again each time, so a
+    // corrected one is taken without a restart.
+    {
         context_ = tls_->ctx_new(tls_->client_method());
         if (context_ == nullptr) {
             error = "TLS: " + tls_->crypto->TakeError();
@@ -192,6 +224,10 @@ void SyslogSink::Disconnect() {
         tls_->ssl_free(ssl_);
         ssl_ = nullptr;
     }
+    if (context_ != nullptr) {
+        tls_->ctx_free(context_);
+        context_ = nullptr;
+    }
     if (fd_ >= 0) {
         ::close(fd_);
         fd_ = -1;
@@ -214,11 +250,12 @@ size_t SyslogSink::SendDatagrams(const std::vector<std::string>& lines, std::str
             continue;
         }
         if (errno == EMSGSIZE) {
-            // It will never fit this socket; retrying would stop the sink for good.
-            HOST_LOG_ERROR("alert of " + std::to_string(message.size()) +
-                           " bytes is too long for the syslog socket " + settings_.socket +
-                           "; not sent there");
-            continue;
+            // Not delivered: the pump splits it smaller, down to what this socket takes.
+            error = "alert of " + std::to_string(message.size()) +
+                    " bytes is too long for the syslog socket " + settings_.socket +
+                    "; it is split smaller and sent again";
+            datagramLimit_ = std::max(kMinDatagram, std::min(datagramLimit_, message.size()) / 2);
+            return index;
         }
         error = std::strerror(errno);
         if (errno != EAGAIN && errno != ENOBUFS) {
@@ -230,27 +267,75 @@ size_t SyslogSink::SendDatagrams(const std::vector<std::string>& lines, std::str
 }
 
 size_t SyslogSink::SendFrames(const std::vector<std::string>& lines, std::string& error) {
+    // TCP has no acknowledgement a relay's program gives: a frame counts once the
+    // relay's kernel acknowledged its bytes. Each call starts with nothing queued
+    // (the last one waited for that, or dropped the connection).
     const int pid = static_cast<int>(::getpid());
+    std::vector<size_t> ends;  // bytes written by the end of each line's frame
     std::string frames;
-    size_t first = 0;  // the first line in `frames`
-    for (size_t index = 0; index < lines.size(); ++index) {
+    size_t written = 0;
+    bool good = true;
+    for (size_t index = 0; index < lines.size() && good; ++index) {
         const std::string message = Format(lines[index], hostName_, pid);
         frames += std::to_string(message.size()) + " " + message;
-        if (frames.size() < 256 * 1024 && index + 1 < lines.size()) {
-            continue;
+        ends.push_back(written + frames.size());
+        if (frames.size() >= 256 * 1024 || index + 1 == lines.size()) {
+            size_t sent = 0;
+            good = WriteAll(frames, error, sent);
+            written += sent;
+            frames.clear();
         }
-        if (!WriteAll(frames, error)) {
-            Disconnect();
-            return first;  // the whole chunk again, on a new connection
-        }
-        frames.clear();
-        first = index + 1;
     }
-    return lines.size();
+    size_t unacknowledged = 0;
+    if (good && WaitAcknowledged(unacknowledged)) {
+        return lines.size();
+    }
+    if (good) {
+        error = "the relay did not acknowledge " + std::to_string(unacknowledged) + " bytes in " +
+                std::to_string(kIoTimeoutSeconds) + " s or closed the connection";
+    }
+    // What the relay acknowledged is delivered; the rest goes again on a new
+    // connection. Over TLS the queued bytes are records, not lines: only a
+    // fully acknowledged batch counts.
+    size_t confirmed = 0;
+    int queued = 0;
+    if (ssl_ == nullptr && ::ioctl(fd_, SIOCOUTQ, &queued) == 0 && static_cast<size_t>(queued) <= written) {
+        while (confirmed < ends.size() && ends[confirmed] <= written - static_cast<size_t>(queued)) {
+            ++confirmed;
+        }
+    }
+    Disconnect();
+    return confirmed;
 }
 
-bool SyslogSink::WriteAll(const std::string& data, std::string& error) {
-    size_t offset = 0;
+bool SyslogSink::WaitAcknowledged(size_t& unacknowledged) {
+    timespec start{};
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    for (;;) {
+        int queued = 0;
+        if (::ioctl(fd_, SIOCOUTQ, &queued) != 0) {
+            unacknowledged = SIZE_MAX;
+            return false;
+        }
+        unacknowledged = static_cast<size_t>(queued);
+        if (queued == 0) {
+            return true;
+        }
+        // The relay closing (or resetting) with bytes unacknowledged will never take them.
+        pollfd gone{fd_, POLLRDHUP, 0};
+        if (::poll(&gone, 1, 5) > 0 && (gone.revents & (POLLRDHUP | POLLERR | POLLHUP)) != 0) {
+            return false;
+        }
+        timespec now{};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        if (now.tv_sec - start.tv_sec >= kIoTimeoutSeconds) {
+            return false;
+        }
+    }
+}
+
+bool SyslogSink::WriteAll(const std::string& data, std::string& error, size_t& offset) {
+    offset = 0;
     while (offset < data.size()) {
         if (ssl_ != nullptr) {
             const int written =

@@ -38,6 +38,11 @@ size_t Discard(char* /*data*/, size_t size, size_t count, void* /*user*/) {
 
 WebhookSink::WebhookSink(const SinkSettings& settings) : settings_(settings) {}
 
+size_t WebhookSink::MaxLineBytes() const {
+    // Ingest APIs commonly refuse events over about a megabyte.
+    return settings_.maxMessageBytes > 0 ? static_cast<size_t>(settings_.maxMessageBytes) : 1u << 20;
+}
+
 WebhookSink::~WebhookSink() {
     if (handle_ != nullptr) {
         curl_->easy_cleanup(handle_);
@@ -117,6 +122,8 @@ size_t WebhookSink::Deliver(const std::vector<std::string>& lines, std::string& 
     if (!settings_.caFile.empty()) {
         curl_->easy_setopt(h, CURLOPT_CAINFO, settings_.caFile.c_str());
     }
+    // Read the CA file again for each new connection (libcurl keeps it a day by default).
+    curl_->easy_setopt(h, CURLOPT_CA_CACHE_TIMEOUT, 0L);
     curl_->easy_setopt(h, CURLOPT_WRITEFUNCTION, &Discard);
     const CURLcode result = curl_->easy_perform(h);
     curl_->easy_setopt(h, CURLOPT_HTTPHEADER, nullptr);

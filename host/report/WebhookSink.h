@@ -31,6 +31,7 @@ public:
     size_t Deliver(const std::vector<std::string>& lines, std::string& error) override;
     std::string Describe() const override { return settings_.url; }
     size_t MaxBatch() const override { return settings_.batch; }
+    size_t MaxLineBytes() const override;
 
 private:
     bool Headers(std::vector<std::string>& headers, std::string& error) const;

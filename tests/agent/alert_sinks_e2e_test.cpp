@@ -1,6 +1,7 @@
 // The real agent delivering the test module's alerts through the spool to
 // real sinks: nothing accepted is lost across SIGKILL or a full disk.
 #include <glob.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <librdkafka/rdkafka.h>
@@ -14,7 +15,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <set>
 #include <sstream>
 #include <string>
@@ -24,6 +27,7 @@
 #include "support/ChildProcess.h"
 #include "support/FileText.h"
 #include "support/HttpTestServer.h"
+#include "support/TempDir.h"
 #include "support/WaitFor.h"
 
 namespace {
@@ -346,4 +350,192 @@ TEST(AlertSinksEndToEnd, KafkaGetsEveryAlertThroughABrokerOutage) {
     rd_kafka_destroy(consumer);
     rd_kafka_mock_cluster_destroy(cluster);
     rd_kafka_destroy(mock);
+}
+
+namespace {
+
+// rsyslog.conf in `dir` with its defaults (8 KiB messages), writing "<input> <app> <msgid> <msg>" lines to
+// out.log.
+void WriteRsyslogConf(const std::string& dir, const std::string& inputs) {
+    std::ofstream(dir + "/rsyslog.conf")
+        << "global(workDirectory=\"" << dir << "\" DefaultNetstreamDriverCAFile=\"" << dir
+        << "/ca.pem\" DefaultNetstreamDriverCertFile=\"" << dir
+        << "/server.pem\" DefaultNetstreamDriverKeyFile=\"" << dir << "/server.key\")\n"
+        << "main_queue(queue.timeoutshutdown=\"10000\")\n"
+        << inputs
+        << "template(name=\"raw\" type=\"string\" string=\"%inputname% %app-name% %msgid% %msg%\\n\")\n"
+        << "*.* action(type=\"omfile\" file=\"" << dir << "/out.log\" template=\"raw\")\n";
+}
+
+std::vector<std::string> RsyslogArgs(const std::string& dir) {
+    return {"/usr/sbin/rsyslogd", "-n", "-i", dir + "/rsyslogd.pid", "-f", dir + "/rsyslog.conf"};
+}
+
+// The messages rsyslog received on `input`, one per line (a record that is no alert stays whole).
+std::string Received(const std::string& dir, const std::string& input) {
+    std::string text;
+    std::istringstream lines(TestSupport::ReadText(dir + "/out.log"));
+    for (std::string line; std::getline(lines, line);) {
+        if (line.compare(0, input.size() + 1, input + " ") == 0) {
+            text += line.substr(line.find(" {") + 1) + "\n";
+        }
+    }
+    return text;
+}
+
+// Every line of `path` is strict UTF-8 JSON: decoded strictly, parsed, and its strings
+// encodable again (no lone surrogates).
+bool StrictJsonLines(const std::string& path) {
+    const std::string check =
+        "python3 -c 'import json,sys\n"
+        "for line in open(sys.argv[1], \"rb\"):\n"
+        "    json.dumps(json.loads(line.decode(\"utf-8\")), ensure_ascii=False).encode(\"utf-8\")' " +
+        path;
+    return std::system(check.c_str()) == 0;
+}
+
+std::set<long> Pids(const std::string& text) {
+    std::set<long> pids;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        Json::Value alert;
+        if (Json::Reader().parse(line, alert)) {
+            const Json::Value& inside = alert.isMember("corvane") ? alert["corvane"] : alert;  // an envelope
+            for (const Json::Value& entry : inside["process_info"]) {
+                pids.insert(entry["process_pid"].asInt64());
+            }
+        }
+    }
+    return pids;
+}
+
+}  // namespace
+
+// A local user hides a process among 60 decoys whose 4,000-byte control-character arguments make
+// the cycle's alert longer than the spool and rsyslog take, and names it with bytes that are not
+// UTF-8: it is still delivered to every sink, and every line is strict UTF-8 JSON.
+TEST(AlertSinksEndToEnd, DecoysAndInvalidUtf8FromALocalUserHideNoProcess) {
+    TestSupport::TempDir programs("decoys");
+    ::chmod(programs.path().c_str(), 0755);
+    const std::string decoy = programs.path() + "/decoy";
+    const std::string miner = programs.path() + "/miner\xff\xfe";
+    std::filesystem::copy_file("/bin/dash", decoy);
+    std::filesystem::copy_file("/bin/sleep", miner);
+    const std::string noise(4000, '\x07');  // six bytes each in JSON: \u0007
+    std::vector<std::unique_ptr<TestSupport::ChildProcess>> decoys;
+    for (int index = 0; index < 60; ++index) {
+        decoys.push_back(std::make_unique<TestSupport::ChildProcess>([&](const std::function<void()>&) {
+            if (::setgroups(0, nullptr) == 0 && ::setgid(65534) == 0 && ::setuid(65534) == 0) {
+                ::execl(decoy.c_str(), decoy.c_str(), "-c", "sleep 300; :", noise.c_str(), nullptr);
+            }
+        }));
+        ASSERT_GT(decoys.back()->pid(), 0);
+    }
+    TestSupport::ChildProcess hidden({miner, "300"});
+
+    TestSupport::AgentRunner agent("decoys");
+    const std::string dir = agent.prefix() + "/rsyslog";
+    ::mkdir(dir.c_str(), 0700);
+    ASSERT_TRUE(MakeCertificates(dir));
+    const unsigned short port = TestSupport::HttpTestServer::FreePort();
+    WriteRsyslogConf(dir, "module(load=\"imuxsock\" SysSock.Use=\"off\")\ninput(type=\"imuxsock\" Socket=\"" +
+                              dir +
+                              "/log.sock\" UseSpecialParser=\"off\" ParseHostname=\"on\")\n"
+                              "module(load=\"imtcp\")\ninput(type=\"imtcp\" address=\"127.0.0.1\" port=\"" +
+                              std::to_string(port) + "\")\n");
+    TestSupport::ChildProcess rsyslogd(RsyslogArgs(dir));
+    ASSERT_TRUE(
+        TestSupport::WaitFor([&] { return ::access((dir + "/log.sock").c_str(), F_OK) == 0; }, kDeadlineMs));
+    WriteConfig(agent,
+                R"([{"type": "syslog", "name": "local", "socket": "rsyslog/log.sock", "envelope": true},
+                           {"type": "syslog", "name": "relay", "host": "127.0.0.1", "port": )" +
+                    std::to_string(port) + "}]");
+    agent.WritePolicy("10001", "proc_detaction_feature",
+                      R"({"enabled": true, "content": {"detaction_full_task": {
+        "task_condition": {"start_time": 0, "repeat_interval": 2}, "report_score": 3, "score": {"tmp": 3}}}})");
+    ASSERT_TRUE(agent.Start());
+    EXPECT_FALSE(agent.WaitForFinding("procdet_0001", hidden.pid(), 0, kDeadlineMs).entry.isNull())
+        << agent.ReadLog();
+    for (const std::string input : {"imuxsock", "imtcp"}) {
+        EXPECT_TRUE(TestSupport::WaitFor(
+            [&] {
+                const std::set<long> pids = Pids(Received(dir, input));
+                return pids.count(hidden.pid()) == 1 && pids.count(decoys.back()->pid()) == 1;
+            },
+            kDeadlineMs))
+            << input;
+    }
+    ASSERT_EQ(agent.Stop(), 0);
+    // The name's bytes come back from the line's text: each \u00XX escape is one byte.
+    const std::string alerts = TestSupport::ReadText(agent.AlertsPath());
+    EXPECT_NE(alerts.find("/miner\\u00ff\\u00fe\""), std::string::npos);
+    EXPECT_TRUE(StrictJsonLines(agent.AlertsPath()));
+    // rsyslog cut nothing: every record it received is a whole alert.
+    std::ofstream(dir + "/records.json") << Received(dir, "imuxsock") << Received(dir, "imtcp");
+    EXPECT_TRUE(StrictJsonLines(dir + "/records.json"));
+}
+
+// The collector stops mid-stream and comes back: RELP loses nothing; TCP loses nothing raised after
+// it was gone (what its kernel took but it never read as it stopped is the documented window); a TLS
+// relay whose CA file was wrong gets everything once the file is corrected, without a restart.
+TEST(AlertSinksEndToEnd, RelpTcpAndTlsDeliverAcrossACollectorRestart) {
+    TestSupport::AgentRunner agent("collector");
+    const std::string dir = agent.prefix() + "/rsyslog";
+    ::mkdir(dir.c_str(), 0700);
+    ASSERT_TRUE(MakeCertificates(dir));
+    const std::string wrong = dir + "/other";
+    ::mkdir(wrong.c_str(), 0700);
+    ASSERT_TRUE(MakeCertificates(wrong));
+    std::filesystem::copy_file(wrong + "/ca.pem", dir + "/agent-ca.pem");
+    const unsigned short relp = TestSupport::HttpTestServer::FreePort();
+    const unsigned short tcp = TestSupport::HttpTestServer::FreePort();
+    const unsigned short tls = TestSupport::HttpTestServer::FreePort();
+    WriteRsyslogConf(dir,
+                     "module(load=\"imrelp\")\ninput(type=\"imrelp\" address=\"127.0.0.1\" port=\"" +
+                         std::to_string(relp) +
+                         "\")\nmodule(load=\"imtcp\")\ninput(type=\"imtcp\" address=\"127.0.0.1\" port=\"" +
+                         std::to_string(tcp) + "\")\ninput(type=\"imtcp\" address=\"127.0.0.1\" port=\"" +
+                         std::to_string(tls) +
+                         "\" name=\"tls\" streamDriver.name=\"ossl\" streamDriver.mode=\"1\" "
+                         "streamDriver.authMode=\"anon\")\n");
+    auto rsyslogd = std::make_unique<TestSupport::ChildProcess>(RsyslogArgs(dir));
+    WriteConfig(agent, R"([{"type": "relp", "name": "reliable", "host": "127.0.0.1", "port": )" +
+                           std::to_string(relp) +
+                           R"(}, {"type": "syslog", "name": "relay", "host": "127.0.0.1", "port": )" +
+                           std::to_string(tcp) +
+                           R"(}, {"type": "syslog", "name": "secure", "host": "127.0.0.1", "port": )" +
+                           std::to_string(tls) + R"(, "tls": true, "ca_file": "rsyslog/agent-ca.pem"}])");
+    const std::string sentLog = agent.prefix() + "/log/sent";
+    agent.WritePolicy("90001", "agent_test_feature",
+                      R"({"enabled": true, "value": "gone", "burst": 20, "sent_log": ")" + sentLog + "\"}");
+    ASSERT_TRUE(agent.Start({}, {kGood}));
+    auto raised = [&] { return Seqs(TestSupport::ReadText(agent.AlertsPath()), "gone"); };
+    ASSERT_TRUE(TestSupport::WaitFor([&] { return Seqs(Received(dir, "imrelp"), "gone").size() >= 100; },
+                                     kDeadlineMs))
+        << agent.ReadLog();
+    EXPECT_TRUE(agent.WaitForLog("cannot deliver alerts to secure", kDeadlineMs));
+
+    ::kill(rsyslogd->pid(), SIGTERM);
+    rsyslogd->Wait();
+    // Alerts raised from here on were written, if at all, to a relay that was gone.
+    long sent = 0;
+    long refused = 0;
+    std::ifstream(sentLog) >> sent >> refused;
+    const long stopped = sent + refused;
+    ASSERT_TRUE(TestSupport::WaitFor([&] { return *raised().rbegin() > stopped + 100; }, kDeadlineMs));
+    std::filesystem::copy_file(dir + "/ca.pem", dir + "/agent-ca.pem",
+                               std::filesystem::copy_options::overwrite_existing);
+    rsyslogd = std::make_unique<TestSupport::ChildProcess>(RsyslogArgs(dir));
+    ASSERT_TRUE(TestSupport::WaitFor([&] { return *raised().rbegin() > stopped + 300; }, kDeadlineMs));
+    const std::set<long> all = raised();
+    std::set<long> after;
+    std::copy_if(all.begin(), all.end(), std::inserter(after, after.end()),
+                 [&](long seq) { return seq > stopped; });
+    for (const auto& [input, expected] :
+         {std::pair<std::string, std::set<long>>{"imrelp", all}, {"imtcp", after}, {"tls", all}}) {
+        EXPECT_TRUE(TestSupport::WaitFor(
+            [&] { return Includes(Seqs(Received(dir, input), "gone"), expected); }, kDeadlineMs))
+            << input << ": " << Seqs(Received(dir, input), "gone").size() << " of " << expected.size();
+    }
+    EXPECT_EQ(agent.Stop(), 0);
 }

@@ -60,3 +60,39 @@ TEST(JsonUtils, GettersGiveTheDefaultForMissingOrMistypedMembers) {
 }
 
 }  // namespace
+
+// Alert text from process names and command lines is any bytes: every line must come out
+// valid UTF-8 JSON, with each byte that was not UTF-8 recoverable from its \u00XX escape.
+TEST(JsonUtils, ToValidUtf8EscapesEachInvalidByteReversibly) {
+    const struct {
+        const char* what;
+        std::string in;
+        std::string out;
+    } cases[] = {
+        {"valid text stays", "{\"p\":\"/tmp/\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80 \\\"\\\\\"}",
+         "{\"p\":\"/tmp/\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80 \\\"\\\\\"}"},
+        {"invalid bytes", "{\"p\":\"bad\xff\xfe\"}", "{\"p\":\"bad\\u00ff\\u00fe\"}"},
+        {"stray continuation", "{\"p\":\"a\x80z\"}", "{\"p\":\"a\\u0080z\"}"},
+        {"cut sequence", "{\"p\":\"\xe2\x82\"}", "{\"p\":\"\\u00e2\\u0082\"}"},
+        {"overlong slash", "{\"p\":\"\xc0\xaf\xe0\x80\xaf\"}",
+         "{\"p\":\"\\u00c0\\u00af\\u00e0\\u0080\\u00af\"}"},
+        {"encoded surrogate", "{\"p\":\"\xed\xa0\x80\"}", "{\"p\":\"\\u00ed\\u00a0\\u0080\"}"},
+        {"past U+10FFFF", "{\"p\":\"\xf4\x90\x80\x80\"}", "{\"p\":\"\\u00f4\\u0090\\u0080\\u0080\"}"},
+        {"raw NUL and controls", std::string("{\"p\":\"a\0b\x01\t\"}", 13),
+         "{\"p\":\"a\\u0000b\\u0001\\u0009\"}"},
+        {"latin-1 escape becomes UTF-8", "{\"p\":\"\\u00e9\\u00FF\"}", "{\"p\":\"\xc3\xa9\xc3\xbf\"}"},
+        {"surrogate escapes", "{\"p\":\"\\ud83d\\ude00 \\udc00 \\ud800x\"}",
+         "{\"p\":\"\\ud83d\\ude00 \\ufffd \\ufffdx\"}"},
+        {"line breaks between tokens", "{\n\"p\":\r\n1}", "{ \"p\":  1}"},
+    };
+    for (const auto& test : cases) {
+        size_t escaped = 0;
+        const std::string out = JsonUtils::ToValidUtf8(test.in, &escaped);
+        EXPECT_EQ(out, test.out) << test.what;
+        Json::Value value;
+        EXPECT_EQ(Parse(out, value), 0) << test.what;
+    }
+    size_t escaped = 0;
+    JsonUtils::ToValidUtf8("{\"p\":\"\xc0\xaf\",\"q\":\"\xc3\xa9\"}", &escaped);
+    EXPECT_EQ(escaped, 2u);
+}

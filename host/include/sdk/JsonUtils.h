@@ -31,6 +31,14 @@ public:
     static bool GetArrayValue(const Json::Value& object, const char* key, Json::Value& out);
     // Compact one-line JSON, no trailing newline.
     static std::string JsonToString(const Json::Value& value);
+    // Valid JSON text `json` made valid UTF-8 on one line, reversibly: inside strings each byte
+    // that is not part of a valid UTF-8 sequence (a stray or missing continuation byte, an
+    // overlong form, an encoded surrogate, a code point past U+10FFFF) and each raw control byte
+    // becomes \u00XX with the byte's value, and an escape \u0080..\u00ff already in the text
+    // becomes the character's UTF-8 bytes, so that in the result such an escape always stands
+    // for one original byte. A lone surrogate escape, which no UTF-8 text can hold, becomes
+    // \ufffd. Line breaks between tokens become spaces. `escaped` counts the bytes escaped.
+    static std::string ToValidUtf8(const std::string& json, size_t* escaped = nullptr);
 };
 
 }  // namespace SDK
