@@ -42,7 +42,8 @@ def main():
     for library in OWN_TESTS:
         for folder, _, files in os.walk(os.path.join(ROOT, library)):
             for name in files:
-                if name.endswith(".h"):
+                # A library's include/ folder is its interface to the rest of the host.
+                if name.endswith(".h") and not os.path.relpath(folder, os.path.join(ROOT, library)).startswith("include"):
                     relative = os.path.relpath(os.path.join(folder, name), os.path.join(ROOT, library))
                     private.setdefault(relative, []).append(library)
     public = set()

@@ -15,7 +15,6 @@
 #include "AgentSignals.h"
 #include "BuildInfo.h"
 #include "ConfigCheck.h"
-#include "DataReportTask.h"
 #include "HeapTrimmer.h"
 #include "MetricsEndpoint.h"
 #include "ModuleDirectory.h"
@@ -23,7 +22,6 @@
 #include "PolicyDirectory.h"
 #include "PolicyPublisher.h"
 #include "PolicySchema.h"
-#include "ReportModule.h"
 #include "ServiceNotifier.h"
 #include "TaskWatchdog.h"
 #include "TextFile.h"
@@ -31,6 +29,7 @@
 #include "collect/CollectSettings.h"
 #include "framework/Metrics.h"
 #include "framework/Task.h"
+#include "report/ReportModule.h"
 #include "sdk/FileUtils.h"
 #include "sdk/HostLog.h"
 #include "sdk/InnerCpuCtrlUtils.h"
@@ -388,7 +387,7 @@ void AgentApp::Serve() {
         }
         if (signal == SIGUSR1) {
             HOST_CONSOLE_LOG_NOTICE("SIGUSR1: reopening the alert files");
-            report_->GetTask()->ReopenSinks();
+            report_->ReopenSinks();
             continue;
         }
         if (signal != SIGHUP) {

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "ConfigProblem.h"
-#include "ReportSettings.h"
+#include "report/ReportSettings.h"
 #include "sdk/LoggerUtils.h"
 
 namespace Agent {

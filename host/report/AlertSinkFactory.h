@@ -4,7 +4,7 @@
 #include <string>
 
 #include "AlertSink.h"
-#include "ReportSettings.h"
+#include "report/ReportSettings.h"
 
 namespace Agent {
 

@@ -16,7 +16,6 @@
 #include "framework/Metrics.h"
 #include "sdk/HostLog.h"
 
-
 namespace Agent {
 
 namespace {

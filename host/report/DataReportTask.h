@@ -8,7 +8,7 @@
 
 #include "AlertSinkPump.h"
 #include "AlertSpool.h"
-#include "ReportSettings.h"
+#include "report/ReportSettings.h"
 #include "framework/Task.h"
 
 namespace Agent {

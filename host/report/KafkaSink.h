@@ -5,7 +5,7 @@
 
 #include "AlertSink.h"
 #include "KafkaLibrary.h"
-#include "ReportSettings.h"
+#include "report/ReportSettings.h"
 
 namespace Agent {
 

@@ -4,7 +4,7 @@
 
 #include "AlertSink.h"
 #include "RelpLibrary.h"
-#include "ReportSettings.h"
+#include "report/ReportSettings.h"
 
 namespace Agent {
 

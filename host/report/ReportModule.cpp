@@ -1,4 +1,4 @@
-#include "ReportModule.h"
+#include "report/ReportModule.h"
 
 #include "DataReportTask.h"
 #include "framework/Metrics.h"
@@ -11,6 +11,10 @@ ReportModule::ReportModule(const ReportSettings& settings)
 ReportModule::~ReportModule() {
     Framework::Metrics::Instance().RemoveRefreshers(this);
     task_->release();
+}
+
+void ReportModule::ReopenSinks() {
+    task_->ReopenSinks();
 }
 
 int ReportModule::Init() {

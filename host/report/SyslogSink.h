@@ -3,7 +3,7 @@
 #include <string>
 
 #include "AlertSink.h"
-#include "ReportSettings.h"
+#include "report/ReportSettings.h"
 #include "TlsLibrary.h"
 
 namespace Agent {

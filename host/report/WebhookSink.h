@@ -5,7 +5,7 @@
 #include <string>
 
 #include "AlertSink.h"
-#include "ReportSettings.h"
+#include "report/ReportSettings.h"
 
 namespace SDK {
 struct CurlLibrary;

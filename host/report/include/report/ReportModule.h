@@ -1,7 +1,7 @@
 #pragma once
 
-#include "ReportSettings.h"
 #include "framework/Module.h"
+#include "report/ReportSettings.h"
 
 namespace Agent {
 
@@ -19,7 +19,8 @@ public:
     // Registers "data_comm_report_task". Returns 0, or -1 when the engine refused it.
     int Init() override;
 
-    DataReportTask* GetTask() const { return task_; }
+    // The file sinks reopen their files (SIGUSR1, after logrotate moved them).
+    void ReopenSinks();
 
 private:
     DataReportTask* task_;  // one reference, released in the destructor
