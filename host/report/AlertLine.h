@@ -11,6 +11,10 @@ public:
     // when it is already on one line, re-serialised compactly otherwise.
     // Anything else is refused with the reason in `error`.
     static bool FromBody(const std::string& body, std::string& line, std::string& error);
+
+    // Whether `size` bytes at `text` (a line read back, without its '\n') are
+    // one JSON document that FromBody would have taken.
+    static bool IsDocument(const char* text, size_t size);
 };
 
 }  // namespace Agent

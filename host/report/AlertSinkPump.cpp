@@ -93,10 +93,15 @@ void AlertSinkPump::Loop(uint64_t cursor) {
         }
         lines.clear();
         uint64_t from = cursor;
-        spool_.Read(from, sink_->MaxBatch(), kReadBytes, lines);
-        cursor = from;  // moved forward when its oldest lines were dropped from a full spool
+        if (!spool_.Read(from, sink_->MaxBatch(), kReadBytes, lines)) {
+            if (draining_ || !Pause(timing_.retry)) {
+                break;  // the spool logged why it could not be read; it keeps the alerts
+            }
+            continue;
+        }
+        cursor = from;  // moved over alerts dropped from a full spool and over damage
         if (lines.empty()) {
-            if (draining_) {
+            if (draining_ && cursor >= spool_.GetEnd()) {
                 break;
             }
             const auto wait =

@@ -58,7 +58,7 @@ int DataReportTask::Init() {
 
     MakeParent(settings_.spoolDir);
     std::string error;
-    if (!spool_.Open(error)) {
+    if (spool_.Open(error) != AlertSpool::OpenResult::kOpen) {
         HOST_LOG_ERROR("cannot open the alert spool: " + error +
                        "; alerts are dropped until it can be written");
     }
@@ -169,6 +169,13 @@ void DataReportTask::PublishMetrics() {
             .Counter("corvane_spool_alerts_dropped_total", "Alerts the spool dropped",
                      {{"reason", "max_bytes"}})
             .SetTotal(static_cast<double>(spool_.GetDroppedEvicted()));
+        metrics
+            .Counter("corvane_spool_alerts_dropped_total", "Alerts the spool dropped", {{"reason", "damaged"}})
+            .SetTotal(static_cast<double>(spool_.GetDroppedDamaged()));
+        metrics
+            .Counter("corvane_spool_lost_bytes_total",
+                     "Bytes of damaged lines and missing stretches the spool skipped")
+            .SetTotal(static_cast<double>(spool_.GetLostBytes()));
     });
 }
 

@@ -8,8 +8,10 @@
 #include <Poco/File.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -39,22 +41,35 @@ std::vector<std::string> Lines(int first, int last) {
     return lines;
 }
 
-// Everything `sink` can read from its cursor, committed as read.
+// Everything `sink` can read from its cursor, committed as read. A read that
+// neither returns lines nor moves must be at the end: anything else would spin.
 std::vector<std::string> Drain(Agent::AlertSpool& spool, const std::string& sink) {
     std::vector<std::string> all;
     uint64_t cursor = spool.LoadCursor(sink);
     for (;;) {
         std::vector<std::string> lines;
-        const uint64_t after = spool.Read(cursor, 7, 1 << 20, lines);
-        if (lines.empty()) {
+        uint64_t from = cursor;
+        EXPECT_TRUE(spool.Read(from, 7, 1 << 20, lines));
+        if (lines.empty() && from == cursor) {
+            EXPECT_GE(cursor, spool.GetEnd()) << "a read that goes nowhere before the end";
             return all;
+        }
+        for (const std::string& line : lines) {
+            from += line.size();
         }
         all.insert(all.end(), lines.begin(), lines.end());
         std::string error;
-        EXPECT_TRUE(spool.SaveCursor(sink, after, error)) << error;
-        cursor = after;
+        EXPECT_TRUE(spool.SaveCursor(sink, from, error)) << error;
+        cursor = from;
     }
 }
+
+Agent::AlertSpool::OpenResult Open(Agent::AlertSpool& spool) {
+    std::string error;
+    return spool.Open(error);
+}
+
+constexpr auto kOpen = Agent::AlertSpool::OpenResult::kOpen;
 
 }  // namespace
 
@@ -63,8 +78,7 @@ TEST(AlertSpool, EachSinkResumesFromItsCommittedLineAcrossRestartsAndTornTails) 
     const std::string spoolDir = dir.path() + "/spool";
     {
         Agent::AlertSpool spool(spoolDir, 64 << 20);
-        std::string error;
-        ASSERT_TRUE(spool.Open(error)) << error;
+        ASSERT_EQ(Open(spool), kOpen);
         spool.LoadCursor("fast");
         spool.LoadCursor("slow");
         ASSERT_TRUE(spool.Append(Lines(1, 10)));
@@ -82,8 +96,7 @@ TEST(AlertSpool, EachSinkResumesFromItsCommittedLineAcrossRestartsAndTornTails) 
     ::close(fd);
 
     Agent::AlertSpool spool(spoolDir, 64 << 20);
-    std::string error;
-    ASSERT_TRUE(spool.Open(error)) << error;
+    ASSERT_EQ(Open(spool), kOpen);
     ASSERT_TRUE(spool.Append(Lines(13, 13)));
     EXPECT_EQ(Drain(spool, "fast"), Lines(11, 13));
     EXPECT_EQ(Drain(spool, "slow"), Lines(1, 13));
@@ -95,8 +108,7 @@ TEST(AlertSpool, OverMaxBytesTheOldestUndeliveredAlertsAreDroppedCountedAndLogge
     TestSupport::LogCapture log("agent");
     // 128 KiB segments; a 1 MiB limit holds about 21,000 of these 48-byte lines.
     Agent::AlertSpool spool(dir.path() + "/spool", 1 << 20);
-    std::string error;
-    ASSERT_TRUE(spool.Open(error)) << error;
+    ASSERT_EQ(Open(spool), kOpen);
     spool.LoadCursor("down");
     for (int round = 0; round < 40; ++round) {
         ASSERT_TRUE(spool.Append(Lines(round * 1000, round * 1000 + 999)));
@@ -110,6 +122,164 @@ TEST(AlertSpool, OverMaxBytesTheOldestUndeliveredAlertsAreDroppedCountedAndLogge
     EXPECT_EQ(log.Count("every sink caught up; " + std::to_string(spool.GetDroppedEvicted()) +
                         " alerts were dropped"),
               1u);
+}
+
+TEST(AlertSpool, DamageIsSkippedWithItsPlaceAndSizeLoggedAndEveryOtherPendingAlertDelivered) {
+    // 6,000 pending alerts of 34 bytes, spooled 100 at a time into 64 KiB segments:
+    // lines 1-2000 in the segment at offset 0, 2001-4000 at 68000, 4001-6000 at 136000.
+    const int line = static_cast<int>(Line(1).size());
+    const auto segment = [](const std::string& dir, int start) {
+        char name[32];
+        std::snprintf(name, sizeof(name), "/%020d.seg", start);
+        return dir + name;
+    };
+    const auto write = [](const std::string& path, off_t at, const std::string& text) {
+        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT, 0600);
+        EXPECT_EQ(::pwrite(fd, text.data(), text.size(), at), static_cast<ssize_t>(text.size()));
+        ::close(fd);
+    };
+    const auto cut = [&](const std::string& dir) { ::truncate(segment(dir, 0).c_str(), 100 * line + 20); };
+    const auto removeSecond = [&](const std::string& dir) { std::remove(segment(dir, 68000).c_str()); };
+    const auto position = [&](const char* text) {
+        return [&write, text](const std::string& dir) {
+            std::remove((dir + "/down.pos").c_str());
+            write(dir + "/down.pos", 0, text);
+        };
+    };
+    struct Case {
+        const char* what;
+        bool live;  // damaged while the spool is open, else between two runs
+        std::function<void(const std::string& dir)> damage;
+        int lostFirst, lostLast;
+        uint64_t lostBytes;
+        const char* logged;
+    } cases[] = {
+        {"older segment cut mid-line", false, cut, 101, 2000, 64600,
+         "the segment ends in the middle of a line; 20 bytes (1 alert lines)"},
+        {"older segment cut while open", true, cut, 101, 2000, 64600,
+         "the segment ends in the middle of a line; 64600 bytes (1 alert lines)"},
+        {"garbled line", false,
+         [&](const std::string& dir) { write(segment(dir, 0), 499 * line + 10, std::string(4, '\0')); }, 500,
+         500, 34, "not one JSON document; 34 bytes (1 alert lines)"},
+        {"two lines run together", true,
+         [&](const std::string& dir) { write(segment(dir, 0), 700 * line - 1, " "); }, 700, 701, 68,
+         "not one JSON document; 68 bytes (1 alert lines)"},
+        {"segment removed", false, removeSecond, 2001, 4000, 68000,
+         "missing from the spool (a segment was removed or cut short); 68000 bytes"},
+        {"segment removed while open", true, removeSecond, 2001, 4000, 68000,
+         "the segment was removed; 68000 bytes"},
+        {"position removed", false, [](const std::string& dir) { std::remove((dir + "/down.pos").c_str()); },
+         0, -1, 0, "down.pos is missing"},
+        {"position past the end", false, position("999999\n"), 0, -1, 0, "points past the end"},
+        {"position in a removed segment", false,
+         [&](const std::string& dir) {
+             removeSecond(dir);
+             position("68340\n")(dir);
+         },
+         2001, 4000, 68000, "points into a stretch missing from the spool"},
+        {"position inside a line", false, position("345\n"), 0, -1, 0,
+         "does not point at the start of a line"},
+    };
+    for (const Case& test : cases) {
+        SCOPED_TRACE(test.what);
+        TestSupport::TempDir dir;
+        TestSupport::LogCapture log("agent");
+        const std::string spoolDir = dir.path() + "/spool";
+        auto spool = std::make_unique<Agent::AlertSpool>(spoolDir, 512 << 10);
+        ASSERT_EQ(Open(*spool), kOpen);
+        spool->LoadCursor("down");
+        for (int first = 1; first <= 6000; first += 100) {
+            ASSERT_TRUE(spool->Append(Lines(first, first + 99)));
+        }
+        if (!test.live) {
+            spool.reset();
+        }
+        test.damage(spoolDir);
+        if (!test.live) {
+            spool = std::make_unique<Agent::AlertSpool>(spoolDir, 512 << 10);
+            ASSERT_EQ(Open(*spool), kOpen);
+        }
+        std::vector<std::string> expected;
+        for (int index = 1; index <= 6000; ++index) {
+            if (index < test.lostFirst || index > test.lostLast) {
+                expected.push_back(Line(index));
+            }
+        }
+        const std::vector<std::string> delivered = Drain(*spool, "down");
+        EXPECT_TRUE(delivered == expected)
+            << delivered.size() << " delivered, " << expected.size() << " expected";
+        EXPECT_EQ(spool->GetLostBytes(), test.lostBytes);
+        EXPECT_EQ(log.Count(test.logged), 1u);
+    }
+}
+
+TEST(AlertSpool, ARefusedDirectoryIsNeverWrittenAndASecondOwnerIsTurnedAway) {
+    TestSupport::TempDir dir;
+    const std::string spoolDir = dir.path() + "/spool";
+    const std::string elsewhere = dir.path() + "/elsewhere";
+    const std::string rootsFile = dir.path() + "/roots-file";
+    std::ofstream{rootsFile};
+    ::chmod(rootsFile.c_str(), 0644);
+    const auto entries = [&] {
+        std::error_code ignored;
+        const auto all = std::filesystem::directory_iterator(spoolDir, ignored);
+        return std::distance(all, std::filesystem::directory_iterator());
+    };
+    struct Case {
+        const char* what;
+        std::function<void()> prepare;
+        const char* reason;
+    } cases[] = {
+        {"symbolic link",
+         [&] {
+             ::mkdir(elsewhere.c_str(), 0700);
+             ::symlink(elsewhere.c_str(), spoolDir.c_str());
+         },
+         "is a symbolic link"},
+        {"another user's",
+         [&] {
+             ::mkdir(spoolDir.c_str(), 0700);
+             ::chown(spoolDir.c_str(), 65534, 65534);
+         },
+         "owned by uid 65534"},
+        {"writable by everyone", [&] { ::mkdir(spoolDir.c_str(), 0700), ::chmod(spoolDir.c_str(), 0777); },
+         "writable by everyone"},
+        {"a hard link to another file",
+         [&] {
+             ::mkdir(spoolDir.c_str(), 0700);
+             ::link(rootsFile.c_str(), (spoolDir + "/lock").c_str());
+         },
+         "has 2 hard links"},
+    };
+    for (const Case& test : cases) {
+        SCOPED_TRACE(test.what);
+        std::filesystem::remove_all(spoolDir);
+        std::filesystem::remove_all(elsewhere);
+        test.prepare();
+        const auto before = entries();
+        Agent::AlertSpool spool(spoolDir, 1 << 20);
+        std::string error;
+        EXPECT_EQ(spool.Open(error), Agent::AlertSpool::OpenResult::kRefused);
+        EXPECT_NE(error.find(test.reason), std::string::npos) << error;
+        EXPECT_FALSE(spool.Append(Lines(1, 1)));
+        EXPECT_EQ(entries(), before) << "written to a refused spool";
+    }
+    struct stat info {};
+    ASSERT_EQ(::stat(rootsFile.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0644u) << "changed through a hard link";
+
+    std::filesystem::remove_all(spoolDir);
+    ::mkdir(spoolDir.c_str(), 0755);
+    Agent::AlertSpool owner(spoolDir, 1 << 20);
+    ASSERT_EQ(Open(owner), kOpen);
+    ASSERT_EQ(::stat(spoolDir.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0700u);
+    Agent::AlertSpool second(spoolDir, 1 << 20);
+    std::string error;
+    EXPECT_EQ(second.Open(error), Agent::AlertSpool::OpenResult::kBusy);
+    EXPECT_NE(error.find("in use by another corvane-agent (pid " + std::to_string(::getpid()) + ")"),
+              std::string::npos)
+        << error;
 }
 
 TEST(AlertFileSink, AppendsPrivateLinesAndRotatesKeepingTheNewest) {
@@ -162,7 +332,10 @@ TEST(AlertFileSink, ReopensAfterLogrotateAndRefusesLinksAndForeignFiles) {
          },
          "owned by uid 1234"},
         {"open directory", [&] { ::chmod(dir.path().c_str(), 0777); }, "writable by everyone"},
+        {"hard link", [&] { ::link((dir.path() + "/outside").c_str(), path.c_str()); }, "has 2 hard links"},
     };
+    std::ofstream(dir.path() + "/outside") << "";
+    ::chmod((dir.path() + "/outside").c_str(), 0644);
     for (const Case& test : cases) {
         ::chmod(dir.path().c_str(), 0700);
         std::remove(path.c_str());
@@ -172,6 +345,7 @@ TEST(AlertFileSink, ReopensAfterLogrotateAndRefusesLinksAndForeignFiles) {
         EXPECT_NE(error.find(test.reason), std::string::npos) << test.what << ": " << error;
     }
     EXPECT_FALSE(Poco::File(dir.path() + "/target").exists()) << "written through a link";
+    EXPECT_EQ(Poco::File(dir.path() + "/outside").getSize(), 0u) << "written through a hard link";
 }
 
 TEST(SiemEnvelope, WrapsTheAlertByteForByteWithEcsFieldsAndNamedFlags) {

@@ -1,0 +1,76 @@
+// The spool read back from damaged segments. The input is the segments' bytes: each 0x1e starts
+// the next segment right after the one before, each 0x1f starts it after a stretch of 100 missing
+// bytes. Whatever is on disk, every read returns whole JSON lines or moves forward (never spins
+// before the end), and every byte is either delivered or reported lost.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "AlertLine.h"
+#include "AlertSpool.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static const std::string dir = std::string(access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp") +
+                                   "/corvane-fuzz-spool-" + std::to_string(getpid());
+    std::filesystem::remove_all(dir);
+    mkdir(dir.c_str(), 0700);
+    uint64_t start = 0;
+    std::string text;
+    for (size_t at = 0; at <= size; ++at) {
+        if (at < size && data[at] != 0x1e && data[at] != 0x1f) {
+            text.push_back(static_cast<char>(data[at]));
+            continue;
+        }
+        char name[32];
+        std::snprintf(name, sizeof(name), "/%020llu.seg", static_cast<unsigned long long>(start));
+        std::ofstream(dir + name, std::ios::binary) << text;
+        start += text.size() + (at < size && data[at] == 0x1f ? 100 : 0);
+        text.clear();
+    }
+    std::ofstream(dir + "/fuzz.pos") << "0\n";
+
+    Agent::AlertSpool spool(dir, 1ull << 30);
+    std::string error;
+    if (spool.Open(error) != Agent::AlertSpool::OpenResult::kOpen) {
+        std::fprintf(stderr, "cannot open the spool: %s\n", error.c_str());
+        std::abort();
+    }
+    uint64_t cursor = spool.LoadCursor("fuzz");
+    uint64_t delivered = 0;
+    for (int reads = 0;; ++reads) {
+        std::vector<std::string> lines;
+        uint64_t from = cursor;
+        if (reads > 100000 || !spool.Read(from, 3, 1 << 20, lines) || from < cursor) {
+            std::abort();
+        }
+        if (lines.empty() && from == cursor) {
+            if (cursor < spool.GetEnd()) {
+                std::abort();  // a reader would spin here
+            }
+            break;
+        }
+        for (const std::string& line : lines) {
+            if (line.back() != '\n' || !Agent::AlertLine::IsDocument(line.data(), line.size() - 1)) {
+                std::abort();
+            }
+            from += line.size();
+            delivered += line.size();
+        }
+        cursor = from;
+    }
+    if (delivered + spool.GetLostBytes() != spool.GetEnd()) {
+        std::fprintf(stderr, "delivered %llu + lost %llu != %llu\n",
+                     static_cast<unsigned long long>(delivered),
+                     static_cast<unsigned long long>(spool.GetLostBytes()),
+                     static_cast<unsigned long long>(spool.GetEnd()));
+        std::abort();
+    }
+    return 0;
+}
