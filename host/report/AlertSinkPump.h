@@ -11,6 +11,7 @@
 
 #include "AlertSink.h"
 #include "AlertSpool.h"
+#include "DeadLetterFile.h"
 #include "SiemEnvelope.h"
 
 namespace Agent {
@@ -23,8 +24,16 @@ namespace Agent {
 // delivers a little again, never that it loses). A failure waits (doubling from
 // `retry` up to `retryMax`, with jitter so a fleet does not retry in step) and
 // is logged once when the outage starts and once when it ends.
+//
+// A batch the sink refuses for good is halved until the line refused is alone;
+// refused alone kRefusalsBeforeDeadLetter times, that line goes to the sink's
+// dead-letter file (<spool>/<sink>.dead) and the sink moves on. Such episodes
+// are logged when they start and end, and counted.
 class AlertSinkPump {
 public:
+    static constexpr int kRefusalsBeforeDeadLetter = 3;
+    static constexpr uint64_t kDeadLetterMaxBytes = 16u << 20;
+
     struct Timing {
         std::chrono::milliseconds retry{2000};
         std::chrono::milliseconds retryMax{60000};
@@ -32,7 +41,8 @@ public:
 
     // `envelope` null: lines go out as the module wrote them.
     AlertSinkPump(std::string name, std::unique_ptr<AlertSink> sink,
-                  std::shared_ptr<const SiemEnvelope> envelope, AlertSpool& spool, Timing timing);
+                  std::shared_ptr<const SiemEnvelope> envelope, AlertSpool& spool, Timing timing,
+                  uint64_t deadLetterMaxBytes = kDeadLetterMaxBytes);
     ~AlertSinkPump();
 
     AlertSinkPump(const AlertSinkPump&) = delete;
@@ -48,6 +58,7 @@ public:
     std::string Describe() const { return sink_->Describe(); }
     uint64_t GetDeliveredCount() const { return delivered_.load(); }  // lines confirmed
     uint64_t GetFailedCount() const { return failed_.load(); }        // failed delivery attempts
+    uint64_t GetDeadLetteredCount() const { return deadLettered_.load(); }
 
 private:
     void Loop(uint64_t cursor);
@@ -55,6 +66,10 @@ private:
     bool Commit(uint64_t cursor);
     void OnFailure(const std::string& error);
     void OnRecovery();
+    // Moves a line refused for good to the dead-letter file; false (logged) when it cannot.
+    bool DeadLetter(const std::string& line, const std::string& refusal);
+    // Waits before the next attempt, doubling with `attempts`; false once stopped.
+    bool Backoff(int attempts);
     // Sleeps up to `duration` unless stopped; false once stopped.
     bool Pause(std::chrono::milliseconds duration);
 
@@ -69,11 +84,16 @@ private:
     std::condition_variable wake_;
     bool stop_ = false;
     std::atomic<bool> draining_{false};
+    DeadLetterFile deadLetter_;
 
     int failures_ = 0;  // consecutive
     uint64_t deliveredInOutage_ = 0;
+    int refusals_ = 0;            // of the line at the cursor, alone, for good
+    uint64_t deadInEpisode_ = 0;  // dead-lettered since alerts last went through
+    bool deadLetterFailing_ = false;
     std::atomic<uint64_t> delivered_{0};
     std::atomic<uint64_t> failed_{0};
+    std::atomic<uint64_t> deadLettered_{0};
 };
 
 }  // namespace Agent

@@ -158,6 +158,10 @@ void DataReportTask::PublishMetrics() {
             metrics
                 .Counter("corvane_sink_delivery_failures_total", "Failed delivery attempts of a sink", sink)
                 .SetTotal(static_cast<double>(pump->GetFailedCount()));
+            metrics
+                .Counter("corvane_sink_alerts_dead_lettered_total",
+                         "Alerts a sink refused for good, moved to its dead-letter file", sink)
+                .SetTotal(static_cast<double>(pump->GetDeadLetteredCount()));
         }
         metrics.Gauge("corvane_spool_bytes", "Bytes held in the alert spool")
             .Set(static_cast<double>(spool_.GetBytes()));

@@ -7,20 +7,24 @@
 
 #include <Poco/File.h>
 
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "AlertFileSink.h"
+#include "AlertSinkPump.h"
 #include "AlertSpool.h"
 #include "SiemEnvelope.h"
 #include "support/FileText.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
+#include "support/WaitFor.h"
 
 namespace {
 
@@ -280,6 +284,70 @@ TEST(AlertSpool, ARefusedDirectoryIsNeverWrittenAndASecondOwnerIsTurnedAway) {
     EXPECT_NE(error.find("in use by another corvane-agent (pid " + std::to_string(::getpid()) + ")"),
               std::string::npos)
         << error;
+}
+
+namespace {
+
+// A destination that judges content: a batch holding `poison` is refused for good.
+class StrictSink : public Agent::AlertSink {
+public:
+    explicit StrictSink(std::string poison) : poison_(std::move(poison)) {}
+    size_t Deliver(const std::vector<std::string>& lines, std::string& error) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const std::string& line : lines) {
+            if (line.find(poison_) != std::string::npos) {
+                error = "HTTP 400";
+                MarkRefusedForGood();
+                return 0;
+            }
+        }
+        got_.insert(got_.end(), lines.begin(), lines.end());
+        return lines.size();
+    }
+    std::string Describe() const override { return "strict"; }
+    size_t MaxBatch() const override { return 8; }
+    std::vector<std::string> Got() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return got_;
+    }
+
+private:
+    const std::string poison_;
+    mutable std::mutex mutex_;
+    std::vector<std::string> got_;
+};
+
+}  // namespace
+
+TEST(AlertSinkPump, AnAlertRefusedForGoodGoesToTheDeadLetterFileUnlessItIsFull) {
+    TestSupport::TempDir dir;
+    TestSupport::LogCapture log("agent");
+    Agent::AlertSpool spool(dir.path() + "/spool", 1 << 20);
+    ASSERT_EQ(Open(spool), kOpen);
+    const Agent::AlertSinkPump::Timing quick{std::chrono::milliseconds(1), std::chrono::milliseconds(5)};
+    auto* strict = new StrictSink("\"0007\"");
+    auto* blocked = new StrictSink("\"0007\"");
+    Agent::AlertSinkPump pump("strict", std::unique_ptr<Agent::AlertSink>(strict), nullptr, spool, quick);
+    Agent::AlertSinkPump full("blocked", std::unique_ptr<Agent::AlertSink>(blocked), nullptr, spool, quick,
+                              10);
+    pump.Start();
+    full.Start();
+    ASSERT_TRUE(spool.Append(Lines(1, 20)));
+    std::vector<std::string> expected = Lines(1, 20);
+    expected.erase(expected.begin() + 6);
+    EXPECT_TRUE(TestSupport::WaitFor([&] { return strict->Got() == expected; }));
+    EXPECT_TRUE(TestSupport::WaitFor([&] { return log.Contains("blocked.dead is full"); }));
+    pump.Stop(std::chrono::milliseconds(0));
+    full.Stop(std::chrono::milliseconds(0));
+    EXPECT_EQ(TestSupport::ReadText(dir.path() + "/spool/strict.dead"), Line(7));
+    struct stat info {};
+    ASSERT_EQ(::stat((dir.path() + "/spool/strict.dead").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600u);
+    EXPECT_EQ(pump.GetDeliveredCount(), 19u);
+    EXPECT_EQ(pump.GetDeadLetteredCount(), 1u);
+    EXPECT_EQ(log.Count("refused an alert 3 times for good (HTTP 400); moved it to"), 1u);
+    EXPECT_EQ(blocked->Got(), Lines(1, 6)) << "a full dead-letter file holds the sink at the line";
+    EXPECT_EQ(full.GetDeadLetteredCount(), 0u);
 }
 
 TEST(AlertFileSink, AppendsPrivateLinesAndRotatesKeepingTheNewest) {
