@@ -42,7 +42,8 @@ Poco::Util::OptionSet MakeOptions() {
                              "each problem as FILE: key: what is wrong, and exit"));
     options.addOption(Option("once", "",
                              "run each plug-in task's check once over this machine, write its "
-                             "alerts, and exit"));
+                             "alerts to --alerts (default: standard output), and exit; a running "
+                             "service's spool, sinks and metrics port are left alone"));
     options.addOption(Option("version", "V", "show the version and the revision it was built from"));
     options.addOption(Option("help", "h", "show this help and exit"));
     return options;
@@ -130,7 +131,7 @@ std::string CommandLine::Usage() {
         "alerts. SIGHUP re-reads the settings and the policy directory; SIGTERM or SIGINT stops it.\n"
         "Exit status: 0 done; 1 --check found problems, or --once could not finish; 2 the agent could "
         "not start (usage error, a --config or --policy-dir that does not exist, a module that cannot "
-        "be loaded, no plug-in module).");
+        "be loaded, no plug-in module, another agent holds the alert spool).");
     std::ostringstream text;
     formatter.format(text);
     return text.str();
