@@ -187,6 +187,8 @@ void DataReportTask::RetrySpool(bool now) {
     }
     HOST_LOG_WARNING("alert spool " + settings_.spoolDir + " accepted; the " + std::to_string(held_.size()) +
                      " alerts held in memory go to it, and the sinks start");
+    // The sinks first: one new to this spool starts at its end, which the held alerts then follow.
+    StartPumps();
     const std::vector<std::string> held(held_.begin(), held_.end());
     if (spool_.Append(held)) {
         written_ += held.size();
@@ -194,7 +196,6 @@ void DataReportTask::RetrySpool(bool now) {
     held_.clear();
     heldBytes_ = 0;
     heldCount_ = 0;
-    StartPumps();
 }
 
 void DataReportTask::Hold(std::vector<std::string>& lines) {
