@@ -608,8 +608,8 @@ AlertSpool::Scan AlertSpool::ReadSegment(uint64_t start, const std::string& path
         } else if (toSegmentEnd) {
             next = left;
             why = at < text.size() ? "the segment ends in the middle of a line" : "the segment was cut short";
-        } else if (text.size() - at < kMaxLine) {
-            break;  // the line goes on past what was read: the next read starts with it
+        } else if (at + kMaxLine > text.size()) {
+            break;  // the line goes on past what was read (or starts there): the next read starts with it
         } else {
             next = NextLineStart(fd, offset - start + text.size(), size) - (offset - start);
             why = "longer than any alert line";

@@ -133,7 +133,9 @@ TEST(AlertSpool, DamageIsSkippedWithItsPlaceAndSizeLoggedAndEveryOtherPendingAle
     const char* first = "/00000000000000000000.seg";
     const char* second = "/00000000000000068000.seg";
     const char* pos = "/down.pos";
+    const char* third = "/00000000000000136000.seg";
     const std::string nul(4, '\0');  // into line 500 (at 16966)
+    const std::string overlong = std::string(1200000, 'x') + "\n" + Line(4001);
     struct Damage {
         const char* file;
         long at;  // where the text goes; without text: the size cut to, or < 0 to remove the file
@@ -153,6 +155,13 @@ TEST(AlertSpool, DamageIsSkippedWithItsPlaceAndSizeLoggedAndEveryOtherPendingAle
         {"run together while open", true, {{first, 23799, " "}}, 700, 701, 68, "document; 68 bytes (1 alert"},
         {"segment gone", false, {{second, -1}}, 2001, 4000, 68000, "or cut short); 68000 bytes"},
         {"segment gone while open", true, {{second, -1}}, 2001, 4000, 68000, "was removed; 68000 bytes"},
+        {"overlong line",
+         false,
+         {{third, 0, overlong}},
+         4002,
+         6000,
+         1200001,
+         "any alert line; 1200001 bytes"},
         {"position gone", false, {{pos, -1}}, 0, -1, 0, "down.pos is missing"},
         {"position past the end", false, {{pos, 0, "999999\n"}}, 0, -1, 0, "points past the end"},
         {"pos in a gap", false, {{second, -1}, {pos, 0, "68340\n"}}, 2001, 4000, 68000, "stretch missing"},
