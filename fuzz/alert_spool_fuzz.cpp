@@ -70,5 +70,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (cursor != spool.GetEnd() || delivered + spool.GetLostBytes() != spool.GetEnd()) {
         std::abort();
     }
+    std::filesystem::remove_all(dir);  // libFuzzer may end the process without running exit handlers
     return 0;
 }
