@@ -88,7 +88,7 @@ Run ThroughSpool(const std::string& dir, const std::vector<std::string>& lines,
                  const std::vector<Agent::SinkSettings>& sinks) {
     Agent::AlertSpool spool(dir, 1ull << 32);
     std::string error;
-    if (!spool.Open(error)) {
+    if (spool.Open(error) != Agent::AlertSpool::OpenResult::kOpen) {
         std::fprintf(stderr, "spool: %s\n", error.c_str());
         std::exit(1);
     }

@@ -4,12 +4,14 @@
 #include <Poco/File.h>
 #include <Poco/Path.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 
 #include "AgentMetrics.h"
 #include "AgentSignals.h"
@@ -149,17 +151,24 @@ int AgentApp::main(const std::vector<std::string>& args) {
         return kExitUsage;
     }
     Configure(options);
-    if (!CheckTrusted(options.modules.empty())) {
+    if (!CheckTrusted(options.modules.empty()) || (options.once && !UseTemporarySpool())) {
         return kExitUsage;
     }
     WarnWithoutPrivileges();
 
     report_ = std::make_unique<ReportModule>(settings_.alerts);
     if (report_->Init() != 0) {
+        const std::string& why = report_->GetStartError();
         HOST_CONSOLE_LOG_ERROR(
-            "the report task \"data_comm_report_task\" could not be started; alerts are lost");
+            (why.empty() ? "the report task \"data_comm_report_task\" could not be started" : why) +
+            "; stopping");
+        report_.reset();
+        return kExitUsage;
     }
-    StartMetrics();
+    // A one-shot run beside the service must not take (or fail to take) its port.
+    if (!options.once) {
+        StartMetrics();
+    }
     loader_ = std::make_unique<ModuleLoader>(*this);
     if (!LoadModules(options.modules)) {
         Shutdown();
@@ -228,6 +237,15 @@ void AgentApp::Configure(const AgentOptions& options) {
     } else {
         settings_.alerts.filePath = AgentPaths::Under(paths_.prefix, settings_.alerts.filePath);
     }
+    if (options.once) {
+        // The service's sinks stay its own: a one-shot run writes to --alerts only (standard output by
+        // default).
+        settings_.alerts.sinks.clear();
+        settings_.alerts.toStdout = options.alerts.empty() || options.alerts == "-";
+        if (options.alerts.empty()) {
+            settings_.alerts.filePath.clear();
+        }
+    }
     settings_.alerts.spoolDir = AgentPaths::Under(paths_.prefix, settings_.alerts.spoolDir);
     for (SinkSettings& sink : settings_.alerts.sinks) {
         for (std::string* path :
@@ -246,6 +264,19 @@ void AgentApp::Configure(const AgentOptions& options) {
         std::to_string(settings_.cpuShare) + "%, alerts to " +
         (settings_.alerts.filePath.empty() ? std::string("-") : settings_.alerts.filePath) +
         (settings_.alerts.toStdout ? " and standard output" : ""));
+}
+
+bool AgentApp::UseTemporarySpool() {
+    // Nor its spool: a one-shot run spools in a directory of its own, removed at exit.
+    std::string pattern = Poco::Path::temp() + "corvane-once-XXXXXX";
+    if (::mkdtemp(pattern.data()) == nullptr) {
+        HOST_CONSOLE_LOG_ERROR("--once: cannot create a temporary spool " + pattern + ": " +
+                               std::strerror(errno));
+        return false;
+    }
+    onceSpool_ = pattern;
+    settings_.alerts.spoolDir = onceSpool_;
+    return true;
 }
 
 void AgentApp::SetUpLogging() {
@@ -500,6 +531,14 @@ void AgentApp::Shutdown() {
         report_->UnInit();
     }
     metrics_.reset();
+    if (!onceSpool_.empty()) {
+        std::error_code failure;
+        std::filesystem::remove_all(onceSpool_, failure);
+        if (failure) {
+            HOST_CONSOLE_LOG_ERROR("--once: cannot remove its spool " + onceSpool_ + ": " +
+                                   failure.message());
+        }
+    }
     HOST_CONSOLE_LOG_NOTICE("corvane-agent stopped");
 }
 

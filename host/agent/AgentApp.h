@@ -42,6 +42,8 @@ private:
     // Whether agent.json, the policy directory and (when modules are found there) the module
     // directory pass TrustedPath; logs the first that does not.
     bool CheckTrusted(bool moduleDirUsed);
+    // --once: the alerts go through a temporary spool of its own. False (logged) when it cannot be made.
+    bool UseTemporarySpool();
     void SetUpLogging();
     bool LoadModules(const std::vector<std::string>& explicitModules);
     void DeliverCollectSettings();
@@ -61,6 +63,7 @@ private:
     std::unique_ptr<ReportModule> report_;
     std::unique_ptr<ModuleLoader> loader_;
     std::unique_ptr<MetricsEndpoint> metrics_;
+    std::string onceSpool_;  // --once: its own spool directory, removed at exit
 };
 
 }  // namespace Agent

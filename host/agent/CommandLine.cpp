@@ -44,7 +44,8 @@ Poco::Util::OptionSet MakeOptions() {
     options.addOption(Option("strict", "", "with --check: exit 1 on warnings too"));
     options.addOption(Option("once", "",
                              "run each plug-in task's check once over this machine, write its "
-                             "alerts, and exit"));
+                             "alerts to --alerts (default: standard output), and exit; a running "
+                             "service's spool, sinks and metrics port are left alone"));
     options.addOption(Option("version", "V", "show the version and the revision it was built from"));
     options.addOption(Option("help", "h", "show this help and exit"));
     return options;
@@ -139,7 +140,8 @@ std::string CommandLine::Usage() {
         "(after logrotate); SIGTERM or SIGINT stops it.\n"
         "Exit status: 0 done; 1 --check found errors (or warnings, with --strict), or --once could not "
         "finish or had a policy refused; 2 the agent could not start (usage error, a --config or "
-        "--policy-dir that does not exist, a module that cannot be loaded, no plug-in module).");
+        "--policy-dir that does not exist, a module that cannot be loaded, no plug-in module, another "
+        "agent holds the alert spool).");
     std::ostringstream text;
     formatter.format(text);
     return text.str();

@@ -2,6 +2,9 @@
 
 #include <json/json.h>
 
+#include <cstring>
+#include <memory>
+
 #include "AlertSplitter.h"
 #include "sdk/HostLog.h"
 #include "sdk/JsonUtils.h"
@@ -68,6 +71,27 @@ bool AlertLine::FromBody(const std::string& body, size_t maxLine, std::vector<st
         return false;
     }
     return true;
+}
+
+bool AlertLine::IsDocument(const char* text, size_t size) {
+    // One reader per thread: the sinks check what they read back on threads of their own.
+    static thread_local const std::unique_ptr<Json::CharReader> reader([] {
+        Json::CharReaderBuilder builder;
+        builder["collectComments"] = false;
+        builder["failIfExtra"] = true;
+        builder["stackLimit"] = SDK::JsonUtils::kMaxDepth;  // as FromBody parses
+        return builder.newCharReader();
+    }());
+    if (size == 0 || std::memchr(text, '\n', size) != nullptr) {
+        return false;
+    }
+    Json::Value ignored;
+    std::string error;
+    try {
+        return reader->parse(text, text + size, &ignored, &error);
+    } catch (const Json::Exception&) {
+        return false;  // nested deeper than stackLimit
+    }
 }
 
 }  // namespace Agent

@@ -17,6 +17,10 @@ public:
     // refused with the reason in `error`.
     static bool FromBody(const std::string& body, size_t maxLine, std::vector<std::string>& lines,
                          std::string& error);
+
+    // Whether `size` bytes at `text` (a line read back, without its '\n') are
+    // one JSON document that FromBody would have written.
+    static bool IsDocument(const char* text, size_t size);
 };
 
 }  // namespace Agent

@@ -39,13 +39,26 @@ public:
     // moved a file). Called from another thread: only sets a flag.
     virtual void RequestReopen() {}
 
+    // Whether the last Deliver was refused for good: the destination judged
+    // what it was sent (an HTTP 400 or 413, a Kafka message over its size
+    // limit), so offering the same lines again will not help. Clears the mark.
+    bool TakeRefusedForGood() {
+        const bool refused = refusedForGood_;
+        refusedForGood_ = false;
+        return refused;
+    }
+
 protected:
+    // Called by Deliver when the first line not confirmed, or one after it, was refused for good.
+    void MarkRefusedForGood() { refusedForGood_ = true; }
+
     // write(2) loop over a descriptor, retried on EINTR. Moves `offset` past
     // what was written; returns 0 once all of `data` is out, else the errno.
     static int WriteToFd(int fd, const std::string& data, size_t& offset);
 
 private:
     size_t maxLineBytes_ = 0;
+    bool refusedForGood_ = false;
 };
 
 }  // namespace Agent

@@ -18,12 +18,14 @@ constexpr std::chrono::milliseconds kCommitEvery{200};
 }  // namespace
 
 AlertSinkPump::AlertSinkPump(std::string name, std::unique_ptr<AlertSink> sink,
-                             std::shared_ptr<const SiemEnvelope> envelope, AlertSpool& spool, Timing timing)
+                             std::shared_ptr<const SiemEnvelope> envelope, AlertSpool& spool, Timing timing,
+                             uint64_t deadLetterMaxBytes)
     : name_(std::move(name)),
       sink_(std::move(sink)),
       shaper_(name_, std::move(envelope)),
       spool_(spool),
-      timing_(timing) {}
+      timing_(timing),
+      deadLetter_(spool.GetDirectory() + "/" + name_ + ".dead", deadLetterMaxBytes) {}
 
 AlertSinkPump::~AlertSinkPump() {
     Stop(std::chrono::milliseconds(0));
@@ -78,6 +80,7 @@ void AlertSinkPump::Loop(uint64_t cursor) {
     std::vector<size_t> parts;
     uint64_t committed = cursor;
     auto lastCommit = std::chrono::steady_clock::now();
+    size_t limit = sink_->MaxBatch();  // halved while a batch is refused for good
     for (;;) {
         {
             std::lock_guard<std::mutex> lock(mutex_);
@@ -94,10 +97,15 @@ void AlertSinkPump::Loop(uint64_t cursor) {
         }
         lines.clear();
         uint64_t from = cursor;
-        spool_.Read(from, sink_->MaxBatch(), kReadBytes, lines);
-        cursor = from;  // moved forward when its oldest lines were dropped from a full spool
+        if (!spool_.Read(from, limit, kReadBytes, lines)) {
+            if (draining_ || !Pause(timing_.retry)) {
+                break;  // the spool logged why it could not be read; it keeps the alerts
+            }
+            continue;
+        }
+        cursor = from;  // moved over alerts dropped from a full spool and over damage
         if (lines.empty()) {
-            if (draining_) {
+            if (draining_ && cursor >= spool_.GetEnd()) {
                 break;
             }
             const auto wait =
@@ -116,6 +124,7 @@ void AlertSinkPump::Loop(uint64_t cursor) {
         }
         std::string error;
         const size_t done = wrapped.empty() ? 0 : std::min(sink_->Deliver(wrapped, error), wrapped.size());
+        const bool refusedForGood = sink_->TakeRefusedForGood();
         // A spool line is passed once the sink confirmed all its parts.
         size_t taken = 0;
         for (size_t confirmed = 0; taken < lines.size() && confirmed + parts[taken] <= done; ++taken) {
@@ -123,6 +132,9 @@ void AlertSinkPump::Loop(uint64_t cursor) {
             cursor += lines[taken].size();
         }
         delivered_ += done;
+        if (taken > 0) {
+            refusals_ = 0;
+        }
         if (failures_ > 0) {
             deliveredInOutage_ += done;
         }
@@ -130,17 +142,27 @@ void AlertSinkPump::Loop(uint64_t cursor) {
             if (failures_ > 0) {
                 OnRecovery();
             }
+            limit = std::min(sink_->MaxBatch(), limit * 2);
             continue;
         }
         OnFailure(error);
         if (draining_) {
             break;  // a failing sink does not hold up the stop; the spool keeps the rest
         }
-        // Doubling wait with jitter in [1/2, 1] of it.
-        const auto ceiling = std::min(timing_.retryMax, timing_.retry * (1 << std::min(failures_ - 1, 16)));
-        static thread_local std::minstd_rand random(std::random_device{}());
-        const auto wait = ceiling / 2 + std::chrono::milliseconds(random() % (ceiling.count() / 2 + 1));
-        if (!Pause(wait)) {
+        if (refusedForGood) {
+            const size_t refused = lines.size() - taken;
+            if (refused > 1) {
+                limit = refused / 2;  // find the line refused: try the first half alone
+                continue;
+            }
+            if (++refusals_ >= kRefusalsBeforeDeadLetter && DeadLetter(lines[taken], error)) {
+                cursor += lines[taken].size();
+                refusals_ = 0;
+                continue;
+            }
+        }
+        // The halving steps are no outage of their own: a line refused alone waits from the first step.
+        if (!Backoff(refusedForGood ? refusals_ : failures_)) {
             break;
         }
     }
@@ -150,6 +172,34 @@ void AlertSinkPump::Loop(uint64_t cursor) {
     std::lock_guard<std::mutex> lock(mutex_);
     stop_ = true;
     wake_.notify_all();
+}
+
+bool AlertSinkPump::Backoff(int attempts) {
+    // Doubling wait with jitter in [1/2, 1] of it.
+    const auto ceiling = std::min(timing_.retryMax, timing_.retry * (1 << std::clamp(attempts - 1, 0, 16)));
+    static thread_local std::minstd_rand random(std::random_device{}());
+    const auto wait = ceiling / 2 + std::chrono::milliseconds(random() % (ceiling.count() / 2 + 1));
+    return Pause(wait);
+}
+
+bool AlertSinkPump::DeadLetter(const std::string& line, const std::string& refusal) {
+    std::string error;
+    if (!deadLetter_.Append(line, error)) {
+        if (!deadLetterFailing_) {
+            HOST_LOG_ERROR("alert sink " + name_ + " refuses an alert for good (" + refusal +
+                           ") and it cannot be set aside: " + error + "; it waits in the spool");
+            deadLetterFailing_ = true;
+        }
+        return false;
+    }
+    deadLetterFailing_ = false;
+    ++deadLettered_;
+    if (deadInEpisode_++ == 0) {
+        HOST_LOG_ERROR("alert sink " + name_ + " (" + sink_->Describe() + ") refused an alert " +
+                       std::to_string(kRefusalsBeforeDeadLetter) + " times for good (" + refusal +
+                       "); moved it to " + deadLetter_.GetPath() + " and going on with the next");
+    }
+    return true;
 }
 
 void AlertSinkPump::OnFailure(const std::string& error) {
@@ -163,6 +213,11 @@ void AlertSinkPump::OnFailure(const std::string& error) {
 }
 
 void AlertSinkPump::OnRecovery() {
+    if (deadInEpisode_ > 0) {
+        HOST_LOG_WARNING("alert sink " + name_ + " takes alerts again; " + std::to_string(deadInEpisode_) +
+                         " alerts it refused for good went to " + deadLetter_.GetPath());
+        deadInEpisode_ = 0;
+    }
     HOST_LOG_INFO("alerts reach " + name_ + " (" + sink_->Describe() + ") again after " +
                   std::to_string(failures_) + " failed attempts; " + std::to_string(deliveredInOutage_) +
                   " delivered since");

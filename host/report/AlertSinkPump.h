@@ -12,6 +12,7 @@
 #include "AlertShaper.h"
 #include "AlertSink.h"
 #include "AlertSpool.h"
+#include "DeadLetterFile.h"
 #include "SiemEnvelope.h"
 
 namespace Agent {
@@ -24,8 +25,16 @@ namespace Agent {
 // delivers a little again, never that it loses). A failure waits (doubling from
 // `retry` up to `retryMax`, with jitter so a fleet does not retry in step) and
 // is logged once when the outage starts and once when it ends.
+//
+// A batch the sink refuses for good is halved until the line refused is alone;
+// refused alone kRefusalsBeforeDeadLetter times, that line goes to the sink's
+// dead-letter file (<spool>/<sink>.dead) and the sink moves on. Such episodes
+// are logged when they start and end, and counted.
 class AlertSinkPump {
 public:
+    static constexpr int kRefusalsBeforeDeadLetter = 3;
+    static constexpr uint64_t kDeadLetterMaxBytes = 16u << 20;
+
     struct Timing {
         std::chrono::milliseconds retry{2000};
         std::chrono::milliseconds retryMax{60000};
@@ -33,7 +42,8 @@ public:
 
     // `envelope` null: lines go out as the module wrote them.
     AlertSinkPump(std::string name, std::unique_ptr<AlertSink> sink,
-                  std::shared_ptr<const SiemEnvelope> envelope, AlertSpool& spool, Timing timing);
+                  std::shared_ptr<const SiemEnvelope> envelope, AlertSpool& spool, Timing timing,
+                  uint64_t deadLetterMaxBytes = kDeadLetterMaxBytes);
     ~AlertSinkPump();
 
     AlertSinkPump(const AlertSinkPump&) = delete;
@@ -52,6 +62,7 @@ public:
     }                                                           // alerts confirmed (parts count one each)
     uint64_t GetFailedCount() const { return failed_.load(); }  // failed delivery attempts
     const AlertShaper& GetShaper() const { return shaper_; }    // alerts split or left out for size
+    uint64_t GetDeadLetteredCount() const { return deadLettered_.load(); }
 
 private:
     void Loop(uint64_t cursor);
@@ -59,6 +70,10 @@ private:
     bool Commit(uint64_t cursor);
     void OnFailure(const std::string& error);
     void OnRecovery();
+    // Moves a line refused for good to the dead-letter file; false (logged) when it cannot.
+    bool DeadLetter(const std::string& line, const std::string& refusal);
+    // Waits before the next attempt, doubling with `attempts`; false once stopped.
+    bool Backoff(int attempts);
     // Sleeps up to `duration` unless stopped; false once stopped.
     bool Pause(std::chrono::milliseconds duration);
 
@@ -73,11 +88,16 @@ private:
     std::condition_variable wake_;
     bool stop_ = false;
     std::atomic<bool> draining_{false};
+    DeadLetterFile deadLetter_;
 
     int failures_ = 0;  // consecutive
     uint64_t deliveredInOutage_ = 0;
+    int refusals_ = 0;            // of the line at the cursor, alone, for good
+    uint64_t deadInEpisode_ = 0;  // dead-lettered since alerts last went through
+    bool deadLetterFailing_ = false;
     std::atomic<uint64_t> delivered_{0};
     std::atomic<uint64_t> failed_{0};
+    std::atomic<uint64_t> deadLettered_{0};
 };
 
 }  // namespace Agent

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -19,30 +20,53 @@ namespace Agent {
 // bytes since the spool was first made and never go back, so an offset names
 // one line for the life of the spool.
 //
+// One agent owns a spool: Open locks <dir>/lock (flock) for the life of the
+// object. <dir>/sinks records every sink that ever had a position, so a lost
+// .pos is told apart from a new sink.
+//
 // Segments every sink has passed are removed. Past `maxBytes` the oldest
 // segments go even when a sink still needs them: those alerts are counted and
 // the episode logged when it starts and when it ends, with the count.
+//
+// Damage (a cut or garbled line, a segment removed or cut short, a position
+// that points nowhere) is skipped, never stalled on: each stretch lost is
+// logged once with its segment, offset and size, and counted; a position that
+// cannot be trusted starts its sink again from the oldest spooled alert, so
+// damage may repeat alerts but never loses them silently.
 // Thread-safe: one writer (the report task) and any number of readers (sinks).
 class AlertSpool {
 public:
+    enum class OpenResult {
+        kOpen,
+        kRefused,  // the directory or a file in it is not the agent's alone, or cannot be used
+        kBusy,     // another process holds the lock
+    };
+
     AlertSpool(std::string dir, uint64_t maxBytes);
     ~AlertSpool();
 
     AlertSpool(const AlertSpool&) = delete;
     AlertSpool& operator=(const AlertSpool&) = delete;
 
-    // Creates or checks the directory, finds the segments of an earlier run and
-    // cuts a line left half-written by a crash. False with the reason otherwise.
-    bool Open(std::string& error);
+    // Creates or checks the directory (a refused one is not touched further),
+    // locks it, finds the segments of an earlier run and cuts a line left
+    // half-written by a crash. The reason in `error` otherwise. May be called
+    // again after a refusal.
+    OpenResult Open(std::string& error);
+    bool IsOpen() const { return open_.load(); }
 
-    // Appends whole lines (each ending in '\n') and syncs them. When the disk
-    // refuses, the batch is dropped: counted, logged once per episode.
+    // Appends whole lines (each ending in '\n') and syncs them. When the spool
+    // is not open or the disk refuses, the batch is dropped: counted, logged
+    // once per episode.
     bool Append(const std::vector<std::string>& lines);
 
-    // Up to `maxLines` whole lines from `offset`. An offset that points before
-    // the oldest kept line (dropped while its sink was down) moves to it.
-    // Returns the offset after the last line read.
-    uint64_t Read(uint64_t& offset, size_t maxLines, size_t maxBytes, std::vector<std::string>& lines);
+    // Up to `maxLines` whole lines that follow each other from `offset` (past
+    // the first, at most `maxBytes` together). Before the first line, `offset`
+    // moves forward over what cannot be delivered: alerts dropped while the
+    // spool was full, and damaged or missing stretches (logged and counted).
+    // Either lines come back, or `offset` moved, or it is at the end. False
+    // only when a segment could not be read (logged): then nothing moved.
+    bool Read(uint64_t& offset, size_t maxLines, size_t maxBytes, std::vector<std::string>& lines);
 
     // Waits up to `timeout` for lines past `offset`; true when there are some.
     bool WaitForLines(uint64_t offset, std::chrono::milliseconds timeout);
@@ -50,7 +74,10 @@ public:
     void WakeAll();
 
     // The committed offset of `sink`: as saved by an earlier run, else the end
-    // (a new sink starts with what arrives after it was added).
+    // (a new sink starts with what arrives after it was added). A sink known
+    // from an earlier run whose position is missing, unreadable, past the end,
+    // in a missing stretch or not at a line start starts from the oldest
+    // spooled alert (logged).
     uint64_t LoadCursor(const std::string& sink);
     bool SaveCursor(const std::string& sink, uint64_t offset, std::string& error);
 
@@ -58,6 +85,8 @@ public:
     uint64_t GetBytes() const { return bytes_.load(); }
     uint64_t GetDroppedFull() const { return droppedFull_.load(); }        // refused by the disk
     uint64_t GetDroppedEvicted() const { return droppedEvicted_.load(); }  // removed over max_bytes
+    uint64_t GetDroppedDamaged() const { return droppedDamaged_.load(); }  // damaged lines skipped
+    uint64_t GetLostBytes() const { return lostBytes_.load(); }  // in damaged lines and missing stretches
     const std::string& GetDirectory() const { return dir_; }
 
 private:
@@ -66,13 +95,27 @@ private:
         uint64_t size = 0;
     };
 
+    bool TakeLock(std::string& error, bool& busy);
     bool LoadSegments(std::string& error);
+    void LoadSinkRecord();
+    bool SaveSinkRecord(std::string& error);
     bool StartSegment(std::string& error);
+    bool NewestIsIntact();
     void RemoveDelivered();
     void EvictOverLimit();
+    void ForgetSegment(std::map<uint64_t, Segment>::iterator segment);
     uint64_t CountLinesFrom(const Segment& segment, uint64_t start, uint64_t from) const;
     uint64_t MinCursor() const;
     std::string SegmentPath(uint64_t start) const;
+    // Why `offset` cannot be a sink's position (empty when it can). Holds mutex_.
+    std::string CheckPosition(uint64_t offset) const;
+    // Logs and counts the stretch [from, to) as lost, once whichever sink meets it first. Holds mutex_.
+    void NoteLoss(uint64_t from, uint64_t to, uint64_t lines, const std::string& where,
+                  const std::string& what);
+    // Reads from `offset` in the segment that starts at `start`; see Read.
+    enum class Scan { kDone, kMoved, kGone, kFailed };
+    Scan ReadSegment(uint64_t start, const std::string& path, uint64_t size, uint64_t& offset,
+                     size_t maxLines, size_t maxBytes, std::vector<std::string>& lines);
 
     const std::string dir_;
     const uint64_t maxBytes_;
@@ -80,15 +123,22 @@ private:
 
     mutable std::mutex mutex_;
     std::condition_variable appended_;
+    std::atomic<bool> open_{false};
     std::map<uint64_t, Segment> segments_;     // by first offset
     std::map<std::string, uint64_t> cursors_;  // committed offset per sink
-    int fd_ = -1;                              // the newest segment, open for appending
+    std::set<std::string> knownSinks_;         // every sink that had a position here
+    bool sinkRecordFound_ = false;
+    std::map<uint64_t, uint64_t> lost_;  // stretches logged as lost, first offset to end
+    int fd_ = -1;                        // the newest segment, open for appending
     int dirFd_ = -1;
+    int lockFd_ = -1;
     uint64_t end_ = 0;
 
     std::atomic<uint64_t> bytes_{0};
     std::atomic<uint64_t> droppedFull_{0};
     std::atomic<uint64_t> droppedEvicted_{0};
+    std::atomic<uint64_t> droppedDamaged_{0};
+    std::atomic<uint64_t> lostBytes_{0};
     uint64_t fullInEpisode_ = 0;
     uint64_t evictedInEpisode_ = 0;
 };

@@ -45,6 +45,25 @@ DataReportTask::~DataReportTask() {
     }
 }
 
+bool DataReportTask::OpenSpool(std::string& error) {
+    MakeParent(settings_.spoolDir);
+    switch (spool_.Open(error)) {
+        case AlertSpool::OpenResult::kOpen:
+            return true;
+        case AlertSpool::OpenResult::kBusy:
+            return false;
+        case AlertSpool::OpenResult::kRefused:
+            break;
+    }
+    spoolRefusal_ = error;
+    nextOpen_ = std::chrono::steady_clock::now() + std::chrono::seconds(kReopenSeconds);
+    HOST_CONSOLE_LOG_ERROR("alert spool refused: " + error + "; alerts wait in memory (at most " +
+                           std::to_string(kHeldBytes >> 20) +
+                           " MiB) and reach no sink until it is fixed; checked again every " +
+                           std::to_string(kReopenSeconds) + " s");
+    return true;
+}
+
 int DataReportTask::Init() {
     // A reader that went away must show up as EPIPE on the sink threads (they
     // inherit this mask), not end the agent.
@@ -53,12 +72,7 @@ int DataReportTask::Init() {
     sigaddset(&pipe, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
 
-    MakeParent(settings_.spoolDir);
     std::string error;
-    if (!spool_.Open(error)) {
-        HOST_LOG_ERROR("cannot open the alert spool: " + error +
-                       "; alerts are dropped until it can be written");
-    }
     std::shared_ptr<const SiemEnvelope> envelope;
     AlertSinkPump::Timing timing;
     timing.retry = std::chrono::seconds(settings_.retrySeconds);
@@ -80,8 +94,8 @@ int DataReportTask::Init() {
     if (pumps_.empty()) {
         HOST_LOG_WARNING("no alert sink configured: alerts are kept in the spool only");
     }
-    for (auto& pump : pumps_) {
-        pump->Start();
+    if (spool_.IsOpen()) {
+        StartPumps();
     }
     PublishMetrics();
     return Framework::Task::Init();
@@ -91,7 +105,12 @@ void DataReportTask::UnInit() {
     while (GetQueuedCount() > 0) {
         BulkConsumeMsg(INT_MAX);
     }
-    FlushBatch();
+    FlushBatch(true);
+    if (!held_.empty()) {
+        HOST_LOG_ERROR(std::to_string(held_.size()) + " alerts held in memory are lost: the alert spool " +
+                       settings_.spoolDir + " is still refused (" + spoolRefusal_ + ")");
+        heldDropped_ += held_.size();
+    }
     for (auto& pump : pumps_) {
         pump->Stop(std::chrono::seconds(settings_.stopDrainSeconds));
     }
@@ -142,15 +161,74 @@ void DataReportTask::Take(const Framework::Message& message) {
     }
 }
 
-void DataReportTask::FlushBatch() {
+void DataReportTask::FlushBatch(bool last) {
+    if (!spool_.IsOpen()) {
+        RetrySpool(last);
+    }
     if (batch_.empty()) {
         return;
     }
-    if (spool_.Append(batch_)) {
+    if (!spool_.IsOpen()) {
+        Hold(batch_);
+    } else if (spool_.Append(batch_)) {
         written_ += batch_.size();
     }
     batch_.clear();
     batchBytes_ = 0;
+}
+
+void DataReportTask::RetrySpool(bool now) {
+    const auto time = std::chrono::steady_clock::now();
+    if (!now && time < nextOpen_) {
+        return;
+    }
+    nextOpen_ = time + std::chrono::seconds(kReopenSeconds);
+    std::string error;
+    if (spool_.Open(error) != AlertSpool::OpenResult::kOpen) {
+        if (error != spoolRefusal_) {
+            HOST_LOG_ERROR("alert spool still refused: " + error);
+            spoolRefusal_ = error;
+        }
+        return;
+    }
+    HOST_LOG_WARNING("alert spool " + settings_.spoolDir + " accepted; the " + std::to_string(held_.size()) +
+                     " alerts held in memory go to it, and the sinks start");
+    // The sinks first: one new to this spool starts at its end, which the held alerts then follow.
+    StartPumps();
+    const std::vector<std::string> held(held_.begin(), held_.end());
+    if (spool_.Append(held)) {
+        written_ += held.size();
+    }
+    held_.clear();
+    heldBytes_ = 0;
+    heldCount_ = 0;
+}
+
+void DataReportTask::Hold(std::vector<std::string>& lines) {
+    for (std::string& line : lines) {
+        heldBytes_ += line.size();
+        held_.push_back(std::move(line));
+    }
+    while (heldBytes_ > kHeldBytes) {
+        if (heldDropped_.fetch_add(1) % 1000 == 0) {
+            HOST_LOG_ERROR("alerts held in memory for the refused spool exceed " +
+                           std::to_string(kHeldBytes >> 20) + " MiB: dropping the oldest; " +
+                           std::to_string(heldDropped_.load()) + " dropped so far");
+        }
+        heldBytes_ -= held_.front().size();
+        held_.pop_front();
+    }
+    heldCount_ = held_.size();
+}
+
+void DataReportTask::StartPumps() {
+    if (pumpsStarted_) {
+        return;
+    }
+    pumpsStarted_ = true;
+    for (auto& pump : pumps_) {
+        pump->Start();
+    }
 }
 
 void DataReportTask::PublishMetrics() {
@@ -170,6 +248,10 @@ void DataReportTask::PublishMetrics() {
                 .Counter("corvane_sink_alerts_undeliverable_total",
                          "Alerts or process entries too long for a sink even split and cut", sink)
                 .SetTotal(static_cast<double>(pump->GetShaper().GetUndeliverableCount()));
+            metrics
+                .Counter("corvane_sink_alerts_dead_lettered_total",
+                         "Alerts a sink refused for good, moved to its dead-letter file", sink)
+                .SetTotal(static_cast<double>(pump->GetDeadLetteredCount()));
         }
         metrics.Counter("corvane_report_alerts_split_total", "Alerts spooled in parts, too long for one line")
             .SetTotal(static_cast<double>(split_.load()));
@@ -183,6 +265,20 @@ void DataReportTask::PublishMetrics() {
             .Counter("corvane_spool_alerts_dropped_total", "Alerts the spool dropped",
                      {{"reason", "max_bytes"}})
             .SetTotal(static_cast<double>(spool_.GetDroppedEvicted()));
+        metrics
+            .Counter("corvane_spool_alerts_dropped_total", "Alerts the spool dropped",
+                     {{"reason", "damaged"}})
+            .SetTotal(static_cast<double>(spool_.GetDroppedDamaged()));
+        metrics
+            .Counter("corvane_spool_alerts_dropped_total", "Alerts the spool dropped",
+                     {{"reason", "spool_refused"}})
+            .SetTotal(static_cast<double>(heldDropped_.load()));
+        metrics
+            .Counter("corvane_spool_lost_bytes_total",
+                     "Bytes of damaged lines and missing stretches the spool skipped")
+            .SetTotal(static_cast<double>(spool_.GetLostBytes()));
+        metrics.Gauge("corvane_report_alerts_held", "Alerts waiting in memory for a refused spool")
+            .Set(static_cast<double>(heldCount_.load()));
     });
 }
 

@@ -1,15 +1,17 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "AlertSinkPump.h"
 #include "AlertSpool.h"
-#include "report/ReportSettings.h"
 #include "framework/Task.h"
+#include "report/ReportSettings.h"
 
 namespace Agent {
 
@@ -20,6 +22,11 @@ namespace Agent {
 // committed position (AlertSinkPump), so senders only ever enqueue and a
 // stalled sink holds up nothing else. Delivery is at least once: after a crash
 // a sink may see again what it had taken but not yet confirmed.
+//
+// A spool directory that is refused (a link, another user's, open to others)
+// is never written: alerts then wait in memory (up to kHeldBytes, the oldest
+// dropped and counted past it) and the directory is checked again every
+// kReopenSeconds; once it passes, they are spooled and the sinks start.
 class DataReportTask : public Framework::Task {
 public:
     static constexpr const char* kTaskName = "data_comm_report_task";
@@ -27,8 +34,15 @@ public:
     static constexpr unsigned int kQueueCapacity = 65536;
     static constexpr size_t kMaxAlertBytes = 1u << 20;  // a longer alert is split for the spool
     static constexpr size_t kMaxBodyBytes = 64u << 20;  // a longer report is refused
+    static constexpr size_t kHeldBytes = 16u << 20;
+    static constexpr int kReopenSeconds = 10;
 
     explicit DataReportTask(const ReportSettings& settings);
+
+    // Opens the spool, before the task runs. False, with the reason, only when
+    // another agent holds it: this one must not start. A refused directory is
+    // logged and retried later (alerts wait in memory meanwhile).
+    bool OpenSpool(std::string& error);
 
     int Init() override;
     void UnInit() override;
@@ -40,6 +54,8 @@ public:
     uint64_t GetWrittenCount() const { return written_.load(); }  // spooled
     uint64_t GetRefusedCount() const { return refused_.load(); }  // not one JSON document, or too long
     uint64_t GetSplitCount() const { return split_.load(); }      // alerts spooled in parts
+    uint64_t GetHeldCount() const { return heldCount_.load(); }   // waiting in memory for the spool
+    uint64_t GetHeldDroppedCount() const { return heldDropped_.load(); }
     const AlertSpool& GetSpool() const { return spool_; }
     // The pumps, one per sink, with their delivered and failed counts.
     const std::vector<std::unique_ptr<AlertSinkPump>>& GetPumps() const { return pumps_; }
@@ -49,18 +65,30 @@ protected:
 
 private:
     void Take(const Framework::Message& message);
-    void FlushBatch();
+    void FlushBatch(bool last = false);
+    // While the spool is refused: opens it again when due (`now`: whatever the
+    // time), then spools what waited in memory and starts the sinks.
+    void RetrySpool(bool now);
+    void Hold(std::vector<std::string>& lines);
+    void StartPumps();
     // Each sink's delivered and failed counts, the spool's size and drops, for the metrics endpoint.
     void PublishMetrics();
 
     const ReportSettings settings_;
     AlertSpool spool_;
     std::vector<std::unique_ptr<AlertSinkPump>> pumps_;
+    bool pumpsStarted_ = false;
     std::vector<std::string> batch_;
     size_t batchBytes_ = 0;
+    std::deque<std::string> held_;  // while the spool is refused
+    size_t heldBytes_ = 0;
+    std::string spoolRefusal_;  // why, as last logged
+    std::chrono::steady_clock::time_point nextOpen_;
     std::atomic<uint64_t> written_{0};
     std::atomic<uint64_t> refused_{0};
     std::atomic<uint64_t> split_{0};
+    std::atomic<uint64_t> heldCount_{0};
+    std::atomic<uint64_t> heldDropped_{0};
 };
 
 }  // namespace Agent

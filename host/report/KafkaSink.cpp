@@ -13,6 +13,12 @@ namespace {
 
 constexpr rd_kafka_resp_err_t kNoReport = static_cast<rd_kafka_resp_err_t>(-12345);
 
+// Errors about the message itself: no broker will take it later either.
+bool RefusesTheMessage(rd_kafka_resp_err_t error) {
+    return error == RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE || error == RD_KAFKA_RESP_ERR_INVALID_MSG_SIZE ||
+           error == RD_KAFKA_RESP_ERR_INVALID_MSG || error == RD_KAFKA_RESP_ERR_INVALID_RECORD;
+}
+
 // Settings ours by default; a property given in agent.json wins, except the
 // two that make delivery safe.
 const char* const kDefaults[][2] = {
@@ -127,6 +133,9 @@ size_t KafkaSink::Deliver(const std::vector<std::string>& lines, std::string& er
         }
         if (result != RD_KAFKA_RESP_ERR_NO_ERROR) {
             error = std::string("cannot produce: ") + kafka_->err2str(result);
+            if (RefusesTheMessage(result)) {
+                MarkRefusedForGood();
+            }
             pending_ -= lines.size() - produced;
             break;
         }
@@ -142,6 +151,9 @@ size_t KafkaSink::Deliver(const std::vector<std::string>& lines, std::string& er
     if (confirmed < produced) {
         error = std::string(kafka_->err2str(reports_[confirmed])) +
                 (lastError_.empty() ? std::string() : " (" + lastError_ + ")");
+        if (RefusesTheMessage(reports_[confirmed])) {
+            MarkRefusedForGood();
+        }
     }
     return confirmed;
 }

@@ -18,6 +18,9 @@ void ReportModule::ReopenSinks() {
 }
 
 int ReportModule::Init() {
+    if (!task_->OpenSpool(startError_)) {
+        return -1;
+    }
     Framework::Metrics::Instance().AddRefresher(this, [this] {
         Framework::Metrics& metrics = Framework::Metrics::Instance();
         metrics.Counter("corvane_report_alerts_written_total", "Alerts the report task wrote to its sinks")

@@ -3,8 +3,8 @@
 #include <string>
 
 #include "AlertSink.h"
-#include "report/ReportSettings.h"
 #include "TlsLibrary.h"
+#include "report/ReportSettings.h"
 
 namespace Agent {
 

@@ -138,7 +138,10 @@ size_t WebhookSink::Deliver(const std::vector<std::string>& lines, std::string& 
         return lines.size();
     }
     error = "HTTP " + std::to_string(status);
-    if (status >= 400 && status < 500 && status != 408 && status != 429) {
+    if (status == 400 || status == 413 || status == 415 || status == 422) {
+        // The server judged the alerts themselves: the same batch will not pass later.
+        MarkRefusedForGood();
+    } else if (status >= 400 && status < 500 && status != 408 && status != 429) {
         error += " (a configuration error: check the URL, the token and the headers)";
     }
     return 0;

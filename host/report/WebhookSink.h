@@ -17,9 +17,10 @@ namespace Agent {
 // lines or as one JSON array. The bearer token and extra headers come from
 // files (agent.json may be readable by all), re-read for every batch so a
 // rotated token takes effect without a restart. Certificates are verified
-// unless told otherwise. A batch is delivered when the server answers 2xx;
-// a 4xx other than 408 and 429 will not pass by retrying and is reported as a
-// configuration error. libcurl is loaded on first use, like the downloads do.
+// unless told otherwise. A batch is delivered when the server answers 2xx.
+// 400, 413, 415 and 422 refuse the alerts themselves (marked refused for
+// good); another 4xx but 408 and 429 is reported as a configuration error and
+// retried (the token or URL may be fixed). libcurl is loaded on first use.
 class WebhookSink : public AlertSink {
 public:
     explicit WebhookSink(const SinkSettings& settings);

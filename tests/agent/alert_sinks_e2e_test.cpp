@@ -1,5 +1,6 @@
 // The real agent delivering the test module's alerts through the spool to
-// real sinks: nothing accepted is lost across SIGKILL or a full disk.
+// real sinks: nothing accepted is lost across SIGKILL or a full disk; the spool
+// is the agent's alone; one alert a collector refuses holds up nothing.
 #include <glob.h>
 #include <grp.h>
 #include <gtest/gtest.h>
@@ -9,10 +10,12 @@
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -21,6 +24,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/AgentRunner.h"
@@ -409,6 +413,19 @@ std::set<long> Pids(const std::string& text) {
     return pids;
 }
 
+// The agent run to its end (stopped after two minutes) with `args`: exit status and output.
+std::pair<int, std::string> RunAgent(const std::string& args) {
+    std::string out;
+    FILE* pipe = ::popen(
+        ("timeout 120 " + TestSupport::AgentRunner::AgentBinary() + " " + args + " 2>&1").c_str(), "r");
+    char buffer[4096];
+    for (size_t got = 0; pipe != nullptr && (got = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0;) {
+        out.append(buffer, got);
+    }
+    const int status = pipe != nullptr ? ::pclose(pipe) : -1;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
+}
+
 }  // namespace
 
 // A local user hides a process among 60 decoys whose 4,000-byte control-character arguments make
@@ -537,5 +554,66 @@ TEST(AlertSinksEndToEnd, RelpTcpAndTlsDeliverAcrossACollectorRestart) {
             [&] { return Includes(Seqs(Received(dir, input), "gone"), expected); }, kDeadlineMs))
             << input << ": " << Seqs(Received(dir, input), "gone").size() << " of " << expected.size();
     }
+    EXPECT_EQ(agent.Stop(), 0);
+}
+
+TEST(AlertSinksEndToEnd, TheSpoolIsTheAgentsAloneAndAnAlertRefusedFor400HoldsUpNothing) {
+    TestSupport::AgentRunner agent("spool");
+    TestSupport::HttpTestServer server;
+    server.Refuse("/hook", 400, "\"seq\":5,");
+    std::ofstream(agent.prefix() + "/conf/agent.json")
+        << R"({"metrics": {"listen": "127.0.0.1:0"}, "alerts": {"retry_seconds": 1, "retry_max_seconds": 2,
+              "sinks": [{"type": "webhook", "url": ")"
+        << server.Url("/hook") << R"(", "batch": 50}]}})";
+    // Where the spool goes, a local user made a directory of their own.
+    const std::string spool = agent.prefix() + "/var/spool";
+    const std::string sent = agent.prefix() + "/log/sent";
+    std::filesystem::create_directories(spool);
+    ASSERT_EQ(::chown(spool.c_str(), 65534, 65534), 0);
+    agent.WritePolicy("90001", "agent_test_feature",
+                      R"({"enabled": true, "value": "hook", "burst": 5, "sent_log": ")" + sent + "\"}");
+    ASSERT_TRUE(agent.Start({}, {kGood}));
+    EXPECT_TRUE(agent.WaitForLog("alert spool refused: " + spool + ": owned by uid 65534", kDeadlineMs));
+    ASSERT_TRUE(TestSupport::WaitFor([&] { return std::atol(TestSupport::ReadText(sent).c_str()) >= 20; },
+                                     kDeadlineMs));
+    EXPECT_TRUE(std::filesystem::is_empty(spool)) << "the user's directory was written";
+    EXPECT_TRUE(server.Posted("/hook").empty());
+
+    // Once it is root's, what waited in memory goes out, all but the alert the collector refuses for
+    // good.
+    ASSERT_EQ(::chown(spool.c_str(), 0, 0), 0);
+    std::set<long> posted;
+    EXPECT_TRUE(TestSupport::WaitFor([&] { return (posted = PostedSeqs(server, "/hook")).size() >= 40; },
+                                     kDeadlineMs))
+        << agent.ReadLog();
+    EXPECT_TRUE(!posted.empty() && posted.count(5) == 0 && *posted.begin() == 1 &&
+                static_cast<long>(posted.size()) == *posted.rbegin() - 1)
+        << "an alert other than 5 is missing";
+    EXPECT_EQ(Seqs(TestSupport::ReadText(spool + "/webhook.dead"), "hook"), std::set<long>{5});
+    struct stat info {};
+    EXPECT_EQ(::stat(spool.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0700u) << "the spool directory was left open to all";
+    EXPECT_EQ(agent.CountInLog("refused an alert 3 times for good (HTTP 400)"), 1u);
+
+    // A second agent on this spool does not start; a one-shot run beside it keeps to its own alerts.
+    const std::string common = "--prefix " + agent.prefix() + " --module " + kGood + " ";
+    const auto second = RunAgent(common + "--policy-dir " + agent.PolicyDir());
+    EXPECT_EQ(second.first, 2);
+    EXPECT_NE(
+        second.second.find("is in use by another corvane-agent (pid " + std::to_string(agent.pid()) + ")"),
+        std::string::npos)
+        << second.second;
+    const TestSupport::TempDir own("once");
+    own.Write("policies/90001/agent_test_feature.json", Policy("once", 3));
+    const auto once = RunAgent(common + "--once --policy-dir " + own.path() + "/policies --alerts " +
+                               own.path() + "/alerts.json");
+    EXPECT_EQ(once.first, 0) << once.second;
+    EXPECT_EQ(Seqs(TestSupport::ReadText(own.path() + "/alerts.json"), "once").size(), 3u);
+    std::string service = SpoolText(agent.prefix()) + TestSupport::ReadText(agent.AlertsPath());
+    for (const std::string& body : server.Posted("/hook")) {
+        service += body;
+    }
+    EXPECT_TRUE(Seqs(service, "once").empty()) << "the one-shot run wrote to the service's spool or sinks";
+    EXPECT_EQ(agent.CountInLog("metrics served on port"), 1u) << "the one-shot run bound a metrics port";
     EXPECT_EQ(agent.Stop(), 0);
 }

@@ -7,18 +7,23 @@
 
 #include <Poco/File.h>
 
+#include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "AlertFileSink.h"
+#include "AlertSinkPump.h"
 #include "AlertSpool.h"
 #include "SiemEnvelope.h"
 #include "support/FileText.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
+#include "support/WaitFor.h"
 
 namespace {
 
@@ -39,22 +44,35 @@ std::vector<std::string> Lines(int first, int last) {
     return lines;
 }
 
-// Everything `sink` can read from its cursor, committed as read.
+// Everything `sink` can read from its cursor, committed as read. A read that
+// neither returns lines nor moves must be at the end: anything else would spin.
 std::vector<std::string> Drain(Agent::AlertSpool& spool, const std::string& sink) {
     std::vector<std::string> all;
     uint64_t cursor = spool.LoadCursor(sink);
     for (;;) {
         std::vector<std::string> lines;
-        const uint64_t after = spool.Read(cursor, 7, 1 << 20, lines);
-        if (lines.empty()) {
+        uint64_t from = cursor;
+        EXPECT_TRUE(spool.Read(from, 7, 1 << 20, lines));
+        if (lines.empty() && from == cursor) {
+            EXPECT_GE(cursor, spool.GetEnd()) << "a read that goes nowhere before the end";
             return all;
+        }
+        for (const std::string& line : lines) {
+            from += line.size();
         }
         all.insert(all.end(), lines.begin(), lines.end());
         std::string error;
-        EXPECT_TRUE(spool.SaveCursor(sink, after, error)) << error;
-        cursor = after;
+        EXPECT_TRUE(spool.SaveCursor(sink, from, error)) << error;
+        cursor = from;
     }
 }
+
+Agent::AlertSpool::OpenResult Open(Agent::AlertSpool& spool) {
+    std::string error;
+    return spool.Open(error);
+}
+
+constexpr auto kOpen = Agent::AlertSpool::OpenResult::kOpen;
 
 }  // namespace
 
@@ -63,8 +81,7 @@ TEST(AlertSpool, EachSinkResumesFromItsCommittedLineAcrossRestartsAndTornTails) 
     const std::string spoolDir = dir.path() + "/spool";
     {
         Agent::AlertSpool spool(spoolDir, 64 << 20);
-        std::string error;
-        ASSERT_TRUE(spool.Open(error)) << error;
+        ASSERT_EQ(Open(spool), kOpen);
         spool.LoadCursor("fast");
         spool.LoadCursor("slow");
         ASSERT_TRUE(spool.Append(Lines(1, 10)));
@@ -82,8 +99,7 @@ TEST(AlertSpool, EachSinkResumesFromItsCommittedLineAcrossRestartsAndTornTails) 
     ::close(fd);
 
     Agent::AlertSpool spool(spoolDir, 64 << 20);
-    std::string error;
-    ASSERT_TRUE(spool.Open(error)) << error;
+    ASSERT_EQ(Open(spool), kOpen);
     ASSERT_TRUE(spool.Append(Lines(13, 13)));
     EXPECT_EQ(Drain(spool, "fast"), Lines(11, 13));
     EXPECT_EQ(Drain(spool, "slow"), Lines(1, 13));
@@ -95,8 +111,7 @@ TEST(AlertSpool, OverMaxBytesTheOldestUndeliveredAlertsAreDroppedCountedAndLogge
     TestSupport::LogCapture log("agent");
     // 128 KiB segments; a 1 MiB limit holds about 21,000 of these 48-byte lines.
     Agent::AlertSpool spool(dir.path() + "/spool", 1 << 20);
-    std::string error;
-    ASSERT_TRUE(spool.Open(error)) << error;
+    ASSERT_EQ(Open(spool), kOpen);
     spool.LoadCursor("down");
     for (int round = 0; round < 40; ++round) {
         ASSERT_TRUE(spool.Append(Lines(round * 1000, round * 1000 + 999)));
@@ -110,6 +125,150 @@ TEST(AlertSpool, OverMaxBytesTheOldestUndeliveredAlertsAreDroppedCountedAndLogge
     EXPECT_EQ(log.Count("every sink caught up; " + std::to_string(spool.GetDroppedEvicted()) +
                         " alerts were dropped"),
               1u);
+}
+
+TEST(AlertSpool, DamageIsSkippedWithItsPlaceAndSizeLoggedAndEveryOtherPendingAlertDelivered) {
+    // 6,000 pending alerts of 34 bytes, spooled 100 at a time into 64 KiB segments:
+    // lines 1-2000 in the first segment, 2001-4000 in the second (at offset 68000), 4001-6000 after.
+    const char* first = "/00000000000000000000.seg";
+    const char* second = "/00000000000000068000.seg";
+    const char* pos = "/down.pos";
+    const char* third = "/00000000000000136000.seg";
+    const std::string nul(4, '\0');  // into line 500 (at 16966)
+    const std::string overlong = std::string(1200000, 'x') + "\n" + Line(4001);
+    struct Damage {
+        const char* file;
+        long at;  // where the text goes; without text: the size cut to, or < 0 to remove the file
+        std::string text = "";  // written over what is there
+    };
+    const struct {
+        const char* what;
+        bool live;  // damaged while the spool is open, else between two runs
+        std::vector<Damage> damage;
+        int lostFirst, lostLast;
+        uint64_t lostBytes;
+        const char* logged;
+    } cases[] = {
+        {"cut", false, {{first, 3420}}, 101, 2000, 64600, "middle of a line; 20 bytes (1 alert"},
+        {"cut while open", true, {{first, 3420}}, 101, 2000, 64600, "line; 64600 bytes (1 alert"},
+        {"garbled", false, {{first, 16976, nul}}, 500, 500, 34, "document; 34 bytes (1 alert"},
+        {"run together while open", true, {{first, 23799, " "}}, 700, 701, 68, "document; 68 bytes (1 alert"},
+        {"segment gone", false, {{second, -1}}, 2001, 4000, 68000, "or cut short); 68000 bytes"},
+        {"segment gone while open", true, {{second, -1}}, 2001, 4000, 68000, "was removed; 68000 bytes"},
+        {"overlong line",
+         false,
+         {{third, 0, overlong}},
+         4002,
+         6000,
+         1200001,
+         "any alert line; 1200001 bytes"},
+        {"position gone", false, {{pos, -1}}, 0, -1, 0, "down.pos is missing"},
+        {"position past the end", false, {{pos, 0, "999999\n"}}, 0, -1, 0, "points past the end"},
+        {"pos in a gap", false, {{second, -1}, {pos, 0, "68340\n"}}, 2001, 4000, 68000, "stretch missing"},
+        {"position mid-line", false, {{pos, 0, "345\n"}}, 0, -1, 0, "does not point at the start of a line"},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.what);
+        TestSupport::TempDir dir;
+        TestSupport::LogCapture log("agent");
+        const std::string spoolDir = dir.path() + "/spool";
+        auto spool = std::make_unique<Agent::AlertSpool>(spoolDir, 512 << 10);
+        ASSERT_EQ(Open(*spool), kOpen);
+        spool->LoadCursor("down");
+        for (int index = 1; index <= 6000; index += 100) {
+            ASSERT_TRUE(spool->Append(Lines(index, index + 99)));
+        }
+        if (!test.live) {
+            spool.reset();
+        }
+        for (const Damage& damage : test.damage) {
+            const std::string path = spoolDir + damage.file;
+            const int fd = ::open(path.c_str(), O_WRONLY);
+            EXPECT_EQ(damage.at < 0 ? std::remove(path.c_str())
+                      : damage.text.empty()
+                          ? ::ftruncate(fd, damage.at)
+                          : ::pwrite(fd, damage.text.data(), damage.text.size(), damage.at) -
+                                static_cast<ssize_t>(damage.text.size()),
+                      0);
+            ::close(fd);
+        }
+        if (!test.live) {
+            spool = std::make_unique<Agent::AlertSpool>(spoolDir, 512 << 10);
+            ASSERT_EQ(Open(*spool), kOpen);
+        }
+        std::vector<std::string> expected = Lines(1, 6000);
+        if (test.lostFirst > 0) {
+            expected.erase(expected.begin() + test.lostFirst - 1, expected.begin() + test.lostLast);
+        }
+        EXPECT_TRUE(Drain(*spool, "down") == expected)
+            << "not every other pending alert came, once, in order";
+        EXPECT_EQ(spool->GetLostBytes(), test.lostBytes);
+        EXPECT_EQ(log.Count(test.logged), 1u);
+    }
+}
+
+TEST(AlertSpool, ASymlinkedDirectoryIsRefusedAndNotWrittenThrough) {
+    TestSupport::TempDir dir;
+    ASSERT_EQ(::symlink(dir.path().c_str(), (dir.path() + "/spool").c_str()), 0);
+    Agent::AlertSpool spool(dir.path() + "/spool", 1 << 20);
+    std::string error;
+    EXPECT_EQ(spool.Open(error), Agent::AlertSpool::OpenResult::kRefused);
+    EXPECT_NE(error.find("is a symbolic link"), std::string::npos) << error;
+    EXPECT_FALSE(spool.Append(Lines(1, 1)));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1)
+        << "written through the link";
+}
+
+namespace {
+
+// A destination that judges content: a batch holding `poison` is refused for good.
+struct StrictSink : Agent::AlertSink {
+    explicit StrictSink(std::string poison) : poison(std::move(poison)) {}
+    size_t Deliver(const std::vector<std::string>& lines, std::string& error) override {
+        for (const std::string& line : lines) {
+            if (line.find(poison) != std::string::npos) {
+                error = "HTTP 400";
+                MarkRefusedForGood();
+                return 0;
+            }
+        }
+        got.insert(got.end(), lines.begin(), lines.end());
+        return lines.size();
+    }
+    std::string Describe() const override { return "strict"; }
+    size_t MaxBatch() const override { return 8; }
+
+    const std::string poison;
+    std::vector<std::string> got;  // read once the pump stopped
+};
+
+}  // namespace
+
+TEST(AlertSinkPump, AnAlertRefusedForGoodGoesToTheDeadLetterFileUnlessItIsFull) {
+    TestSupport::TempDir dir;
+    TestSupport::LogCapture log("agent");
+    Agent::AlertSpool spool(dir.path() + "/spool", 1 << 20);
+    ASSERT_EQ(Open(spool), kOpen);
+    const Agent::AlertSinkPump::Timing quick{std::chrono::milliseconds(1), std::chrono::milliseconds(5)};
+    auto* strict = new StrictSink("\"0007\"");
+    auto* blocked = new StrictSink("\"0007\"");
+    Agent::AlertSinkPump pump("strict", std::unique_ptr<Agent::AlertSink>(strict), nullptr, spool, quick);
+    Agent::AlertSinkPump full("blocked", std::unique_ptr<Agent::AlertSink>(blocked), nullptr, spool, quick,
+                              10);
+    pump.Start();
+    full.Start();
+    ASSERT_TRUE(spool.Append(Lines(1, 20)));
+    EXPECT_TRUE(TestSupport::WaitFor(
+        [&] { return pump.GetDeliveredCount() == 19 && log.Contains("blocked.dead is full"); }));
+    pump.Stop(std::chrono::milliseconds(0));
+    full.Stop(std::chrono::milliseconds(0));
+    std::vector<std::string> expected = Lines(1, 20);
+    expected.erase(expected.begin() + 6);
+    EXPECT_EQ(strict->got, expected);
+    EXPECT_EQ(TestSupport::ReadText(dir.path() + "/spool/strict.dead"), Line(7));
+    EXPECT_EQ(pump.GetDeadLetteredCount(), 1u);
+    EXPECT_EQ(log.Count("refused an alert 3 times for good (HTTP 400); moved it to"), 1u);
+    EXPECT_EQ(blocked->got, Lines(1, 6)) << "a full dead-letter file holds the sink at the line";
 }
 
 TEST(AlertFileSink, AppendsPrivateLinesAndRotatesKeepingTheNewest) {
@@ -162,7 +321,10 @@ TEST(AlertFileSink, ReopensAfterLogrotateAndRefusesLinksAndForeignFiles) {
          },
          "owned by uid 1234"},
         {"open directory", [&] { ::chmod(dir.path().c_str(), 0777); }, "writable by everyone"},
+        {"hard link", [&] { ::link((dir.path() + "/outside").c_str(), path.c_str()); }, "has 2 hard links"},
     };
+    std::ofstream(dir.path() + "/outside") << "";
+    ::chmod((dir.path() + "/outside").c_str(), 0644);
     for (const Case& test : cases) {
         ::chmod(dir.path().c_str(), 0700);
         std::remove(path.c_str());
@@ -172,6 +334,7 @@ TEST(AlertFileSink, ReopensAfterLogrotateAndRefusesLinksAndForeignFiles) {
         EXPECT_NE(error.find(test.reason), std::string::npos) << test.what << ": " << error;
     }
     EXPECT_FALSE(Poco::File(dir.path() + "/target").exists()) << "written through a link";
+    EXPECT_EQ(Poco::File(dir.path() + "/outside").getSize(), 0u) << "written through a hard link";
 }
 
 TEST(SiemEnvelope, WrapsTheAlertByteForByteWithEcsFieldsAndNamedFlags) {

@@ -110,7 +110,7 @@ TEST(AlertSize, ASyslogSocketGetsAnAlertTooLongForItInEnvelopedPartsCountedOnlyO
                                            Agent::DataReportTask::kMaxAlertBytes, spooled, error))
         << error;
     Agent::AlertSpool spool(dir.path() + "/spool", 64 << 20);
-    ASSERT_TRUE(spool.Open(error)) << error;
+    ASSERT_EQ(spool.Open(error), Agent::AlertSpool::OpenResult::kOpen) << error;
     Agent::SinkSettings settings;
     settings.type = "syslog";
     settings.socket = path;

@@ -36,10 +36,17 @@ public:
             const std::string path = request.getURI();
             ++state_->requests[path];
             auto failure = state_->failures.find(path);
+            const auto refusal = state_->refusals.find(path);
+            int status = 0;
             if (failure != state_->failures.end() && failure->second.second > 0) {
                 --failure->second.second;
-                response.setStatusAndReason(
-                    static_cast<Poco::Net::HTTPResponse::HTTPStatus>(failure->second.first));
+                status = failure->second.first;
+            } else if (refusal != state_->refusals.end() &&
+                       posted.find(refusal->second.second) != std::string::npos) {
+                status = refusal->second.first;
+            }
+            if (status != 0) {
+                response.setStatusAndReason(static_cast<Poco::Net::HTTPResponse::HTTPStatus>(status));
                 response.send() << "failing on purpose";
                 return;
             }
@@ -140,6 +147,11 @@ std::string HttpTestServer::Url(const std::string& path) const {
 void HttpTestServer::Fail(const std::string& path, int status, int count) {
     std::lock_guard<std::mutex> lock(state_->mutex);
     state_->failures[path] = {status, count};
+}
+
+void HttpTestServer::Refuse(const std::string& path, int status, const std::string& needle) {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->refusals[path] = {status, needle};
 }
 
 std::vector<std::string> HttpTestServer::Posted(const std::string& path) const {

@@ -34,6 +34,9 @@ public:
 
     // The next `count` requests to `path` are answered `status`.
     void Fail(const std::string& path, int status, int count);
+    // Every POST to `path` whose body holds `needle` is answered `status`, as a strict collector refuses
+    // content.
+    void Refuse(const std::string& path, int status, const std::string& needle);
 
     std::string Url(const std::string& path) const;
     int Requests(const std::string& path) const;
@@ -49,7 +52,8 @@ public:
         std::map<std::string, std::string> redirects;
         std::map<std::string, int> requests;
         std::set<std::string> chunked;
-        std::map<std::string, std::pair<int, int>> failures;  // status, count left
+        std::map<std::string, std::pair<int, int>> failures;          // status, count left
+        std::map<std::string, std::pair<int, std::string>> refusals;  // status, needle
         std::map<std::string, std::vector<std::string>> posted;
         std::map<std::string, std::string> authorization;
     };

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include "framework/Module.h"
 #include "report/ReportSettings.h"
 
@@ -16,14 +18,19 @@ public:
     explicit ReportModule(const ReportSettings& settings);
     ~ReportModule() override;
 
-    // Registers "data_comm_report_task". Returns 0, or -1 when the engine refused it.
+    // Opens the alert spool and registers "data_comm_report_task". Returns 0,
+    // or -1 when another agent holds the spool or the engine refused the task.
     int Init() override;
 
     // The file sinks reopen their files (SIGUSR1, after logrotate moved them).
     void ReopenSinks();
+    DataReportTask* GetTask() const { return task_; }
+    // Why Init failed when another agent holds the spool.
+    const std::string& GetStartError() const { return startError_; }
 
 private:
     DataReportTask* task_;  // one reference, released in the destructor
+    std::string startError_;
 };
 
 }  // namespace Agent
