@@ -216,6 +216,21 @@ void LiveProcTable::RereadCompared(const std::vector<int>& compared) {
         auto reread = std::make_shared<ProcsMessage::procInfo>(record);
         ProcRecordParser::FillStatus(buffers.status.View(), *reread);
         reread->cmdline = cmdline;
+        // An exec shows its new program before it commits the new credentials, so a
+        // link read after the status names the program those credentials came with.
+        // A process that executed since its record was read is read whole, so that
+        // its record never pairs one program's path with another's credentials.
+        std::string path;
+        if (scanner_->ReadExeLink(pid, path) == 0 && path != record.exePath) {
+            ProcsMessage::procInfo whole;
+            if (!scanner_->ReadRecord(pid, ProcFsReader::kAll, whole) ||
+                whole.startTime != record.startTime) {
+                continue;  // gone, or its pid went to another process: the next refresh sees it
+            }
+            whole.parentExePath = record.parentExePath;
+            whole.parentStartTime = record.parentStartTime;
+            *reread = std::move(whole);
+        }
         if (!fresh) {
             fresh = std::make_shared<ProcsMap>(*current);
         }

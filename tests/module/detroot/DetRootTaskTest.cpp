@@ -22,8 +22,6 @@ using Engine::ProcDetRootFullTask;
 
 class DetRootTaskTest : public ::testing::Test {
 protected:
-    ~DetRootTaskTest() override { task_->release(); }
-
     void Fork(const ProcInfoPtr& record) {
         task_->ProcsMessageAction(record->pid, Engine::PROCS_EVENT_FORK, record);
     }
@@ -53,11 +51,21 @@ protected:
         return alerts.empty() ? -1 : alerts.back()["alarm_type"].asInt();
     }
 
+    // Released once the engine has stopped its tasks: a subscription that Init or UnInit
+    // sent may still wait in the fake event task's queue, naming this task.
+    struct ReleasedLast {
+        ProcDetRootFullTask* task = nullptr;
+        ~ReleasedLast() {
+            if (task != nullptr) {
+                task->release();
+            }
+        }
+    } owner_;
     TestSupport::TestEngine engine_;
     TestSupport::LogCapture log_{"proc_det_module"};
     FakeProcRoot proc_;
     TestSupport::TempDir bin_{"detroot_bin"};
-    ProcDetRootFullTask* task_ = new ProcDetRootFullTask();
+    ProcDetRootFullTask* task_ = owner_.task = new ProcDetRootFullTask();
     size_t alarms_ = 0;
 };
 
