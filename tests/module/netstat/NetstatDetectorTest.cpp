@@ -232,21 +232,6 @@ TEST_F(NetstatDetectorTest, ProcNetTcpNotesAddresses) {
     EXPECT_EQ(Peer::WatchedInodes(detector), watched);
 }
 
-TEST_F(NetstatDetectorTest, Prepare2FindsARealConnectionOfThisProcess) {
-    sockaddr_in address{};
-    const int listener = NetstatTest::Listen("127.0.0.2", address);
-    const int client = NetstatTest::Connect(address);
-    ASSERT_GE(client, 0);
-
-    detector.SetBlackip({Ip("127.0.0.2")});
-    ASSERT_TRUE(detector.Prepare2());
-    Verdict v = Check(detector, self);
-    EXPECT_EQ(v.flags, Engine::CONNECT_BIP);
-    EXPECT_EQ(v.num["dt_bip"], Ip("127.0.0.2"));
-    close(client);
-    close(listener);
-}
-
 TEST(NetstatWithoutHostTest, NoConnectionTableFlagsNothing) {
     ProcDetNetstat detector;
     detector.SetBlackip({Ip("10.0.0.8")});
