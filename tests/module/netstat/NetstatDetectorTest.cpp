@@ -52,13 +52,6 @@ private:
     std::vector<long> inodes_;
 };
 
-Engine::ProcRecord Proc(int pid) {
-    auto proc = std::make_shared<Engine::ProcsMessage::procInfo>();
-    proc->pid = pid;
-    proc->exePath = "/usr/bin/test";
-    return proc;
-}
-
 struct Verdict {
     unsigned int flags = 0;
     Engine::NumDetails num;
@@ -69,7 +62,7 @@ struct Verdict {
 Verdict Check(ProcDetNetstat& detector, int pid, unsigned int flags = 0) {
     Verdict v;
     v.flags = flags;
-    v.result = detector.CheckProcess(Proc(pid), v.flags, v.num, v.str);
+    v.result = detector.CheckProcess(TestSupport::MakeProc(pid, "/usr/bin/test"), v.flags, v.num, v.str);
     return v;
 }
 
