@@ -18,23 +18,8 @@ namespace {
 
 using TestSupport::AgentRunner;
 
-struct Outcome {
-    int status = -1;
-    std::string out;
-};
-
-Outcome RunAgent(const std::string& args) {
-    Outcome outcome;
-    FILE* pipe = ::popen((AgentRunner::AgentBinary() + " " + args + " 2>/dev/null").c_str(), "r");
-    char buffer[4096];
-    size_t got = 0;
-    while (pipe != nullptr && (got = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0) {
-        outcome.out.append(buffer, got);
-    }
-    const int raw = pipe != nullptr ? ::pclose(pipe) : -1;
-    outcome.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    return outcome;
-}
+using Outcome = AgentRunner::Outcome;
+const auto RunAgent = AgentRunner::RunToEnd;
 
 // Whether some line of `text` starts with `start` and holds `part`.
 bool HasLine(const std::string& text, const std::string& start, const std::string& part) {

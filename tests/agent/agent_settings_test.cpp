@@ -25,13 +25,6 @@ bool Mentions(const std::vector<ConfigProblem>& problems, const std::string& nee
 
 }  // namespace
 
-TEST(AgentSettings, ShippedConfigurationIsClean) {
-    Agent::AgentSettings settings;
-    const std::vector<ConfigProblem> problems =
-        Agent::AgentSettings::LoadFile(std::string(CORVANE_SOURCE_DIR) + "/conf/agent.json", settings);
-    EXPECT_TRUE(problems.empty()) << problems.front().what;
-}
-
 TEST(AgentSettingsParser, BadValuesKeepTheirDefaultsAndAreNamed) {
     Agent::AgentSettings settings;
     const std::vector<ConfigProblem> problems = Agent::AgentSettingsParser::Parse(R"({

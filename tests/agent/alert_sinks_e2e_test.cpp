@@ -413,18 +413,7 @@ std::set<long> Pids(const std::string& text) {
     return pids;
 }
 
-// The agent run to its end (stopped after two minutes) with `args`: exit status and output.
-std::pair<int, std::string> RunAgent(const std::string& args) {
-    std::string out;
-    FILE* pipe = ::popen(
-        ("timeout 120 " + TestSupport::AgentRunner::AgentBinary() + " " + args + " 2>&1").c_str(), "r");
-    char buffer[4096];
-    for (size_t got = 0; pipe != nullptr && (got = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0;) {
-        out.append(buffer, got);
-    }
-    const int status = pipe != nullptr ? ::pclose(pipe) : -1;
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
-}
+const auto RunAgent = TestSupport::AgentRunner::RunToEnd;
 
 }  // namespace
 
@@ -598,16 +587,15 @@ TEST(AlertSinksEndToEnd, TheSpoolIsTheAgentsAloneAndAnAlertRefusedFor400HoldsUpN
     // A second agent on this spool does not start; a one-shot run beside it keeps to its own alerts.
     const std::string common = "--prefix " + agent.prefix() + " --module " + kGood + " ";
     const auto second = RunAgent(common + "--policy-dir " + agent.PolicyDir());
-    EXPECT_EQ(second.first, 2);
-    EXPECT_NE(
-        second.second.find("is in use by another corvane-agent (pid " + std::to_string(agent.pid()) + ")"),
-        std::string::npos)
-        << second.second;
+    EXPECT_EQ(second.status, 2);
+    EXPECT_NE(second.out.find("is in use by another corvane-agent (pid " + std::to_string(agent.pid()) + ")"),
+              std::string::npos)
+        << second.out;
     const TestSupport::TempDir own("once");
     own.Write("policies/90001/agent_test_feature.json", Policy("once", 3));
     const auto once = RunAgent(common + "--once --policy-dir " + own.path() + "/policies --alerts " +
                                own.path() + "/alerts.json");
-    EXPECT_EQ(once.first, 0) << once.second;
+    EXPECT_EQ(once.status, 0) << once.out;
     EXPECT_EQ(Seqs(TestSupport::ReadText(own.path() + "/alerts.json"), "once").size(), 3u);
     std::string service = SpoolText(agent.prefix()) + TestSupport::ReadText(agent.AlertsPath());
     for (const std::string& body : server.Posted("/hook")) {

@@ -7,14 +7,11 @@
 
 #include "KeptStatFiles.h"
 #include "sdk/CpuCalcUtils.h"
-#include "sdk/ProcessUtils.h"
 #include "support/ChildProcess.h"
-#include "support/TempDir.h"
 
 namespace {
 
 using TestSupport::ChildProcess;
-using TestSupport::TempDir;
 
 long long ClockMs(clockid_t clock) {
     struct timespec ts {};
@@ -72,29 +69,6 @@ TEST(CpuCalcUtils, BusyAndIdleChildren) {
     EXPECT_FALSE(calc.GetCpuUsage(usage)) << "the process is gone";
     EXPECT_FALSE(calc.Init(busy.pid()));
     EXPECT_EQ(files.GetOpenCount(), kept - 1) << "the file of a reaped process is closed at its next read";
-}
-
-TEST(CpuCalcUtils, LifetimeAverageAndPidReuse) {
-    TempDir root;
-    const long hz = sysconf(_SC_CLK_TCK);
-    // Started 50 s after boot, now 100 s after boot, 25 s of CPU: half a CPU.
-    auto writeStat = [&](long startTicks) {
-        root.Write("20/stat", "20 (job) R 1 20 20 0 -1 0 0 0 0 0 " + std::to_string(20 * hz) + " " +
-                                  std::to_string(5 * hz) + " 0 0 20 0 1 0 " + std::to_string(startTicks));
-    };
-    writeStat(50 * hz);
-    root.Write("uptime", "100.00 150.00\n");
-
-    SDK::ProcessUtils::SetProcRoot(root.path());
-    SDK::CpuCalcUtils calc;
-    int usage = 0;
-    ASSERT_TRUE(calc.Init(20));
-    ASSERT_TRUE(calc.GetCpuUsage(usage));
-    EXPECT_EQ(usage, 5000);
-    // The pid now names a process started later.
-    writeStat(60 * hz);
-    EXPECT_FALSE(calc.GetCpuUsage(usage));
-    SDK::ProcessUtils::SetProcRoot("/proc");
 }
 
 }  // namespace

@@ -83,6 +83,18 @@ std::string AgentRunner::AgentBinary() {
     return BuildDir() + "/bin/corvane-agent";
 }
 
+AgentRunner::Outcome AgentRunner::RunToEnd(const std::string& args) {
+    Outcome outcome;
+    FILE* pipe = ::popen(("timeout 120 " + AgentBinary() + " " + args + " 2>&1").c_str(), "r");
+    char buffer[4096];
+    for (size_t got = 0; pipe != nullptr && (got = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0;) {
+        outcome.out.append(buffer, got);
+    }
+    const int status = pipe != nullptr ? ::pclose(pipe) : -1;
+    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return outcome;
+}
+
 std::string AgentRunner::ModulePath(const std::string& fileName) {
     return BuildDir() + "/module/" + fileName;
 }

@@ -71,6 +71,14 @@ public:
     // Lines with `needle` before the first with `marker` (all of them when there is none).
     size_t CountInLogBefore(const std::string& needle, const std::string& marker) const;
 
+    // Runs the agent with `args` to its end (stopped after two minutes): exit status
+    // (-1 when killed) and what it wrote to stdout and stderr.
+    struct Outcome {
+        int status = -1;
+        std::string out;
+    };
+    static Outcome RunToEnd(const std::string& args);
+
     // Paths in the build tree.
     static std::string BuildDir();
     static std::string AgentBinary();

@@ -100,14 +100,16 @@ TEST(DetectorsTest, CpuThresholdAndForgottenPids) {
 }
 
 // A busy process that took the pid of an idle one between two cycles is measured
-// from its own first sample (the average over its life), not compared with the
-// calculator of the process before it.
+// from its own first sample (the average over its life, user and system time), not
+// compared with the calculator of the process before it.
 TEST(DetectorsTest, CpuOfAReusedPidIsMeasuredAfresh) {
     const TestSupport::TempDir root("cpu_proc");
     const long hz = sysconf(_SC_CLK_TCK);
     auto writeStat = [&](long startSeconds, long cpuSeconds) {
-        root.Write("20/stat", "20 (job) R 1 20 20 0 -1 0 0 0 0 0 " + std::to_string(cpuSeconds * hz) +
-                                  " 0 0 0 20 0 1 0 " + std::to_string(startSeconds * hz));
+        // Half user, half system time: either alone stays under the threshold.
+        root.Write("20/stat", "20 (job) R 1 20 20 0 -1 0 0 0 0 0 " + std::to_string(cpuSeconds * hz / 2) +
+                                  " " + std::to_string(cpuSeconds * hz - cpuSeconds * hz / 2) +
+                                  " 0 0 20 0 1 0 " + std::to_string(startSeconds * hz));
     };
     root.Write("uptime", "100.00 150.00\n");
     SDK::ProcessUtils::SetProcRoot(root.path());

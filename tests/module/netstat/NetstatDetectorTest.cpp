@@ -52,13 +52,6 @@ private:
     std::vector<long> inodes_;
 };
 
-Engine::ProcRecord Proc(int pid) {
-    auto proc = std::make_shared<Engine::ProcsMessage::procInfo>();
-    proc->pid = pid;
-    proc->exePath = "/usr/bin/test";
-    return proc;
-}
-
 struct Verdict {
     unsigned int flags = 0;
     Engine::NumDetails num;
@@ -69,7 +62,7 @@ struct Verdict {
 Verdict Check(ProcDetNetstat& detector, int pid, unsigned int flags = 0) {
     Verdict v;
     v.flags = flags;
-    v.result = detector.CheckProcess(Proc(pid), v.flags, v.num, v.str);
+    v.result = detector.CheckProcess(TestSupport::MakeProc(pid, "/usr/bin/test"), v.flags, v.num, v.str);
     return v;
 }
 
@@ -230,21 +223,6 @@ TEST_F(NetstatDetectorTest, ProcNetTcpNotesAddresses) {
     // Here the watched value is the remote address, not the port.
     const std::map<long, unsigned int> watched = {{12092, static_cast<unsigned int>(Ip("10.255.255.1"))}};
     EXPECT_EQ(Peer::WatchedInodes(detector), watched);
-}
-
-TEST_F(NetstatDetectorTest, Prepare2FindsARealConnectionOfThisProcess) {
-    sockaddr_in address{};
-    const int listener = NetstatTest::Listen("127.0.0.2", address);
-    const int client = NetstatTest::Connect(address);
-    ASSERT_GE(client, 0);
-
-    detector.SetBlackip({Ip("127.0.0.2")});
-    ASSERT_TRUE(detector.Prepare2());
-    Verdict v = Check(detector, self);
-    EXPECT_EQ(v.flags, Engine::CONNECT_BIP);
-    EXPECT_EQ(v.num["dt_bip"], Ip("127.0.0.2"));
-    close(client);
-    close(listener);
 }
 
 TEST(NetstatWithoutHostTest, NoConnectionTableFlagsNothing) {

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "StringsTestSupport.h"
+#include "support/FakeProcsFullTask.h"
 #include "support/LogCapture.h"
 
 namespace {
@@ -15,6 +16,7 @@ using Engine::ProcDetStrings;
 using Engine::ProcDetStringsPeer;
 using StringsTest::Elf;
 using StringsTest::TempDir;
+using TestSupport::MakeProc;
 
 constexpr long kNoLimit = 1L << 30;
 
@@ -98,13 +100,6 @@ TEST_F(StringsCacheTest, FinishDropsLongUnusedEntriesNowAndThen) {
     EXPECT_EQ(cache.count("/old"), 1u) << "cleaned again right away";
 }
 
-Engine::ProcRecord Record(int pid, const std::string& exePath) {
-    auto proc = std::make_shared<Engine::ProcsMessage::procInfo>();
-    proc->pid = pid;
-    proc->exePath = exePath;
-    return proc;
-}
-
 TEST_F(StringsCacheTest, CheckProcessSearchesTheExecutableFirst) {
     const std::string exe = dir.Write("prog", Elf("\nbb\naa\n"));
     Engine::NumDetails numDetails;
@@ -112,14 +107,14 @@ TEST_F(StringsCacheTest, CheckProcessSearchesTheExecutableFirst) {
 
     // Not flagged by the mask: untouched and nothing read.
     unsigned int flags = 0x01;
-    EXPECT_TRUE(detector.CheckProcess(Record(getpid(), exe), flags, numDetails, strDetails));
+    EXPECT_TRUE(detector.CheckProcess(MakeProc(getpid(), exe), flags, numDetails, strDetails));
     EXPECT_EQ(flags, 0x01u);
     EXPECT_TRUE(strDetails.empty());
     EXPECT_FALSE(log.Contains("CHECK file"));
 
     // A hit in the executable: mapped files are not examined.
     flags = 0x20;
-    EXPECT_TRUE(detector.CheckProcess(Record(getpid(), exe), flags, numDetails, strDetails));
+    EXPECT_TRUE(detector.CheckProcess(MakeProc(getpid(), exe), flags, numDetails, strDetails));
     EXPECT_EQ(flags, 0x60u);
     EXPECT_EQ(strDetails, (Engine::StrDetails{{"dt_strings", "aa,bb"}}));
     EXPECT_TRUE(log.Contains("Strings pid:" + std::to_string(getpid()) + " path:" + exe + " str:aa,bb"));
@@ -133,7 +128,7 @@ TEST_F(StringsCacheTest, CheckProcessSearchesTheExecutableFirst) {
     log.Clear();
     flags = 0x60;
     strDetails.clear();
-    EXPECT_TRUE(detector.CheckProcess(Record(getpid(), plain), flags, numDetails, strDetails));
+    EXPECT_TRUE(detector.CheckProcess(MakeProc(getpid(), plain), flags, numDetails, strDetails));
     EXPECT_TRUE(strDetails.empty());
     EXPECT_FALSE(log.Contains("try to check SOFILE"));
 
@@ -141,7 +136,7 @@ TEST_F(StringsCacheTest, CheckProcessSearchesTheExecutableFirst) {
     log.Clear();
     flags = 0x24;
     strDetails.clear();
-    EXPECT_TRUE(detector.CheckProcess(Record(getpid(), exe + " (deleted)"), flags, numDetails, strDetails));
+    EXPECT_TRUE(detector.CheckProcess(MakeProc(getpid(), exe + " (deleted)"), flags, numDetails, strDetails));
     const std::string link = "/proc/" + std::to_string(getpid()) + "/exe";
     EXPECT_EQ(ProcDetStringsPeer::Cache(detector).count(link), 1u);
     EXPECT_TRUE(log.Contains("CHECK file " + link));
@@ -149,12 +144,13 @@ TEST_F(StringsCacheTest, CheckProcessSearchesTheExecutableFirst) {
     // An executable that cannot be stat'ed or is over the limit ends the examination.
     log.Clear();
     flags = 0x20;
-    EXPECT_TRUE(detector.CheckProcess(Record(getpid(), dir.path() + "/gone"), flags, numDetails, strDetails));
+    EXPECT_TRUE(
+        detector.CheckProcess(MakeProc(getpid(), dir.path() + "/gone"), flags, numDetails, strDetails));
     EXPECT_EQ(flags, 0x20u);
     EXPECT_TRUE(log.Contains("get stat of [" + dir.path() + "/gone" + "] failed."));
     EXPECT_FALSE(log.Contains("try to check SOFILE"));
     detector.Init({"aa"}, 10, 0x20, StringsTest::ModuleLogger());
-    EXPECT_TRUE(detector.CheckProcess(Record(getpid(), exe), flags, numDetails, strDetails));
+    EXPECT_TRUE(detector.CheckProcess(MakeProc(getpid(), exe), flags, numDetails, strDetails));
     EXPECT_EQ(flags, 0x20u);
     EXPECT_TRUE(log.Contains("str [" + exe + "] size:"));
     EXPECT_FALSE(log.Contains("try to check SOFILE"));
