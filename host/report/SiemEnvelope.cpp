@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "sdk/JsonUtils.h"
+#include "sdk/ProcessUtils.h"
 
 namespace Agent {
 
@@ -56,6 +57,52 @@ Json::Value FlagNames(const Json::Value& alert) {
     return processes;
 }
 
+// Where each reported process runs, read when the alert is wrapped: only for a pid
+// that still runs the program the alert names (a pid reused since is left out).
+Json::Value ProcessContexts(const Json::Value& alert) {
+    Json::Value contexts(Json::arrayValue);
+    const Json::Value& list = alert["process_info"];
+    if (!list.isArray()) {
+        return contexts;
+    }
+    for (const Json::Value& process : list) {
+        if (!process.isObject() || !process["process_pid"].isIntegral() ||
+            !process["process_path"].isString()) {
+            continue;
+        }
+        const int pid = process["process_pid"].asInt();
+        const std::string reported = process["process_path"].asString();
+        std::string running;
+        // A deleted program is reported as its /proc/PID/exe link; its target then ends in " (deleted)".
+        const bool throughLink = reported == "/proc/" + std::to_string(pid) + "/exe";
+        SDK::ProcessUtils::ProcessContext context;
+        if (pid <= 0 || SDK::ProcessUtils::GetProcessExePath(static_cast<unsigned int>(pid), running) != 0 ||
+            (throughLink ? running.size() < 10 || running.compare(running.size() - 10, 10, " (deleted)") != 0
+                         : running != reported) ||
+            SDK::ProcessUtils::GetProcessContext(pid, context) != 0) {
+            continue;
+        }
+        Json::Value entry;
+        entry["process_pid"] = pid;
+        if (!context.containerRuntime.empty()) {
+            entry["container"]["runtime"] = context.containerRuntime;
+            entry["container"]["id"] = context.containerId;
+        }
+        entry["namespaces"]["pid"] = static_cast<Json::UInt64>(context.pidNamespace);
+        entry["namespaces"]["mnt"] = static_cast<Json::UInt64>(context.mountNamespace);
+        entry["host_namespaces"] = context.hostNamespaces;
+        SDK::ProcessUtils::procStatus status;
+        std::string user;
+        if (SDK::ProcessUtils::GetProcessStatusInfo(pid, status) == 0 &&
+            SDK::ProcessUtils::GetProcessUser(status.uid, user) == 0) {
+            entry["user"]["id"] = status.uid;
+            entry["user"]["name"] = user;
+        }
+        contexts.append(entry);
+    }
+    return contexts;
+}
+
 }  // namespace
 
 SiemEnvelope::SiemEnvelope(std::string hostName, std::string hostId, std::string agentVersion)
@@ -82,6 +129,7 @@ std::string SiemEnvelope::Wrap(const std::string& line, const AlertSplitter::Tie
     head["event"]["kind"] = "alert";
     head["event"]["code"] = alert["event_classid"].isString() ? alert["event_classid"].asString() : "";
     head["corvane_flags"] = FlagNames(alert);
+    head["corvane_context"] = ProcessContexts(alert);
     if (tie != nullptr) {
         head["corvane_split"]["of"] = tie->of;
         head["corvane_split"]["processes"] = static_cast<Json::UInt64>(tie->processes);

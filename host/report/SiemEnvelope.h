@@ -9,6 +9,7 @@ namespace Agent {
 // Wraps an alert line, unchanged, in the fields a SIEM maps (ECS names):
 // {"@timestamp", "host": {"name", "id"}, "agent": {"name", "version"},
 //  "event": {"kind", "code"}, "corvane_flags": [{"process_pid", "names"}],
+//  "corvane_context": [{"process_pid", "container", "namespaces", "host_namespaces", "user"}],
 //  "corvane": <the alert as the module wrote it>}.
 class SiemEnvelope {
 public:

@@ -344,4 +344,19 @@ TEST(SiemEnvelope, WrapsTheAlertByteForByteWithEcsFieldsAndNamedFlags) {
     EXPECT_EQ(Json::FastWriter().write(document["corvane_flags"]),
               "[{\"names\":[\"PROC_TMP\",\"HIGHCPU\",\"PACKER\"],\"process_pid\":42},"
               "{\"names\":[],\"process_pid\":43}]\n");
+
+    // Context only for a pid that still runs the program the alert names: this test,
+    // not pid 1 under another program's name.
+    char self[4096] = {};
+    ASSERT_GT(::readlink("/proc/self/exe", self, sizeof(self) - 1), 0);
+    const std::string running = R"({"event_classid":"procdet_0001","process_info":[{"process_pid":)" +
+                                std::to_string(::getpid()) + R"(,"process_path":")" + self +
+                                R"(","rule":1},{"process_pid":1,"process_path":"/tmp/not-init","rule":1}]})";
+    ASSERT_TRUE(Json::Reader().parse(envelope.Wrap(running + "\n"), document));
+    ASSERT_EQ(document["corvane_context"].size(), 1u) << document["corvane_context"];
+    const Json::Value& context = document["corvane_context"][0];
+    EXPECT_EQ(context["process_pid"].asInt(), ::getpid());
+    EXPECT_GT(context["namespaces"]["pid"].asUInt64(), 0u);
+    EXPECT_EQ(context["user"]["id"].asUInt(), ::getuid());
+    EXPECT_FALSE(context.isMember("container")) << "a process of the host";
 }
