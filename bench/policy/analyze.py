@@ -20,7 +20,8 @@ import sys
 
 FLAGS = [("tmp", 0x001, "PROC_TMP"), ("hidden", 0x002, "PROC_HIDDEN"), ("deleted", 0x004, "PROC_DELETED"),
          ("bip", 0x010, "CONNECT_BIP"), ("cpu", 0x020, "HIGHCPU"), ("strings", 0x040, "STRINGS")]
-DEFAULT_WEIGHTS = {"tmp": 1, "hidden": 1, "deleted": 1, "bip": 3, "cpu": 1, "strings": 3}
+# What the module takes for a weight missing from "score" (and the weights shipped before).
+MODULE_WEIGHTS = {"tmp": 1, "hidden": 1, "deleted": 1, "bip": 3, "cpu": 1, "strings": 3}
 # Slack around an item's run when matching an alert's time to it, in seconds.
 WINDOW_BEFORE, WINDOW_AFTER = 1, 5
 
@@ -41,8 +42,11 @@ def flag_bits(names):
 def read_policy(path):
     with open(path) as f:
         task = json.load(f)["content"]["detaction_full_task"]
-    weights = dict(DEFAULT_WEIGHTS)
-    weights.update({k: v for k, v in task.get("score", {}).items() if k in weights})
+    if "score" in task:
+        weights = dict(MODULE_WEIGHTS)
+        weights.update({k: v for k, v in task["score"].items() if k in weights})
+    else:
+        weights = {k: 0 for k in MODULE_WEIGHTS}  # the module then scores nothing
     return {"weights": weights, "report_score": task.get("report_score", 3),
             "repeat_interval": task["task_condition"]["repeat_interval"],
             "cpu_usage_warn": task.get("cpu_usage_warn", 9000)}
@@ -178,7 +182,7 @@ def search(run_dirs, top):
                 return peak is not None and peak >= report_score
             caught = tuple(sorted(n for (c, n), p in peaks.items() if c == "attack" and all(map(reported, p))))
             noisy = tuple(sorted(n for (c, n), p in peaks.items() if c == "benign" and any(map(reported, p))))
-            distance = sum(abs(weights[k] - DEFAULT_WEIGHTS[k]) for k in keys) + abs(report_score - 3)
+            distance = sum(abs(weights[k] - MODULE_WEIGHTS[k]) for k in keys) + abs(report_score - 3)
             entry = best.get((caught, noisy))
             if entry is None or distance < entry[0]:
                 best[(caught, noisy)] = (distance, weights, report_score)
@@ -189,7 +193,7 @@ def search(run_dirs, top):
         print(f"== {benign_limit} benign item(s) reported")
         for (caught, noisy), (distance, weights, report_score) in rows:
             print(f"  attacks caught in every run {len(caught):2}/{attacks}: weights {weights} report {report_score}"
-                  f" (distance from the old default {distance})")
+                  f" (distance from the module's defaults {distance})")
             print(f"      caught: {' '.join(caught) or '-'}")
             if noisy:
                 print(f"      benign reported: {' '.join(noisy)}")

@@ -65,14 +65,20 @@ corpus_cleanup() {
     fi
 }
 
+# Kills what is left in GROUP and removes it. (cgroup files report a size of 0: read them.)
 corpus_kill_group() {
-    local group=$1 pid _
-    for _ in 1 2 3 4 5 6 7 8 9 10; do
-        [ -s "$group/cgroup.procs" ] || break
-        while read -r pid; do kill -KILL "$pid" 2>/dev/null || true; done < "$group/cgroup.procs"
+    local group=$1 pids pid _
+    for _ in $(seq 25); do
+        pids=$(cat "$group/cgroup.procs" 2>/dev/null) || break
+        if [ -z "$pids" ]; then
+            rmdir "$group" 2>/dev/null && return 0
+        fi
+        for pid in $pids; do
+            [ "$pid" = $$ ] || kill -KILL "$pid" 2>/dev/null || true
+        done
         sleep 0.2
     done
-    rmdir "$group" 2>/dev/null || echo "$corpus_name: could not remove cgroup $group" >&2
+    [ ! -d "$group" ] || rmdir "$group" 2>/dev/null || echo "$corpus_name: could not remove cgroup $group" >&2
 }
 
 # The cgroup v2 hierarchy if there is one, else the v1 pids hierarchy.
@@ -138,13 +144,13 @@ corpus_ledger() {
 corpus_poll() {
     local item=$1 group=$2 stop=$3 seen=" " pid now fd
     exec {fd}<> <(:)
-    while :; do
+    while [ -d "$group" ]; do
         while read -r pid; do
             case $seen in *" $pid "*) continue ;; esac
             seen+="$pid "
             printf -v now '%(%s)T' -1
             corpus_ledger pid "$item" "$pid" "$now"
-        done < "$group/cgroup.procs"
+        done 2>/dev/null < "$group/cgroup.procs" || true
         [ -e "$stop" ] && break
         read -r -t 0.1 -u "$fd" || true
     done
@@ -173,10 +179,12 @@ corpus_run_item() {
             corpus_poll "$name" "$group" "$corpus_tmp/$name.stop" &
             poller=$!
         fi
-        (echo "$BASHPID" > "$group/cgroup.procs" && "item_$name") || status=$?
+        (echo "$BASHPID" > "$group/cgroup.procs" && "item_$name") &
     else
-        ("item_$name") || status=$?
+        ("item_$name") &
     fi
+    # In the background, so that SIGINT or SIGTERM ends the wait, and the clean-up runs, at once.
+    wait $! || status=$?
     if [ -n "$poller" ]; then
         touch "$corpus_tmp/$name.stop"
         wait "$poller" || true

@@ -21,10 +21,12 @@
 #                     taking kernel events, which the behaviour detectors do not use)
 #
 # The run directory keeps policy.json (as run), alerts.json, ledger.tsv, the agent's log
-# and items.json (bench/policy/analyze.py attribute).
+# and items.json (bench/policy/analyze.py attribute). Ctrl-C stops the run and removes
+# what it created.
 set -euo pipefail
 if [ -z "${CORVANE_MEASURE_INNER:-}" ] && [[ " $* " != *" --host "* ]]; then
-    exec unshare --pid --fork --mount-proc --kill-child env CORVANE_MEASURE_INNER=1 bash "$0" "$@"
+    # Should unshare die (Ctrl-C), the run inside is told to stop, and cleans up.
+    exec unshare --pid --fork --mount-proc --kill-child=SIGTERM env CORVANE_MEASURE_INNER=1 bash "$0" "$@"
 fi
 source_dir=$(cd "$(dirname "$0")/../.." && pwd)
 build=$(realpath "${1:?build directory}")
@@ -60,7 +62,19 @@ stop_agent() {
     fi
     agent=""
 }
+corpus_pid=""
+# The corpus runs in the background so that a signal reaches this trap at once; the corpus
+# script removes what it created before it exits.
+# shellcheck disable=SC2317 # invoked by the trap
+stop_run() {
+    if [ -n "$corpus_pid" ]; then
+        kill -TERM "$corpus_pid" 2>/dev/null || true
+        wait "$corpus_pid" 2>/dev/null || true
+    fi
+    exit 130
+}
 trap 'stop_agent; rm -rf "$prefix"' EXIT
+trap stop_run INT TERM
 mkdir -p "$prefix/conf/policies/10001" "$prefix/log"
 cp "$source_dir/conf/agent.json" "$prefix/conf/"
 
@@ -105,22 +119,21 @@ echo "agent $agent running; interval ${effective_interval} s, items held ${hold}
 : > "$out/ledger.tsv"
 export CORPUS_LEDGER="$out/ledger.tsv" CORPUS_HOLD="$hold"
 status=0
-if [ "$corpus" != attack ]; then
-    benign_items=()
+# run_corpus NAME: the corpus script NAME.sh with the requested items that are its own
+# (all of them when none was requested; nothing when all requested items are the other's).
+run_corpus() {
+    local script="$source_dir/bench/policy/$1.sh" own=() item
     for item in "${items[@]}"; do
-        bash "$source_dir/bench/policy/benign.sh" --list | grep -q "^$item " && benign_items+=("$item")
+        bash "$script" --list | grep -q "^$item " && own+=("$item")
     done
-    [ ${#items[@]} -gt 0 ] && [ ${#benign_items[@]} -eq 0 ] ||
-        bash "$source_dir/bench/policy/benign.sh" "${benign_items[@]}" || status=$?
-fi
-if [ "$corpus" != benign ]; then
-    attack_items=()
-    for item in "${items[@]}"; do
-        bash "$source_dir/bench/policy/attack.sh" --list | grep -q "^$item " && attack_items+=("$item")
-    done
-    [ ${#items[@]} -gt 0 ] && [ ${#attack_items[@]} -eq 0 ] ||
-        bash "$source_dir/bench/policy/attack.sh" "${attack_items[@]}" || status=$?
-fi
+    [ ${#items[@]} -eq 0 ] || [ ${#own[@]} -gt 0 ] || return 0
+    bash "$script" "${own[@]}" &
+    corpus_pid=$!
+    wait "$corpus_pid" || status=$?
+    corpus_pid=""
+}
+[ "$corpus" = attack ] || run_corpus benign
+[ "$corpus" = benign ] || run_corpus attack
 # The report task spools and writes alerts a moment after the cycle that raised them.
 sleep 3
 stop_agent

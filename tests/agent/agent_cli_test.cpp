@@ -104,6 +104,13 @@ TEST(AgentCommandLine, CheckMarksRefusalsAsErrorsAndTheRestAsWarnings) {
     // What the package installs starts under ExecStartPre, --strict or not.
     const Outcome clean = RunAgent("--check --strict --prefix " + AgentRunner::BuildDir());
     EXPECT_EQ(clean.status, 0) << clean.out;
+    // So do the behaviour policies an operator may copy over the shipped one.
+    for (const std::string variant : {"strict", "quiet"}) {
+        const Outcome checked =
+            RunAgent("--check --strict --prefix " + AgentRunner::BuildDir() + " --policy-dir " +
+                     AgentRunner::BuildDir() + "/conf/policies-variants/" + variant);
+        EXPECT_EQ(checked.status, 0) << variant << "\n" << checked.out;
+    }
     EXPECT_NE(RunAgent("--version").out.find("corvane-agent " CORVANE_TEST_VERSION " (revision "),
               std::string::npos);
 }
