@@ -199,7 +199,14 @@ int AgentApp::Check(const AgentOptions& options) const {
         }
         underUnit = true;
     } else {
-        underUnit = ServiceUnit::FindInstalled(ThisExecutable(), unit);
+        std::string error;
+        underUnit = ServiceUnit::FindInstalled(ThisExecutable(), unit, error);
+        if (!error.empty()) {
+            std::fprintf(stderr,
+                         "corvane-agent --check: the installed unit is not read (%s); written paths are "
+                         "not checked against it\n",
+                         error.c_str());
+        }
     }
     size_t errors = 0;
     size_t warnings = 0;

@@ -71,7 +71,7 @@ std::vector<std::string> DropIns(const std::vector<std::string>& dirs) {
 
 }  // namespace
 
-bool ServiceUnit::FindInstalled(const std::string& executable, ServiceUnit& out) {
+bool ServiceUnit::FindInstalled(const std::string& executable, ServiceUnit& out, std::string& error) {
     std::vector<std::string> dropInDirs;
     for (const char* dir : kUnitDirs) {
         dropInDirs.push_back(std::string(dir) + kName + ".d/");
@@ -83,12 +83,13 @@ bool ServiceUnit::FindInstalled(const std::string& executable, ServiceUnit& out)
             continue;
         }
         ServiceUnit unit;
-        std::string error;
         if (!unit.Read(file, error)) {
             return false;
         }
         for (const std::string& dropIn : DropIns(dropInDirs)) {
-            unit.Read(dropIn, error);
+            if (!unit.Read(dropIn, error)) {
+                return false;
+            }
         }
         unit.file_ = file;
         if (unit.program_.empty() || Canonical(unit.program_) != Canonical(executable)) {

@@ -14,8 +14,9 @@ public:
 
     // The installed unit, from the first of /etc, /run, /lib and /usr/lib systemd/system
     // that has it, when its ExecStart= runs `executable` (the unit that would run this
-    // very binary). False otherwise: none installed, or one that runs another binary.
-    static bool FindInstalled(const std::string& executable, ServiceUnit& out);
+    // very binary). False otherwise: none installed, one that runs another binary, or one
+    // whose file or a drop-in cannot be read (then `error` says why).
+    static bool FindInstalled(const std::string& executable, ServiceUnit& out, std::string& error);
     // The unit in `file`, with the drop-ins in `file`.d/. False with the reason.
     static bool Load(const std::string& file, ServiceUnit& out, std::string& error);
 
