@@ -25,6 +25,7 @@
 #include "PolicyPublisher.h"
 #include "PolicySchema.h"
 #include "ServiceNotifier.h"
+#include "ServiceUnit.h"
 #include "TaskWatchdog.h"
 #include "TextFile.h"
 #include "TrustedPath.h"
@@ -188,14 +189,34 @@ int AgentApp::Check(const AgentOptions& options) const {
     if (!ExplicitPathsExist(options)) {
         return kExitUsage;
     }
+    ServiceUnit unit;
+    bool underUnit = false;
+    if (!options.unit.empty()) {
+        std::string error;
+        if (!ServiceUnit::Load(AgentPaths::Under(Poco::Path::current(), options.unit), unit, error)) {
+            std::fprintf(stderr, "corvane-agent: --unit %s\n", error.c_str());
+            return kExitUsage;
+        }
+        underUnit = true;
+    } else {
+        std::string error;
+        underUnit = ServiceUnit::FindInstalled(ThisExecutable(), unit, error);
+        if (!error.empty()) {
+            std::fprintf(stderr,
+                         "corvane-agent --check: the installed unit is not read (%s); written paths are "
+                         "not checked against it\n",
+                         error.c_str());
+        }
+    }
     size_t errors = 0;
     size_t warnings = 0;
-    for (const FileProblem& found : ConfigCheck::Run(paths_, options.modules)) {
+    for (const FileProblem& found : ConfigCheck::Run(paths_, options.modules, underUnit ? &unit : nullptr)) {
         std::printf("%s\n", found.Describe().c_str());
         ++(found.problem.IsError() ? errors : warnings);
     }
-    std::fprintf(stderr, "corvane-agent --check: %zu errors, %zu warnings in %s and %s\n", errors, warnings,
-                 paths_.config.c_str(), paths_.policyDir.c_str());
+    const std::string against = underUnit ? "; written paths checked against " + unit.GetFile() : "";
+    std::fprintf(stderr, "corvane-agent --check: %zu errors, %zu warnings in %s and %s%s\n", errors, warnings,
+                 paths_.config.c_str(), paths_.policyDir.c_str(), against.c_str());
     // Only errors (what the agent would refuse) fail by default: the unit's ExecStartPre must
     // not keep from starting an agent that would run with these files.
     return errors > 0 || (options.strict && warnings > 0) ? kExitProblems : 0;
@@ -227,15 +248,12 @@ void AgentApp::Configure(const AgentOptions& options) {
     if (!options.logLevel.empty()) {
         settings_.log.level = options.logLevel;
     }
-    settings_.log.directory = AgentPaths::Under(
-        paths_.prefix, settings_.log.directory.empty() ? std::string("log/") : settings_.log.directory);
+    settings_.ResolvePaths(paths_.prefix);
     if (options.alerts == "-") {
         settings_.alerts.toStdout = true;
         settings_.alerts.filePath.clear();
     } else if (!options.alerts.empty()) {
         settings_.alerts.filePath = AgentPaths::Under(Poco::Path::current(), options.alerts);
-    } else {
-        settings_.alerts.filePath = AgentPaths::Under(paths_.prefix, settings_.alerts.filePath);
     }
     if (options.once) {
         // The service's sinks stay its own: a one-shot run writes to --alerts only (standard output by
@@ -244,15 +262,6 @@ void AgentApp::Configure(const AgentOptions& options) {
         settings_.alerts.toStdout = options.alerts.empty() || options.alerts == "-";
         if (options.alerts.empty()) {
             settings_.alerts.filePath.clear();
-        }
-    }
-    settings_.alerts.spoolDir = AgentPaths::Under(paths_.prefix, settings_.alerts.spoolDir);
-    for (SinkSettings& sink : settings_.alerts.sinks) {
-        for (std::string* path :
-             {&sink.path, &sink.socket, &sink.tokenFile, &sink.headerFile, &sink.caFile}) {
-            if (!path->empty()) {
-                *path = AgentPaths::Under(paths_.prefix, *path);
-            }
         }
     }
     SetUpLogging();

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "AgentPaths.h"
 #include "AgentSettingsParser.h"
 #include "TextFile.h"
 
@@ -27,6 +28,18 @@ std::vector<ConfigProblem> AgentSettings::LoadFile(const std::string& path, Agen
         return {ConfigProblem::Error("-", "cannot be read (" + error + "); using the default settings")};
     }
     return AgentSettingsParser::Parse(text, out);
+}
+
+void AgentSettings::ResolvePaths(const std::string& prefix) {
+    log.directory = AgentPaths::Under(prefix, log.directory.empty() ? std::string("log/") : log.directory);
+    alerts.filePath = AgentPaths::Under(prefix, alerts.filePath);
+    alerts.spoolDir = AgentPaths::Under(prefix, alerts.spoolDir);
+    for (SinkSettings& sink : alerts.sinks) {
+        for (std::string* path :
+             {&sink.path, &sink.socket, &sink.tokenFile, &sink.headerFile, &sink.caFile}) {
+            *path = AgentPaths::Under(prefix, *path);
+        }
+    }
 }
 
 }  // namespace Agent

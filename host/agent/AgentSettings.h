@@ -27,6 +27,10 @@ struct AgentSettings {
     // Reads and parses `path` into `out`. Returns the problems found (a missing file is
     // a warning: the defaults apply); what could not be used keeps its default.
     static std::vector<ConfigProblem> LoadFile(const std::string& path, AgentSettings& out);
+
+    // Makes the paths the file may give relative (log directory, alert files, spool,
+    // the sinks' files and sockets) absolute under `prefix`, which ends in "/".
+    void ResolvePaths(const std::string& prefix);
 };
 
 }  // namespace Agent

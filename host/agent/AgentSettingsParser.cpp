@@ -278,6 +278,7 @@ void ParseSinks(const Json::Value& list, const std::string& prefix, std::vector<
         }
         Section section(list[index], where + ".", problems);
         SinkSettings sink;
+        sink.origin = where;
         section.String("type", nullptr, "a sink type", sink.type);
         if (sink.type != "stdout" && sink.type != "file" && sink.type != "syslog" && sink.type != "relp" &&
             sink.type != "webhook" && sink.type != "kafka") {

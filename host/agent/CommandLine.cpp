@@ -42,6 +42,11 @@ Poco::Util::OptionSet MakeOptions() {
                              "each finding as FILE: error|warning: key: what, and exit (1 on errors: "
                              "what the agent would refuse)"));
     options.addOption(Option("strict", "", "with --check: exit 1 on warnings too"));
+    options.addOption(Option("unit", "",
+                             "with --check: report paths the agent writes outside this systemd "
+                             "unit's ReadWritePaths (default: the installed corvane-agent.service, "
+                             "when it runs this executable)")
+                          .argument("FILE"));
     options.addOption(Option("once", "",
                              "run each plug-in task's check once over this machine, write its "
                              "alerts to --alerts (default: standard output), and exit; a running "
@@ -74,6 +79,8 @@ void Store(const std::string& name, const std::string& value, AgentOptions& opti
         options.once = true;
     } else if (name == "strict") {
         options.strict = true;
+    } else if (name == "unit") {
+        options.unit = value;
     }
 }
 
@@ -113,8 +120,8 @@ bool CommandLine::Parse(const std::vector<std::string>& args, AgentOptions& opti
         error = "--check and --once exclude each other";
         return false;
     }
-    if (options.strict && !options.check) {
-        error = "--strict goes with --check";
+    if ((options.strict || !options.unit.empty()) && !options.check) {
+        error = std::string(options.strict ? "--strict" : "--unit") + " goes with --check";
         return false;
     }
     if (!options.logLevel.empty()) {

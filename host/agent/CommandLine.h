@@ -17,6 +17,7 @@ struct AgentOptions {
     bool version = false;
     bool check = false;   // check the settings and policies, start nothing
     bool strict = false;  // with check: warnings fail the check too
+    std::string unit;     // with check: the systemd unit whose writable paths apply
     bool once = false;    // run each plug-in task's check once, then exit
 };
 

@@ -5,12 +5,39 @@
 #include "ModuleDirectory.h"
 #include "PolicyDirectory.h"
 #include "PolicySchema.h"
+#include "ServiceUnit.h"
+#include "report/SinkCheck.h"
 
 namespace Agent {
 
 namespace {
 
 const char* const kRefused = "refused";
+
+// What the report task would refuse or could not use, and, under a unit, what the
+// agent would write where the unit's sandbox does not let it.
+void CheckWrites(const std::string& config, const AgentSettings& settings, const ServiceUnit* unit,
+                 std::vector<FileProblem>& found) {
+    for (ReportProblem& problem : CheckSinks(settings.alerts)) {
+        found.push_back({config, ConfigProblem::Error(std::move(problem.key), std::move(problem.what))});
+    }
+    if (unit == nullptr) {
+        return;
+    }
+    std::vector<std::pair<std::string, std::string>> written = WrittenPaths(settings.alerts);
+    if (settings.log.target == "file") {
+        written.emplace_back("log.directory", settings.log.directory);
+    }
+    for (const auto& path : written) {
+        if (!unit->MayWrite(path.second)) {
+            found.push_back(
+                {config,
+                 ConfigProblem::Error(path.first, path.second + " lies outside what " + unit->GetFile() +
+                                                      " lets the agent write (" + unit->DescribeWritable() +
+                                                      "); under it the writes fail")});
+        }
+    }
+}
 
 }  // namespace
 
@@ -29,12 +56,15 @@ std::vector<ConfigProblem> ConfigCheck::CheckPolicy(const PolicySchemas& schemas
     return problems;
 }
 
-std::vector<FileProblem> ConfigCheck::Run(const AgentPaths& paths, const std::vector<std::string>& modules) {
+std::vector<FileProblem> ConfigCheck::Run(const AgentPaths& paths, const std::vector<std::string>& modules,
+                                          const ServiceUnit* unit) {
     std::vector<FileProblem> found;
     AgentSettings settings;
     for (ConfigProblem& problem : AgentSettings::LoadFile(paths.config, settings)) {
         found.push_back({paths.config, std::move(problem)});
     }
+    settings.ResolvePaths(paths.prefix);
+    CheckWrites(paths.config, settings, unit, found);
 
     std::vector<std::string> modulePaths = modules;
     std::string error;

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <utility>
 
+#include "SinkResources.h"
 #include "sdk/HostLog.h"
 #include "sdk/PrivateFile.h"
 
@@ -22,6 +23,24 @@ constexpr size_t kChunkBytes = 256 * 1024;  // one write(2) per chunk of lines
 
 AlertFileSink::AlertFileSink(std::string path, uint64_t rotateBytes, int keepFiles)
     : path_(std::move(path)), rotateBytes_(rotateBytes), keepFiles_(keepFiles < 0 ? 0 : keepFiles) {}
+
+std::vector<SinkProblem> AlertFileSink::Check(const std::string& path) {
+    std::string error;
+    bool onKernelFs = false;
+    if (!SinkResources::CheckWritableDirectory(SinkResources::DirectoryOf(path), false, error, onKernelFs)) {
+        return {{"path", error, onKernelFs}};
+    }
+    struct stat info {};
+    if (::lstat(path.c_str(), &info) == 0 && (S_ISLNK(info.st_mode) || S_ISDIR(info.st_mode))) {
+        return {{"path", path + (S_ISDIR(info.st_mode) ? ": is a directory"
+                                                       : ": is a symbolic link; the agent does not write "
+                                                         "through one")}};
+    }
+    if (!SDK::PrivateFile::CheckParent(path, error)) {
+        return {{"path", error}};
+    }
+    return {};
+}
 
 AlertFileSink::~AlertFileSink() {
     Close();

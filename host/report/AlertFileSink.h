@@ -24,6 +24,9 @@ public:
     AlertFileSink(const AlertFileSink&) = delete;
     AlertFileSink& operator=(const AlertFileSink&) = delete;
 
+    // What keeps the file at `path` from taking alerts, looked at without opening it.
+    static std::vector<SinkProblem> Check(const std::string& path);
+
     size_t Deliver(const std::vector<std::string>& lines, std::string& error) override;
     bool Sync(std::string& error) override;
     std::string Describe() const override { return path_; }

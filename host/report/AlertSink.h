@@ -6,6 +6,17 @@
 
 namespace Agent {
 
+// Something about a sink's settings that keeps it from delivering, found without
+// connecting anywhere: the member of its agent.json entry ("ca_file",
+// "properties.acks"), what is wrong, and whether the agent refuses to start the
+// sink (no later change on the machine can help) or starts it to retry (a file or
+// socket may still appear).
+struct SinkProblem {
+    std::string member;
+    std::string what;
+    bool refusesSink = false;
+};
+
 // One destination of alert lines (a file, standard output, syslog, a webhook,
 // Kafka). A sink is driven by one thread of its own (AlertSinkPump) and never
 // sees two calls at once.

@@ -12,6 +12,30 @@
 
 namespace Agent {
 
+std::vector<SinkProblem> AlertSinkFactory::Check(const SinkSettings& settings) {
+    if (settings.type == "file") {
+        return AlertFileSink::Check(settings.path);
+    }
+    if (settings.type == "syslog") {
+        return SyslogSink::Check(settings);
+    }
+    if (settings.type == "webhook") {
+        return WebhookSink::Check(settings);
+    }
+    if (settings.type == "kafka") {
+        return KafkaSink::Check(settings);
+    }
+    // Standard output is there or not; a RELP relay has only its address.
+    return {};
+}
+
+std::string AlertSinkFactory::Explain(const SinkProblem& problem) {
+    return problem.what + (problem.refusesSink
+                               ? "; the sink is not started"
+                               : "; the sink delivers nothing until this is fixed (its alerts wait in "
+                                 "the spool)");
+}
+
 std::unique_ptr<AlertSink> AlertSinkFactory::Make(const SinkSettings& settings, std::string& error) {
     if (settings.type == "stdout" || settings.type == "file") {
         std::unique_ptr<AlertSink> sink;

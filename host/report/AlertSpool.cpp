@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "AlertLine.h"
+#include "SinkResources.h"
 #include "sdk/HostLog.h"
 #include "sdk/PrivateFile.h"
 
@@ -158,6 +159,16 @@ std::string AlertSpool::SegmentPath(uint64_t start) const {
     char name[32];
     std::snprintf(name, sizeof(name), "%020llu.seg", static_cast<unsigned long long>(start));
     return dir_ + "/" + name;
+}
+
+bool AlertSpool::CheckPlace(const std::string& dir, std::string& error) {
+    struct stat info {};
+    if (::lstat(dir.c_str(), &info) == 0 && !S_ISDIR(info.st_mode)) {
+        error = dir + (S_ISLNK(info.st_mode) ? ": is a symbolic link; refused" : ": not a directory");
+        return false;
+    }
+    bool onKernelFs = false;
+    return SinkResources::CheckWritableDirectory(dir, true, error, onKernelFs);
 }
 
 AlertSpool::OpenResult AlertSpool::Open(std::string& error) {

@@ -45,6 +45,11 @@ public:
     AlertSpool(std::string dir, uint64_t maxBytes);
     ~AlertSpool();
 
+    // Whether `dir` (or, when it is still to be made, the directory above it) is a
+    // place a spool can be kept: writable, not on a kernel file system, not a symbolic
+    // link. Looks only; Open makes and locks it. False with the reason.
+    static bool CheckPlace(const std::string& dir, std::string& error);
+
     AlertSpool(const AlertSpool&) = delete;
     AlertSpool& operator=(const AlertSpool&) = delete;
 

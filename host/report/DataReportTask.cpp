@@ -78,6 +78,16 @@ int DataReportTask::Init() {
     timing.retry = std::chrono::seconds(settings_.retrySeconds);
     timing.retryMax = std::chrono::seconds(std::max(settings_.retryMaxSeconds, settings_.retrySeconds));
     for (const SinkSettings& sink : settings_.AllSinks()) {
+        // The same findings as --check, at once rather than at the first failed delivery.
+        bool refused = false;
+        for (const SinkProblem& problem : AlertSinkFactory::Check(sink)) {
+            HOST_LOG_ERROR("alert sink " + sink.name + ": " + sink.KeyOf(problem.member) + ": " +
+                           AlertSinkFactory::Explain(problem));
+            refused = refused || problem.refusesSink;
+        }
+        if (refused) {
+            continue;
+        }
         std::unique_ptr<AlertSink> made = AlertSinkFactory::Make(sink, error);
         if (!made) {
             HOST_LOG_ERROR("alert sink " + sink.name + " (" + sink.type + ") not started: " + error);

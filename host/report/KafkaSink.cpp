@@ -56,35 +56,62 @@ KafkaSink::~KafkaSink() {
     }
 }
 
-bool KafkaSink::Create(std::string& error) {
-    if (kafka_ == nullptr && (kafka_ = KafkaLibrary::Get(error)) == nullptr) {
-        return false;
-    }
-    rd_kafka_conf_t* conf = kafka_->conf_new();
+rd_kafka_conf_t* KafkaSink::MakeConf(const KafkaLibrary& kafka, const SinkSettings& settings,
+                                     std::string& member, std::string& error) {
+    rd_kafka_conf_t* conf = kafka.conf_new();
     char reason[512];
-    auto set = [&](const std::string& name, const std::string& value) {
-        if (kafka_->conf_set(conf, name.c_str(), value.c_str(), reason, sizeof(reason)) != RD_KAFKA_CONF_OK) {
+    auto set = [&](const std::string& key, const std::string& name, const std::string& value) {
+        if (kafka.conf_set(conf, name.c_str(), value.c_str(), reason, sizeof(reason)) != RD_KAFKA_CONF_OK) {
+            member = key;
             error = "property " + name + ": " + reason;
             return false;
         }
         return true;
     };
-    bool good = set("bootstrap.servers", settings_.brokers);
+    bool good = set("brokers", "bootstrap.servers", settings.brokers);
     for (const auto& entry : kDefaults) {
-        good = good && set(entry[0], entry[1]);
+        good = good && set("properties", entry[0], entry[1]);
     }
-    for (const auto& property : settings_.properties) {
-        good = good && set(property.first, property.second);
+    for (const auto& property : settings.properties) {
+        good = good && set("properties." + property.first, property.first, property.second);
     }
-    good = good && set("enable.idempotence", "true") && set("acks", "all");
+    good = good && set("properties", "enable.idempotence", "true") && set("properties", "acks", "all");
     if (!good) {
-        kafka_->conf_destroy(conf);
+        kafka.conf_destroy(conf);
+        return nullptr;
+    }
+    return conf;
+}
+
+std::vector<SinkProblem> KafkaSink::Check(const SinkSettings& settings) {
+    std::string error;
+    const KafkaLibrary* kafka = KafkaLibrary::Get(error);
+    if (kafka == nullptr) {
+        return {{"type", "librdkafka cannot be loaded: " + error, true}};
+    }
+    std::string member;
+    rd_kafka_conf_t* conf = MakeConf(*kafka, settings, member, error);
+    if (conf == nullptr) {
+        return {{member, error, true}};
+    }
+    kafka->conf_destroy(conf);
+    return {};
+}
+
+bool KafkaSink::Create(std::string& error) {
+    if (kafka_ == nullptr && (kafka_ = KafkaLibrary::Get(error)) == nullptr) {
+        return false;
+    }
+    std::string member;
+    rd_kafka_conf_t* conf = MakeConf(*kafka_, settings_, member, error);
+    if (conf == nullptr) {
         return false;
     }
     kafka_->conf_set_opaque(conf, this);
     kafka_->conf_set_dr_msg_cb(conf, &KafkaSink::OnDelivery);
     kafka_->conf_set_error_cb(conf, &KafkaSink::OnError);
     kafka_->conf_set_log_cb(conf, &LogFromLibrary);
+    char reason[512];
     producer_ = kafka_->create(RD_KAFKA_PRODUCER, conf, reason, sizeof(reason));
     if (producer_ == nullptr) {
         kafka_->conf_destroy(conf);

@@ -25,12 +25,20 @@ public:
     // False with the reason when the producer cannot be made (a bad property).
     bool Create(std::string& error);
 
+    // The properties librdkafka refuses, asked of librdkafka itself on a scratch
+    // configuration (no producer is made, no broker contacted).
+    static std::vector<SinkProblem> Check(const SinkSettings& settings);
+
     size_t Deliver(const std::vector<std::string>& lines, std::string& error) override;
     std::string Describe() const override { return "kafka://" + settings_.brokers + "/" + settings_.topic; }
     size_t MaxBatch() const override { return 10000; }
     size_t MaxLineBytes() const override;
 
 private:
+    // The producer's configuration: ours, the entry's properties, then the two that make
+    // delivery safe. Null when librdkafka refuses one; `member` names it (for messages).
+    static rd_kafka_conf_t* MakeConf(const KafkaLibrary& kafka, const SinkSettings& settings,
+                                     std::string& member, std::string& error);
     static void OnDelivery(rd_kafka_t* producer, const rd_kafka_message_t* message, void* opaque);
     static void OnError(rd_kafka_t* producer, int error, const char* reason, void* opaque);
 

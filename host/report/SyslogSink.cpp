@@ -20,6 +20,7 @@
 #include <memory>
 #include <utility>
 
+#include "SinkResources.h"
 #include "sdk/HostLog.h"
 #include "sdk/JsonUtils.h"
 
@@ -68,6 +69,27 @@ SyslogSink::SyslogSink(const SinkSettings& settings, std::string hostName)
     if (probe >= 0) {
         ::close(probe);
     }
+}
+
+std::vector<SinkProblem> SyslogSink::Check(const SinkSettings& settings) {
+    std::string error;
+    if (!settings.host.empty()) {
+        if (settings.tls && !settings.caFile.empty() &&
+            !SinkResources::CheckCaBundle(settings.caFile, error)) {
+            return {{"ca_file", error}};
+        }
+        return {};
+    }
+    if (settings.socket.size() >= sizeof(sockaddr_un::sun_path)) {
+        return {{"socket",
+                 settings.socket + ": longer than a socket path may be (" +
+                     std::to_string(sizeof(sockaddr_un::sun_path) - 1) + " bytes)",
+                 true}};
+    }
+    if (!SinkResources::CheckSocket(settings.socket, error)) {
+        return {{"socket", error}};
+    }
+    return {};
 }
 
 SyslogSink::~SyslogSink() {

@@ -26,6 +26,10 @@ public:
     SyslogSink(const SyslogSink&) = delete;
     SyslogSink& operator=(const SyslogSink&) = delete;
 
+    // What keeps a sink of `settings` from delivering that can be seen without
+    // connecting: the local socket (exists, is a socket), the CA bundle of a TLS relay.
+    static std::vector<SinkProblem> Check(const SinkSettings& settings);
+
     size_t Deliver(const std::vector<std::string>& lines, std::string& error) override;
     std::string Describe() const override;
     size_t MaxLineBytes() const override;

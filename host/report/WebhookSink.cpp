@@ -1,34 +1,17 @@
 #include "WebhookSink.h"
 
-#include <fcntl.h>
-#include <unistd.h>
+#include <algorithm>
+#include <cctype>
 
-#include <cstring>
-
+#include "SinkResources.h"
 #include "sdk/CurlLibrary.h"
 
 namespace Agent {
 
 namespace {
 
-constexpr size_t kMaxSecretBytes = 64 * 1024;  // a token or header file
-
-bool ReadSmallFile(const std::string& path, std::string& text, std::string& error) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-    if (fd < 0) {
-        error = "cannot read " + path + ": " + std::strerror(errno);
-        return false;
-    }
-    text.assign(kMaxSecretBytes + 1, '\0');
-    const ssize_t got = ::read(fd, text.data(), text.size());
-    ::close(fd);
-    if (got < 0 || static_cast<size_t>(got) > kMaxSecretBytes) {
-        error = path + (got < 0 ? std::string(": ") + std::strerror(errno) : std::string(" is over 64 KiB"));
-        return false;
-    }
-    text.resize(static_cast<size_t>(got));
-    return true;
-}
+// libcurl is allowed these alone (CURLOPT_PROTOCOLS_STR below).
+const char* const kSchemes = "http,https";
 
 size_t Discard(char* /*data*/, size_t size, size_t count, void* /*user*/) {
     return size * count;
@@ -37,6 +20,38 @@ size_t Discard(char* /*data*/, size_t size, size_t count, void* /*user*/) {
 }  // namespace
 
 WebhookSink::WebhookSink(const SinkSettings& settings) : settings_(settings) {}
+
+std::vector<SinkProblem> WebhookSink::Check(const SinkSettings& settings) {
+    std::vector<SinkProblem> problems;
+    const size_t colon = settings.url.find("://");
+    std::string scheme = settings.url.substr(0, colon);
+    std::transform(scheme.begin(), scheme.end(), scheme.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    if (colon == std::string::npos) {
+        problems.push_back(
+            {"url", "\"" + settings.url + "\" names no scheme; write http:// or https://", true});
+    } else if (scheme != "http" && scheme != "https") {
+        problems.push_back(
+            {"url", "scheme \"" + scheme + "\" is not one the webhook sink sends to (http or https)", true});
+    }
+    std::string text;
+    std::string error;
+    if (!settings.tokenFile.empty()) {
+        if (!SinkResources::ReadSecret(settings.tokenFile, text, error)) {
+            problems.push_back({"token_file", error});
+        } else if (text.find_first_not_of(" \r\n\t") == std::string::npos) {
+            problems.push_back({"token_file", settings.tokenFile + ": empty"});
+        }
+    }
+    if (!settings.headerFile.empty() && !SinkResources::ReadSecret(settings.headerFile, text, error)) {
+        problems.push_back({"header_file", error});
+    }
+    if (settings.verify && !settings.caFile.empty() &&
+        !SinkResources::CheckCaBundle(settings.caFile, error)) {
+        problems.push_back({"ca_file", error});
+    }
+    return problems;
+}
 
 size_t WebhookSink::MaxLineBytes() const {
     // Ingest APIs commonly refuse events over about a megabyte.
@@ -54,14 +69,14 @@ bool WebhookSink::Headers(std::vector<std::string>& headers, std::string& error)
                                                   : "Content-Type: application/x-ndjson");
     std::string text;
     if (!settings_.tokenFile.empty()) {
-        if (!ReadSmallFile(settings_.tokenFile, text, error)) {
+        if (!SinkResources::ReadSecret(settings_.tokenFile, text, error)) {
             return false;
         }
         text.erase(text.find_last_not_of(" \r\n\t") + 1);
         headers.push_back("Authorization: Bearer " + text);
     }
     if (!settings_.headerFile.empty()) {
-        if (!ReadSmallFile(settings_.headerFile, text, error)) {
+        if (!SinkResources::ReadSecret(settings_.headerFile, text, error)) {
             return false;
         }
         size_t start = 0;
@@ -109,7 +124,7 @@ size_t WebhookSink::Deliver(const std::vector<std::string>& lines, std::string& 
     }
     CURL* h = handle_;
     curl_->easy_setopt(h, CURLOPT_URL, settings_.url.c_str());
-    curl_->easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_->easy_setopt(h, CURLOPT_PROTOCOLS_STR, kSchemes);
     curl_->easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
     curl_->easy_setopt(h, CURLOPT_POST, 1L);
     curl_->easy_setopt(h, CURLOPT_POSTFIELDS, body.data());

@@ -29,6 +29,10 @@ public:
     WebhookSink(const WebhookSink&) = delete;
     WebhookSink& operator=(const WebhookSink&) = delete;
 
+    // What keeps a sink of `settings` from delivering that can be seen without
+    // connecting: the URL's scheme, the token, header and CA files.
+    static std::vector<SinkProblem> Check(const SinkSettings& settings);
+
     size_t Deliver(const std::vector<std::string>& lines, std::string& error) override;
     std::string Describe() const override { return settings_.url; }
     size_t MaxBatch() const override { return settings_.batch; }

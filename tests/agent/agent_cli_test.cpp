@@ -1,11 +1,14 @@
 // The agent's command line as an operator meets it: --check, --version, and the
 // starts that must fail rather than run an agent that detects nothing.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -113,6 +116,59 @@ TEST(AgentCommandLine, CheckMarksRefusalsAsErrorsAndTheRestAsWarnings) {
     }
     EXPECT_NE(RunAgent("--version").out.find("corvane-agent " CORVANE_TEST_VERSION " (revision "),
               std::string::npos);
+}
+
+// Every sink's resources as the report task checks them at start, none by connecting: each
+// fault is an error under its agent.json key; with the resources in place the same sinks pass,
+// except where the unit's sandbox would not let the agent write.
+TEST(AgentCommandLine, CheckFindsWhatKeepsEachSinkFromDelivering) {
+    const TestSupport::TempDir dir("sinks");
+    const std::string d = dir.path() + "/";
+    ASSERT_EQ(std::system(("cd " + d +
+                           " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes "
+                           "-keyout ca.key -out ca.pem -days 1 -subj /CN=corvane-test 2>/dev/null")
+                              .c_str()),
+              0);
+    dir.Write("token", "secret\n");
+    const int relay = ::socket(AF_UNIX, SOCK_DGRAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof(address.sun_path), "%slog.sock", d.c_str());
+    ASSERT_EQ(::bind(relay, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    const auto check = [&](const std::string& no, const std::string& fileDir, const std::string& scheme,
+                           const std::string& property, const std::string& more = "") {
+        const std::string config = dir.Write(
+            "agent.json",
+            R"({"alerts": {"file": "", "spool": {"directory": ")" + d +
+                R"(spool"}, "sinks": [{"type": "syslog", "host": "127.0.0.1", "port": 1, "tls": true, "ca_file": ")" +
+                d + no + R"(ca.pem"}, {"type": "webhook", "url": ")" + scheme +
+                R"(://127.0.0.1:1/", "token_file": ")" + d + no +
+                R"(token"}, {"type": "syslog", "socket": ")" + d + no +
+                R"(log.sock"}, {"type": "file", "path": ")" + fileDir +
+                R"(/alerts.json"}, {"type": "kafka", "brokers": "127.0.0.1:1", "topic": "t", "properties": {")" +
+                property + R"(": "5"}}]}})");
+        return RunAgent("--check --config " + config + " --policy-dir " + AgentRunner::BuildDir() +
+                        "/conf/policies " + more);
+    };
+    const Outcome faulty = check("no-", "/proc", "ftp", "no.such.property");
+    EXPECT_EQ(faulty.status, 1);
+    const std::string error = d + "agent.json: error: alerts.sinks";
+    EXPECT_TRUE(HasLine(faulty.out, error + "[0].ca_file: ", "No such file")) << faulty.out;
+    EXPECT_TRUE(HasLine(faulty.out, error + "[1].token_file: ", "No such file")) << faulty.out;
+    EXPECT_TRUE(HasLine(faulty.out, error + "[1].url: ", "\"ftp\"")) << faulty.out;
+    EXPECT_TRUE(HasLine(faulty.out, error + "[2].socket: ", "No such file")) << faulty.out;
+    EXPECT_TRUE(HasLine(faulty.out, error + "[3].path: ", "proc file system")) << faulty.out;
+    EXPECT_TRUE(HasLine(faulty.out, error + "[4].properties.no.such.property: ", "No such configuration"))
+        << faulty.out;
+
+    const Outcome valid = check("", dir.path(), "https", "linger.ms");
+    EXPECT_EQ(valid.status, 0) << valid.out;
+    const std::string unit = dir.Write("corvane-agent.service",
+                                       "[Service]\nProtectSystem=strict\nReadWritePaths=" + d + "spool\n");
+    const Outcome sandboxed = check("", dir.path(), "https", "linger.ms", "--unit " + unit);
+    EXPECT_TRUE(HasLine(sandboxed.out, error + "[3].path: ", "lies outside what " + unit)) << sandboxed.out;
+    EXPECT_EQ(sandboxed.out.find("alerts.spool.directory"), std::string::npos) << sandboxed.out;
+    ::close(relay);
 }
 
 TEST(AgentCommandLine, StartsThatWouldDetectNothingFailWithExitCode2) {

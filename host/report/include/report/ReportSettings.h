@@ -9,8 +9,11 @@ namespace Agent {
 
 // One entry of agent.json "alerts.sinks". Only the fields of its type are used.
 struct SinkSettings {
-    std::string type;       // "stdout", "file", "syslog", "relp", "webhook", "kafka"
-    std::string name;       // names its spool position; unique, defaults to the type
+    std::string type;  // "stdout", "file", "syslog", "relp", "webhook", "kafka"
+    std::string name;  // names its spool position; unique, defaults to the type
+    // Where agent.json sets the sink, for messages: "alerts.sinks[2]", or "alerts.file"
+    // for the sink that key adds on its own.
+    std::string origin;
     bool envelope = false;  // wrap each alert in the SIEM envelope
     // The longest message the destination takes; 0: the type's default (syslog
     // and RELP 8 KiB, rsyslog's; Kafka message.max.bytes; webhook 1 MiB; files
@@ -44,6 +47,10 @@ struct SinkSettings {
     std::string topic;
     std::string key;                                // message key; empty: the host name
     std::map<std::string, std::string> properties;  // passed to librdkafka as they are
+
+    // The dotted agent.json key of the sink's `member` ("alerts.sinks[2].ca_file"); the
+    // sinks of "alerts.stdout" and "alerts.file" are that one key.
+    std::string KeyOf(const std::string& member) const;
 };
 
 // Where the report task writes alerts, and its spool.
