@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <map>
+#include <tuple>
+#include <utility>
 
 #include "DetactionTestUtil.h"
 #include "sdk/JsonUtils.h"
@@ -45,17 +47,14 @@ TEST(ResultsTest, FindingsAreReportedOnChangeOnly) {
     TaskPtr task = MakeInitedTask(TaskSection(R"({"tmp": 1, "cpu": 3})"));
     std::map<int, unsigned int> flagsByPid;
     long cpuDetail = 0;
-    auto trace = std::make_shared<FakeDetector::Trace>();
-    task->GetManager().AddDetector(new FakeDetector("fake", trace,
-                                                    [&](const Engine::ProcRecord& proc, unsigned int& flags,
-                                                        Engine::NumDetails& details) {
-                                                        const auto it = flagsByPid.find(proc->pid);
-                                                        if (it != flagsByPid.end()) {
-                                                            flags |= it->second;
-                                                            details[Engine::kDetailCpu] = cpuDetail;
-                                                        }
-                                                        return true;
-                                                    }),
+    auto check = [&](const Engine::ProcRecord& proc, unsigned int& flags, Engine::NumDetails& details) {
+        if (flagsByPid.count(proc->pid) != 0) {
+            flags |= flagsByPid[proc->pid];
+            details[Engine::kDetailCpu] = cpuDetail;
+        }
+        return true;
+    };
+    task->GetManager().AddDetector(new FakeDetector("fake", std::make_shared<FakeDetector::Trace>(), check),
                                    1);
     auto& report = env.report();
     auto cycle = [&](std::map<int, unsigned int> flags, long detail) {
@@ -69,8 +68,7 @@ TEST(ResultsTest, FindingsAreReportedOnChangeOnly) {
     cycle({{a.pid(), Engine::HIGHCPU}, {dead, Engine::HIGHCPU}, {low.pid(), Engine::PROC_TMP}}, 1);
     Engine::ProcDetManager::ResultMap results;
     task->GetManager().GetProcInfoMap(results);
-    EXPECT_EQ(results.count(dead), 0u);
-    EXPECT_EQ(results.count(low.pid()), 1u);
+    EXPECT_EQ(std::make_pair(results.count(dead), results.count(low.pid())), std::make_pair(0ul, 1ul));
     ASSERT_EQ(report.GetCount(), 1u);
     auto sent = ReportedProcesses(report, 0);
     ASSERT_EQ(sent.size(), 1u);
@@ -88,16 +86,15 @@ TEST(ResultsTest, FindingsAreReportedOnChangeOnly) {
     cycle({{a.pid(), Engine::HIGHCPU | Engine::PROC_TMP}, {low.pid(), Engine::PROC_TMP}}, 3);
     ASSERT_EQ(report.GetCount(), 2u);
     sent = ReportedProcesses(report, 1);
-    EXPECT_EQ(sent[a.pid()]["dt_cpu"].asString(), "3.0.0.0");
-    EXPECT_EQ(sent[a.pid()]["rule"].asInt(), 0x21);
-    EXPECT_EQ(sent[a.pid()]["score"].asInt(), 4);
+    EXPECT_EQ(std::make_tuple(sent[a.pid()]["dt_cpu"].asString(), sent[a.pid()]["rule"].asInt(),
+                              sent[a.pid()]["score"].asInt()),
+              std::make_tuple("3.0.0.0", 0x21, 4));
 
     // A no longer flagged: dropped, and the notification carries only what remains.
     cycle({{c.pid(), Engine::HIGHCPU}, {low.pid(), Engine::PROC_TMP}}, 4);
     ASSERT_EQ(report.GetCount(), 3u);
     sent = ReportedProcesses(report, 2);
-    EXPECT_EQ(sent.size(), 1u);
-    EXPECT_EQ(sent.count(c.pid()), 1u);
+    EXPECT_EQ(std::make_pair(sent.size(), sent.count(c.pid())), std::make_pair(1ul, 1ul));
 
     // Nothing flagged: everything dropped, nothing left to send.
     cycle({}, 5);
