@@ -2,7 +2,6 @@
 // buffers are the fuzz target's (fuzz/proc_connector_fuzz.cpp).
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <tuple>
 #include <vector>

@@ -7,8 +7,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <tuple>
 #include <utility>
 #include <vector>

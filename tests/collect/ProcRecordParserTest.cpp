@@ -1,8 +1,6 @@
 // The record parser on texts captured from /proc (tests/data/collect/<case>/).
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <tuple>
 #include <utility>
