@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cctype>
 #include <filesystem>
 #include <set>
@@ -20,13 +21,6 @@ namespace {
 using Engine::ProcDetNetstat;
 using ModuleTest::Sha256Hex;
 using NetstatTest::Ip;
-
-std::string Upper(std::string text) {
-    for (char& c : text) {
-        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    }
-    return text;
-}
 
 class NetstatBlacklistTest : public ::testing::Test {
 protected:
@@ -53,7 +47,9 @@ TEST_F(NetstatBlacklistTest, AddressFileLinesAndLimits) {
 
     // The digest must be given exactly as the host writes it (lowercase).
     out.clear();
-    EXPECT_FALSE(detector.LoadLib(file, Upper(Sha256Hex(content)), out));
+    std::string upper = Sha256Hex(content);
+    std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
+    EXPECT_FALSE(detector.LoadLib(file, upper, out));
     EXPECT_FALSE(detector.LoadLib(file, "", out));
     EXPECT_FALSE(detector.LoadLib(prefix + "/absent.dat", Sha256Hex(""), out));
     EXPECT_FALSE(detector.LoadLib(prefix + "/conf", Sha256Hex(""), out));
