@@ -46,10 +46,9 @@ TEST(AgentSettingsParser, BadValuesKeepTheirDefaultsAndAreNamed) {
               std::tie(defaults.log.level, defaults.log.rotateSize, defaults.cpuShare,
                        defaults.alerts.toStdout, defaults.alerts.rotateBytes, defaults.procsRefreshSeconds));
     // The good siblings of bad values still apply.
-    EXPECT_EQ(settings.log.target, "stderr");
-    EXPECT_EQ(settings.alerts.filePath, "/var/alerts.json");
-    EXPECT_EQ(settings.alerts.keepFiles, 2);
-    EXPECT_EQ(settings.netRefreshSeconds, 7);
+    EXPECT_EQ(std::tie(settings.log.target, settings.alerts.filePath, settings.alerts.keepFiles,
+                       settings.netRefreshSeconds),
+              std::make_tuple("stderr", "/var/alerts.json", 2, 7));
 }
 
 TEST(AgentSettingsParser, SinksAreCheckedEntryByEntryAndEachBadOneIsNamed) {
@@ -77,12 +76,10 @@ TEST(AgentSettingsParser, SinksAreCheckedEntryByEntryAndEachBadOneIsNamed) {
     }
     EXPECT_EQ(problems.size(), 10u);
     ASSERT_EQ(settings.alerts.sinks.size(), 3u);
-    EXPECT_EQ(settings.alerts.sinks[0].properties.at("acks"), "1");
-    EXPECT_EQ(settings.alerts.sinks[1].name, "webhook");
-    EXPECT_EQ(settings.alerts.sinks[1].format, "lines");
-    EXPECT_EQ(settings.alerts.sinks[2].socket, "/dev/log");
-    EXPECT_TRUE(settings.alerts.sinks[2].envelope);
-    EXPECT_EQ(settings.alerts.spoolMaxBytes, 1u << 20);
+    const auto& sinks = settings.alerts.sinks;
+    EXPECT_EQ(std::make_tuple(sinks[0].properties.at("acks"), sinks[1].name, sinks[1].format, sinks[2].socket,
+                              sinks[2].envelope, settings.alerts.spoolMaxBytes),
+              std::make_tuple("1", "webhook", "lines", "/dev/log", true, 1u << 20));
 }
 
 TEST(AgentSettingsParser, UnusableFilesLeaveEverythingAtDefaults) {
@@ -111,13 +108,10 @@ TEST(CommandLine, ParsesEveryOptionInBothFormsAndRefusesMistakes) {
          "--module=b.so", "--alerts", "-", "--log-level", "debug"},
         options, error))
         << error;
-    EXPECT_EQ(options.prefix, "/opt/c");
-    EXPECT_EQ(options.config, "/etc/a.json");
-    EXPECT_EQ(options.policyDir, "pol");
-    EXPECT_EQ(options.modules, (std::vector<std::string>{"a.so", "b.so"}));
-    EXPECT_EQ(options.alerts, "-");
-    EXPECT_EQ(options.logLevel, "debug");
-    EXPECT_FALSE(options.help);
+    EXPECT_EQ(std::tie(options.prefix, options.config, options.policyDir, options.modules, options.alerts,
+                       options.logLevel, options.help),
+              std::make_tuple("/opt/c", "/etc/a.json", "pol", std::vector<std::string>{"a.so", "b.so"}, "-",
+                              "debug", false));
 
     Agent::AgentOptions help;
     EXPECT_TRUE(Agent::CommandLine::Parse({"-h"}, help, error));
@@ -136,11 +130,12 @@ TEST(CommandLine, ParsesEveryOptionInBothFormsAndRefusesMistakes) {
 
 TEST(AgentPaths, PrefixComesFromTheOptionOrFromTheExecutablesBinDirectory) {
     Agent::AgentOptions none;
-    Agent::AgentPaths built = Agent::AgentPaths::Resolve(none, "/work/build/bin/corvane-agent", "/home/u");
-    EXPECT_EQ(built.prefix, "/work/build/");
-    EXPECT_EQ(built.config, "/work/build/conf/agent.json");
-    EXPECT_EQ(built.policyDir, "/work/build/conf/policies/");
-    EXPECT_EQ(built.moduleDir, "/work/build/module/");
+    const auto Paths = [](const Agent::AgentPaths& paths) {
+        return std::make_tuple(paths.prefix, paths.config, paths.policyDir, paths.moduleDir);
+    };
+    EXPECT_EQ(Paths(Agent::AgentPaths::Resolve(none, "/work/build/bin/corvane-agent", "/home/u")),
+              std::make_tuple("/work/build/", "/work/build/conf/agent.json", "/work/build/conf/policies/",
+                              "/work/build/module/"));
 
     EXPECT_EQ(Agent::AgentPaths::Resolve(none, "/tmp/corvane-agent", "/").prefix, "/usr/local/corvane/");
     EXPECT_EQ(Agent::AgentPaths::Resolve(none, "", "/").prefix, "/usr/local/corvane/");
@@ -149,9 +144,6 @@ TEST(AgentPaths, PrefixComesFromTheOptionOrFromTheExecutablesBinDirectory) {
     given.prefix = "inst";
     given.config = "my.json";
     given.policyDir = "/etc/pol";
-    Agent::AgentPaths paths = Agent::AgentPaths::Resolve(given, "/work/build/bin/corvane-agent", "/home/u");
-    EXPECT_EQ(paths.prefix, "/home/u/inst/");
-    EXPECT_EQ(paths.config, "/home/u/my.json");
-    EXPECT_EQ(paths.policyDir, "/etc/pol/");
-    EXPECT_EQ(paths.moduleDir, "/home/u/inst/module/");
+    EXPECT_EQ(Paths(Agent::AgentPaths::Resolve(given, "/work/build/bin/corvane-agent", "/home/u")),
+              std::make_tuple("/home/u/inst/", "/home/u/my.json", "/etc/pol/", "/home/u/inst/module/"));
 }

@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <tuple>
+
 #include "CollectHost.h"
 #include "ProcNetTcpSource.h"
 #include "SockDiagSource.h"
@@ -16,22 +18,14 @@ namespace {
 
 using TestSupport::WaitFor;
 
-class Fd {
-public:
-    explicit Fd(int fd) : fd_(fd) {}
-    ~Fd() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-    }
-    int get() const { return fd_; }
-
-private:
-    int fd_;
+struct Fd {
+    ~Fd() { ::close(fd); }
+    int get() const { return fd; }
+    int fd;
 };
 
 TEST(NetCollectE2E, LoopbackConnectionAppearsWithItsInode) {
-    Fd listener(::socket(AF_INET, SOCK_STREAM, 0));
+    Fd listener{::socket(AF_INET, SOCK_STREAM, 0)};
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = inet_addr("127.0.0.1");
@@ -39,9 +33,9 @@ TEST(NetCollectE2E, LoopbackConnectionAppearsWithItsInode) {
     ASSERT_EQ(0, ::bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address));
     ASSERT_EQ(0, ::listen(listener.get(), 1));
     ASSERT_EQ(0, ::getsockname(listener.get(), reinterpret_cast<sockaddr*>(&address), &length));
-    Fd client(::socket(AF_INET, SOCK_STREAM, 0));
+    Fd client{::socket(AF_INET, SOCK_STREAM, 0)};
     ASSERT_EQ(0, ::connect(client.get(), reinterpret_cast<sockaddr*>(&address), sizeof address));
-    Fd accepted(::accept(listener.get(), nullptr, nullptr));
+    Fd accepted{::accept(listener.get(), nullptr, nullptr)};
     struct stat socketStat {};
     ASSERT_EQ(0, ::fstat(client.get(), &socketStat));
     const long inode = static_cast<long>(socketStat.st_ino);
@@ -53,10 +47,8 @@ TEST(NetCollectE2E, LoopbackConnectionAppearsWithItsInode) {
     Engine::NetProcsFullTask::NetMap map;
     ASSERT_TRUE(WaitFor([&] { return task->GetNetCacheMap(map) > 0 && map.count(inode) == 1; }, 10000));
     const auto& connection = *map.at(inode);
-    EXPECT_EQ(inet_addr("127.0.0.1"), connection.remoteAddr);
-    EXPECT_EQ(port, connection.remotePort);
-    EXPECT_EQ(1, connection.state);
-    EXPECT_EQ(0u, connection.uid);
+    EXPECT_EQ(std::make_tuple(connection.remoteAddr, connection.remotePort, connection.state, connection.uid),
+              std::make_tuple(inet_addr("127.0.0.1"), port, 1, 0u));
     EXPECT_NE(std::string::npos,
               connection.text.find("-> 127.0.0.1:" + std::to_string(port) + " ESTABLISHED"));
 

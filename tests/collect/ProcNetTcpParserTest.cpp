@@ -7,8 +7,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -62,9 +60,8 @@ TEST(ProcNetTcpParser, OddLines) {
     // Three malformed lines; the TIME_WAIT line has no inode and is left out.
     EXPECT_EQ(3u, ProcNetTcpParser::ParseTable(table, false, map));
     ASSERT_EQ(1u, map.size());
-    EXPECT_EQ(inet_addr("10.0.0.10"), map.at(77)->remoteAddr);
-    EXPECT_EQ(445u, map.at(77)->remotePort);
-    EXPECT_EQ(1000u, map.at(77)->uid);
+    EXPECT_EQ(std::make_tuple(map.at(77)->remoteAddr, map.at(77)->remotePort, map.at(77)->uid),
+              std::make_tuple(inet_addr("10.0.0.10"), 445u, 1000u));
 
     // A tcp6 line with an IPv4 word count is malformed, not misread.
     Engine::NetProcsMessage::netProcInfo info;
@@ -109,10 +106,9 @@ TEST(SockDiagDecoder, MappedSocketAndEndOfDump) {
     EXPECT_EQ(Engine::SockDiagDecoder::Status::kDone, result.status);
     ASSERT_EQ(1u, map.size());
     const auto& connection = *map.at(4242);
-    EXPECT_EQ(inet_addr("10.1.2.3"), connection.remoteAddr);
-    EXPECT_EQ(22u, connection.remotePort);
-    EXPECT_EQ(1000u, connection.uid);
-    EXPECT_EQ("192.168.1.2:40000 -> 10.1.2.3:22 ESTABLISHED", connection.text);
+    EXPECT_EQ(
+        std::make_tuple(connection.remoteAddr, connection.remotePort, connection.uid, connection.text),
+        std::make_tuple(inet_addr("10.1.2.3"), 22u, 1000u, "192.168.1.2:40000 -> 10.1.2.3:22 ESTABLISHED"));
 
     // An error answer gives the kernel's errno; a code that is no errno gives EPROTO.
     for (const auto& [code, expected] : {std::pair{-ENOBUFS, ENOBUFS}, std::pair{INT_MIN, EPROTO}}) {
@@ -121,8 +117,8 @@ TEST(SockDiagDecoder, MappedSocketAndEndOfDump) {
         error.error = code;
         append(NLMSG_ERROR, &error, sizeof error);
         const auto failed = Engine::SockDiagDecoder::Decode(buffer.data(), buffer.size(), map);
-        EXPECT_EQ(Engine::SockDiagDecoder::Status::kError, failed.status);
-        EXPECT_EQ(expected, failed.error);
+        EXPECT_EQ(std::make_pair(failed.status, failed.error),
+                  std::make_pair(Engine::SockDiagDecoder::Status::kError, expected));
     }
 }
 

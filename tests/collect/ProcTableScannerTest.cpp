@@ -3,53 +3,40 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <fstream>
 #include <string>
+#include <tuple>
 
 #include "LiveProcsFullTask.h"
 #include "ProcTableScanner.h"
 #include "collect/ProcsFullTask.h"
 #include "sdk/ProcessUtils.h"
+#include "support/TempDir.h"
 
 namespace {
 
-class FakeProcTree {
+// A /proc tree in a temporary directory.
+class FakeProcTree : public TestSupport::TempDir {
 public:
-    FakeProcTree() {
-        char pattern[] = "/tmp/collect-proc-XXXXXX";
-        root_ = ::mkdtemp(pattern);
+    FakeProcTree() : TestSupport::TempDir("collect-proc") {
         Write("stat", "cpu  1 2 3 4\nbtime 1000000\nprocesses 5\n");
     }
-    ~FakeProcTree() { std::system(("rm -rf '" + root_ + "'").c_str()); }
 
     // A process whose stat has the given parent and start time (ticks).
-    void AddProcess(int pid, int ppid, long startTicks, const std::string& exe, unsigned uid = 0) {
-        const std::string dir = std::to_string(pid);
-        ::mkdir((root_ + "/" + dir).c_str(), 0755);
-        Write(dir + "/stat", std::to_string(pid) + " (p" + dir + ") S " + std::to_string(ppid) +
-                                 " 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 " + std::to_string(startTicks) +
-                                 " 100 10 0 0 0\n");
+    void AddProcess(int pid, int ppid, long startTicks, const std::string& exe, unsigned uid = 0) const {
+        const std::string dir = std::to_string(pid) + "/";
+        const std::string name = "p" + std::to_string(pid);
         const std::string ids = std::to_string(uid);
-        Write(dir + "/status", "Name:\tp" + dir + "\nUid:\t" + ids + "\t" + ids + "\t" + ids + "\t" + ids +
-                                   "\nGid:\t7\t7\t7\t7\nCapEff:\t0000000000000000\n");
-        Write(dir + "/cmdline", std::string("p") + dir + std::string("\0-x\0", 4));
+        Write(dir + "stat", std::to_string(pid) + " (" + name + ") S " + std::to_string(ppid) +
+                                " 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 " + std::to_string(startTicks) +
+                                " 100 10 0 0 0\n");
+        Write(dir + "status", "Name:\t" + name + "\nUid:\t" + ids + "\t" + ids + "\t" + ids + "\t" + ids +
+                                  "\nGid:\t7\t7\t7\t7\nCapEff:\t0000000000000000\n");
+        Write(dir + "cmdline", name + std::string("\0-x\0", 4));
         if (!exe.empty()) {
-            EXPECT_EQ(0, ::symlink(exe.c_str(), (root_ + "/" + dir + "/exe").c_str()));
+            EXPECT_EQ(0, ::symlink(exe.c_str(), (root() + "/" + dir + "exe").c_str()));
         }
     }
-    void Write(const std::string& relative, const std::string& text) {
-        std::ofstream(root_ + "/" + relative, std::ios::binary) << text;
-    }
-    const std::string& root() const { return root_; }
-
-private:
-    std::string root_;
-};
-
-class SnapshotTask : public Engine::LiveProcsFullTask {
-public:
-    SnapshotTask() : Engine::LiveProcsFullTask(60) {}
+    const std::string& root() const { return path(); }
 };
 
 TEST(ProcsFullTask, SnapshotOfAFakeTreeLinksParents) {
@@ -65,7 +52,7 @@ TEST(ProcsFullTask, SnapshotOfAFakeTreeLinksParents) {
 
     const std::string previousRoot = SDK::ProcessUtils::GetProcRoot();
     SDK::ProcessUtils::SetProcRoot(tree.root());
-    auto* task = new SnapshotTask();
+    auto* task = new Engine::LiveProcsFullTask(60);
     Engine::ProcsFullTask::ProcsMap map;
     const int count = task->GetProcsMap(map);
     SDK::ProcessUtils::SetProcRoot(previousRoot);
@@ -74,15 +61,11 @@ TEST(ProcsFullTask, SnapshotOfAFakeTreeLinksParents) {
     ASSERT_EQ(5u, map.size());
     EXPECT_EQ(0u, map.count(43));
     const auto& child = *map.at(41);
-    EXPECT_EQ(40, child.ppid);
-    EXPECT_EQ("/usr/bin/child", child.exePath);
-    EXPECT_EQ("/usr/bin/parent (deleted)", child.parentExePath);
-    EXPECT_EQ(300, child.parentStartTime);
-    EXPECT_EQ(450, child.startTime);
-    EXPECT_EQ(1000000 + 4, child.startTimeSec);  // 450 ticks at 100 per second
-    EXPECT_EQ(1000u, child.uid);
-    EXPECT_EQ(7u, child.egid);
-    EXPECT_EQ("p41 -x", child.cmdline);
+    EXPECT_EQ(std::make_tuple(child.ppid, child.exePath, child.parentExePath, child.parentStartTime,
+                              child.startTime, child.startTimeSec, child.uid, child.egid, child.cmdline),
+              std::make_tuple(40, "/usr/bin/child", "/usr/bin/parent (deleted)", 300, 450,
+                              1000000 + 4,  // 450 ticks at 100 per second
+                              1000u, 7u, "p41 -x"));
     EXPECT_EQ("/sbin/init", map.at(40)->parentExePath);
     EXPECT_TRUE(map.at(2)->exePath.empty());
     EXPECT_TRUE(map.at(42)->parentExePath.empty());

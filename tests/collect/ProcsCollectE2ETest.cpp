@@ -20,6 +20,7 @@
 #include <set>
 #include <sstream>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "CollectHost.h"
@@ -110,24 +111,15 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         events_.push_back({pid, flag, std::move(record)});
     }
-    // The first event of `flag` for `pid`, if any.
-    std::shared_ptr<Record> Find(int pid, unsigned int flag) {
+    // The first event of `flag` (any flag when 0) for `pid`, if any.
+    std::shared_ptr<Record> Find(int pid, unsigned int flag = 0) {
         std::lock_guard<std::mutex> lock(mutex_);
         for (const auto& event : events_) {
-            if (event.pid == pid && event.flag == flag) {
+            if (event.pid == pid && (flag == 0 || event.flag == flag)) {
                 return event.record ? event.record : std::make_shared<Record>();
             }
         }
         return nullptr;
-    }
-    bool Saw(int pid) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        for (const auto& event : events_) {
-            if (event.pid == pid) {
-                return true;
-            }
-        }
-        return false;
     }
 
 private:
@@ -193,7 +185,7 @@ void ObserveForkAndIdentityChange(uid_t uid, uid_t euid, bool regain, Observed& 
     EXPECT_TRUE(WaitFor(
         [&] { return (seen.changed = sink->Find(seen.child, Engine::PROCS_EVENT_UID)) != nullptr; }, 10000));
     child.Kill();
-    seen.threadSeen = sink->Saw(threadId);
+    seen.threadSeen = sink->Find(threadId) != nullptr;
     host.engine().UnRegisterTask(sink->GetTaskName());
     sink->release();
 }
@@ -203,22 +195,18 @@ TEST(ProcsCollectE2E, ForkAndIdentityChangeReachASubscriber) {
     ASSERT_NO_FATAL_FAILURE(ObserveForkAndIdentityChange(1000, 1001, true, seen));
     ASSERT_FALSE(seen.polling) << "the process connector is not usable here";
     ASSERT_NE(nullptr, seen.forked);
-    EXPECT_EQ(seen.child, seen.forked->pid);
-    EXPECT_EQ(::getpid(), seen.forked->ppid);
-    EXPECT_EQ(0u, seen.forked->uid);
-    EXPECT_EQ(0u, seen.forked->euid);
-    EXPECT_EQ(kSelfExe, seen.forked->exePath);
-    EXPECT_EQ(kSelfExe, seen.forked->parentExePath);
+    EXPECT_EQ(std::make_tuple(seen.forked->pid, seen.forked->ppid, seen.forked->uid, seen.forked->euid,
+                              seen.forked->exePath, seen.forked->parentExePath),
+              std::make_tuple(seen.child, ::getpid(), 0u, 0u, kSelfExe, kSelfExe));
     std::string argv0;
     std::getline(std::ifstream("/proc/self/cmdline"), argv0, '\0');
     EXPECT_EQ(0u, seen.forked->cmdline.rfind(argv0, 0)) << seen.forked->cmdline;  // the parent's arguments
     EXPECT_GT(seen.forked->startTime, 0);
     ASSERT_NE(nullptr, seen.changed);
-    EXPECT_EQ(seen.child, seen.changed->pid);
     // The ids the event announced, not those the process took since.
-    EXPECT_EQ(1000u, seen.changed->uid);
-    EXPECT_EQ(1001u, seen.changed->euid);
-    EXPECT_EQ(seen.forked->startTime, seen.changed->startTime);
+    EXPECT_EQ(
+        std::make_tuple(seen.changed->pid, seen.changed->uid, seen.changed->euid, seen.changed->startTime),
+        std::make_tuple(seen.child, 1000u, 1001u, seen.forked->startTime));
     EXPECT_FALSE(seen.threadSeen);
 }
 
@@ -233,25 +221,15 @@ TEST(ProcsCollectE2E, WithoutTheConnectorRescansDeliverForkAndIdentityChange) {
     }).join();
     EXPECT_TRUE(seen.polling);
     ASSERT_NE(nullptr, seen.forked);
-    EXPECT_EQ(::getpid(), seen.forked->ppid);
-    EXPECT_EQ(0u, seen.forked->euid);
+    EXPECT_EQ(std::make_pair(seen.forked->ppid, seen.forked->euid), std::make_pair(::getpid(), 0u));
     ASSERT_NE(nullptr, seen.changed);
-    EXPECT_EQ(2000u, seen.changed->uid);
-    EXPECT_EQ(2000u, seen.changed->euid);
+    EXPECT_EQ(std::make_pair(seen.changed->uid, seen.changed->euid), std::make_pair(2000u, 2000u));
 }
 
-// Capabilities and command line count for the compared processes only: the
-// table reads those of the others at their events.
-bool SameRecord(const Record& a, const Record& b, bool compared) {
-    return a.pid == b.pid && a.ppid == b.ppid && a.uid == b.uid && a.euid == b.euid && a.suid == b.suid &&
-           a.gid == b.gid && a.egid == b.egid && a.sgid == b.sgid && a.name == b.name &&
-           a.exePath == b.exePath && a.startTime == b.startTime && a.parentExePath == b.parentExePath &&
-           a.parentStartTime == b.parentStartTime &&
-           (!compared ||
-            (a.capSetuid == b.capSetuid && a.capSetgid == b.capSetgid && a.cmdline == b.cmdline));
-}
-
-std::string Describe(const Engine::ProcsFullTask::ProcsMap& table, int pid) {
+// The fields of `pid` in `table` that a rescan must agree with, as text. Capabilities and
+// command line count for the compared processes only: the table reads those of the others at
+// their events.
+std::string At(const Engine::ProcsFullTask::ProcsMap& table, int pid, bool compared = true) {
     const auto it = table.find(pid);
     if (it == table.end()) {
         return "(none)";
@@ -259,17 +237,12 @@ std::string Describe(const Engine::ProcsFullTask::ProcsMap& table, int pid) {
     const Record& r = *it->second;
     std::ostringstream text;
     text << r.name << " ppid " << r.ppid << " uid " << r.uid << "/" << r.euid << "/" << r.suid << " gid "
-         << r.gid << "/" << r.egid << "/" << r.sgid << " caps " << r.capSetuid << r.capSetgid << " start "
-         << r.startTime << " exe " << r.exePath << " [" << r.cmdline << "] parent " << r.parentExePath << " "
-         << r.parentStartTime;
+         << r.gid << "/" << r.egid << "/" << r.sgid << " start " << r.startTime << " exe " << r.exePath
+         << " parent " << r.parentExePath << " " << r.parentStartTime;
+    if (compared) {
+        text << " caps " << r.capSetuid << r.capSetgid << " [" << r.cmdline << "]";
+    }
     return text.str();
-}
-
-bool SameAt(const Engine::ProcsFullTask::ProcsMap& a, const Engine::ProcsFullTask::ProcsMap& b, int pid,
-            bool compared = true) {
-    const auto x = a.find(pid);
-    const auto y = b.find(pid);
-    return (x == a.end()) == (y == b.end()) && (x == a.end() || SameRecord(*x->second, *y->second, compared));
 }
 
 // A child that, once `gate` is written, makes a change the kernel announces
@@ -397,14 +370,13 @@ TEST(ProcsCollectE2E, LiveTableEqualsARescanAfterChurn) {
     int checked = 0;
     for (const int pid : pids) {
         const auto scanned = scan1.find(pid);
-        if (!SameAt(live1, live2, pid) || !SameAt(scan1, scan2, pid) ||
+        if (At(live1, pid) != At(live2, pid) || At(scan1, pid) != At(scan2, pid) ||
             (scanned != scan1.end() && (scanned->second->ppid == 2 || pid == 2))) {
             continue;  // changed meanwhile, or a kernel thread (named after its current work)
         }
         ++checked;
         const bool named = std::count(compared.begin(), compared.end(), pid) != 0 || pid == ::getpid();
-        EXPECT_TRUE(SameAt(live1, scan1, pid, named))
-            << "pid " << pid << "\n live: " << Describe(live1, pid) << "\n scan: " << Describe(scan1, pid);
+        EXPECT_EQ(At(live1, pid, named), At(scan1, pid, named)) << "pid " << pid;
     }
     for (const auto& child : children) {
         if (child->pid() > 0 && scan1.count(child->pid()) != 0) {

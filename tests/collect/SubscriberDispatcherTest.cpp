@@ -1,15 +1,14 @@
 // Delivery with per-subscriber backlogs, against tasks registered with a real engine.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <memory>
-#include <thread>
 #include <vector>
 
 #include "SubscriberDispatcher.h"
 #include "collect/MixedTask.h"
 #include "framework/Engine.h"
 #include "framework/Module.h"
+#include "support/WaitFor.h"
 
 namespace {
 
@@ -27,30 +26,18 @@ public:
     std::vector<int> pids;
 };
 
-class TestModule : public Framework::Module {
-public:
-    TestModule() : Framework::Module("collect_test_module") {}
-};
-
 std::shared_ptr<Framework::Message> Event(int pid) {
     return std::make_shared<ProcsMessage>(pid, Engine::PROCS_EVENT_FORK, nullptr);
 }
 
-bool WaitRunning(Framework::Task& task) {
-    for (int i = 0; i < 500 && task.state() != Poco::Task::TASK_RUNNING; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return task.state() == Poco::Task::TASK_RUNNING;
-}
-
 TEST(SubscriberDispatcher, BacklogKeepsOrderAndBoundsMemory) {
     Framework::Engine engine;
-    TestModule module;
+    Framework::Module module("collect_test_module");
     auto* subscriber = new SlowSubscriber("slow_subscriber_task", 4);
     auto* stopped = new SlowSubscriber("stopped_subscriber_task", 4);  // never registered
     subscriber->SetTaskEnabled(true);
     ASSERT_EQ(0, module.RegisterTask(subscriber, false));
-    ASSERT_TRUE(WaitRunning(*subscriber));
+    ASSERT_TRUE(TestSupport::WaitFor([&] { return subscriber->state() == Poco::Task::TASK_RUNNING; }));
     {
         // Each event counts 100 bytes against a backlog of 600.
         Engine::SubscriberDispatcher dispatcher(600);

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "RecordingTask.h"
@@ -106,26 +108,25 @@ TEST_F(PolicyDeliveryTest, TaskSeesItsPolicyInInitAndBadTextsChangeNothing) {
     EXPECT_EQ((std::vector<std::string>{"Init", "every 7", "feature policy_feature", "scheduled 7", "Run"}),
               task->Events());
     ASSERT_NE(nullptr, sibling->GetFeaturePolicy());
-    EXPECT_EQ("policy_feature", sibling->GetFeaturePolicy()->GetName());
-    EXPECT_EQ(nullptr, sibling->GetTaskPolicy());
+    EXPECT_EQ(std::make_pair(sibling->GetFeaturePolicy()->GetName(), sibling->GetTaskPolicy()),
+              std::make_pair(std::string("policy_feature"), static_cast<Framework::TaskPolicy*>(nullptr)));
 
     EXPECT_EQ(-1, engine_.DeliverPolicy("10001", "policy_feature", "{\"enabled\": tru"));
-    EXPECT_EQ(first, engine_.GetPolicyText("10001", "policy_feature"));
-    EXPECT_EQ(1u, module.currents.size());
-    EXPECT_EQ(1, task->Count("Init"));
+    EXPECT_EQ(std::make_tuple(engine_.GetPolicyText("10001", "policy_feature"), module.currents.size(),
+                              task->Count("Init")),
+              std::make_tuple(first, 1ul, 1));
 
     ASSERT_EQ(0, engine_.DeliverPolicy("10001", "policy_feature",
                                        R"({"enabled": true, "task_condition": {"repeat_interval": 9}})"));
     ASSERT_TRUE(task->WaitFor("Run", 2));
     EXPECT_EQ(1, task->Count("every 9"));
     ASSERT_EQ(2u, module.currents.size());
-    EXPECT_EQ(nullptr, module.currents[0]);
-    ASSERT_NE(nullptr, module.currents[1]);
+    EXPECT_TRUE(module.currents[0] == nullptr && module.currents[1] != nullptr);
 
     // A callback that returns nothing leaves the stored policy in place.
     ASSERT_EQ(0, engine_.DeliverPolicy("10001", "policy_feature", R"({"enabled": false})"));
-    EXPECT_EQ(nullptr, engine_.FindTask("policy_task"));
-    EXPECT_EQ(2, task->Count("UnInit"));
+    EXPECT_EQ(std::make_pair(engine_.FindTask("policy_task"), task->Count("UnInit")),
+              std::make_pair(static_cast<Framework::Task*>(nullptr), 2));
     ASSERT_EQ(0, engine_.DeliverPolicy("10001", "policy_feature",
                                        R"({"enabled": true, "task_condition": {"repeat_interval": 11}})"));
     ASSERT_EQ(4u, module.currents.size());
@@ -136,8 +137,7 @@ TEST_F(PolicyDeliveryTest, TaskSeesItsPolicyInInitAndBadTextsChangeNothing) {
 
     // Removing the module deletes its policies; no task may keep pointing at them.
     engine_.RemoveModule(&module);
-    EXPECT_EQ(nullptr, sibling->GetFeaturePolicy());
-    EXPECT_EQ(nullptr, task->GetTaskPolicy());
+    EXPECT_TRUE(sibling->GetFeaturePolicy() == nullptr && task->GetTaskPolicy() == nullptr);
     module.UnRegisterTask("sibling_task");
 }
 

@@ -6,6 +6,8 @@
 #include <mutex>
 #include <stdexcept>
 #include <thread>
+#include <tuple>
+#include <utility>
 
 #include "RecordingTask.h"
 #include "framework/Engine.h"
@@ -44,14 +46,11 @@ TEST_F(TaskLifecycleTest, PeriodicTaskKeepsItsRateThroughFailures) {
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
     ASSERT_EQ(0, module_.UnRegisterTask("periodic_task"));
 
-    const auto events = task->Events();
-    EXPECT_EQ("Init", events.front());
-    EXPECT_EQ("UnInit", events.back());
-    EXPECT_EQ(1, task->Count("UnInit"));
-    ASSERT_EQ(1u, task->Threads().size());
-    EXPECT_NE(std::this_thread::get_id(), *task->Threads().begin());
-    EXPECT_EQ(nullptr, engine_.FindTask("periodic_task"));
-    EXPECT_EQ(1, task->referenceCount());
+    // One thread of its own, one UnInit at the end, and no reference left behind.
+    EXPECT_EQ(std::make_tuple(task->Events().front(), task->Events().back(), task->Count("UnInit"),
+                              task->Threads().size(), task->Threads().count(std::this_thread::get_id()),
+                              engine_.FindTask("periodic_task"), task->referenceCount()),
+              std::make_tuple("Init", "UnInit", 1, 1ul, 0ul, nullptr, 1));
 
     // A start time ahead holds the first run back, and unregistering cuts the wait short.
     TaskRef later(new RecordingTask("later_task", TaskCondition::TASK_TYPE_PERIODIC));
@@ -60,8 +59,7 @@ TEST_F(TaskLifecycleTest, PeriodicTaskKeepsItsRateThroughFailures) {
     ASSERT_TRUE(later->WaitFor("Init"));
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     ASSERT_EQ(0, module_.UnRegisterTask("later_task"));
-    EXPECT_EQ(0, later->Count("Run"));
-    EXPECT_EQ(1, later->Count("UnInit"));
+    EXPECT_EQ(std::make_pair(later->Count("Run"), later->Count("UnInit")), std::make_pair(0, 1));
 }
 
 TEST_F(TaskLifecycleTest, UnregisterCancelsResidentTaskAndAllowsRestart) {
@@ -90,8 +88,7 @@ TEST_F(TaskLifecycleTest, UnregisterCancelsResidentTaskAndAllowsRestart) {
     ASSERT_TRUE(task->WaitFor("Run", 2));
     EXPECT_EQ(2, task->Count("Init"));
     ASSERT_EQ(0, module_.UnRegisterTask("resident_task"));
-    EXPECT_EQ(2, task->Count("sleep cut"));
-    EXPECT_EQ(2, task->Count("UnInit"));
+    EXPECT_EQ(std::make_pair(task->Count("sleep cut"), task->Count("UnInit")), std::make_pair(2, 2));
 }
 
 TEST_F(TaskLifecycleTest, RegistrationRefusesNullDisabledAndDuplicateTasks) {
@@ -102,14 +99,14 @@ TEST_F(TaskLifecycleTest, RegistrationRefusesNullDisabledAndDuplicateTasks) {
     disabled->SetTaskEnabled(false);
 
     EXPECT_EQ(0, module_.RegisterTask(first.get(), false));
-    EXPECT_EQ(-1, module_.RegisterTask(second.get(), false));
-    EXPECT_EQ(-1, module_.RegisterTask(disabled.get(), false));
-    EXPECT_EQ(-1, module_.RegisterTask(nullptr, false));
-    EXPECT_EQ(first.get(), engine_.FindTask("dup_task"));
-    EXPECT_EQ(nullptr, engine_.FindTask("off_task"));
+    for (RecordingTask* refused : {second.get(), disabled.get(), static_cast<RecordingTask*>(nullptr)}) {
+        EXPECT_EQ(-1, module_.RegisterTask(refused, false));
+    }
+    EXPECT_EQ(
+        std::make_pair(engine_.FindTask("dup_task"), engine_.FindTask("off_task")),
+        std::make_pair(static_cast<Framework::Task*>(first.get()), static_cast<Framework::Task*>(nullptr)));
     EXPECT_EQ(0, module_.UnRegisterTask("never_registered"));
-    EXPECT_EQ(1, second->referenceCount());
-    EXPECT_EQ(1, disabled->referenceCount());
+    EXPECT_EQ(std::make_pair(second->referenceCount(), disabled->referenceCount()), std::make_pair(1, 1));
 }
 
 TEST_F(TaskLifecycleTest, ExecuteDoesNotStartAfterAnEarlyCancel) {

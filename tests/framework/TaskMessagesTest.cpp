@@ -73,25 +73,19 @@ TEST(TaskQueueTest, QueueIsBoundedAndInterceptedMessagesBypassIt) {
     EXPECT_FALSE(task->WaitForMsg(60000));
 }
 
-TEST_F(MessagesTest, DirectMessagesReachOnlyRegisteredTasks) {
-    TaskRef receiver = Start("receiver_task");
-    TaskRef sender(new RecordingTask("sender_task", TaskCondition::TASK_TYPE_RESIDENT));
-
-    EXPECT_EQ(0, sender->SendDirectMsg("receiver_task", new Message("hello")));
-    ASSERT_TRUE(receiver->WaitFor("Msg hello"));
-    ASSERT_EQ(1u, receiver->Threads().size());
-    EXPECT_NE(std::this_thread::get_id(), *receiver->Threads().begin());
-
-    EXPECT_EQ(-1, sender->SendDirectMsg("missing_task", new CountedMessage));
-    EXPECT_EQ(0, CountedMessage::alive.load());
-    EXPECT_EQ(-1, sender->SendDirectMsg("receiver_task", nullptr));
-}
-
-TEST_F(MessagesTest, PublishedMessagesReachEachLiveSubscriberOnce) {
+TEST_F(MessagesTest, DirectMessagesReachRegisteredTasksAndPublishedOnesEachLiveSubscriberOnce) {
     TaskRef producer(new RecordingTask("producer_task", TaskCondition::TASK_TYPE_RESIDENT));
     TaskRef one = Start("consumer_one");
     TaskRef two = Start("consumer_two");
     const int oneRefs = one->referenceCount();
+
+    EXPECT_EQ(0, producer->SendDirectMsg("consumer_one", new Message("hello")));
+    ASSERT_TRUE(one->WaitFor("Msg hello"));
+    ASSERT_EQ(1u, one->Threads().size());
+    EXPECT_NE(std::this_thread::get_id(), *one->Threads().begin());
+    EXPECT_EQ(-1, producer->SendDirectMsg("missing_task", new CountedMessage));
+    EXPECT_EQ(0, CountedMessage::alive.load());
+    EXPECT_EQ(-1, producer->SendDirectMsg("consumer_one", nullptr));
 
     EXPECT_EQ(0, producer->AddConsumer(7, "", one.get()));
     EXPECT_EQ(0, producer->AddConsumer(7, "", one.get()));

@@ -3,12 +3,13 @@
 
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 
 #include "sdk/ExecuteCmdUtils.h"
-#include "sdk/FileUtils.h"
 #include "sdk/ProcessUtils.h"
+#include "support/FileText.h"
+#include "support/TempDir.h"
+#include "support/WaitFor.h"
 
 namespace {
 
@@ -41,26 +42,17 @@ TEST(ExecuteCmdUtils, StatusAndCappedOutput) {
 }
 
 TEST(ExecuteCmdUtils, TimeOutKillsTheWholeGroup) {
-    char file[] = "/tmp/sdk_exec_XXXXXX";
-    const int fd = mkstemp(file);
-    ASSERT_GE(fd, 0);
-    close(fd);
+    const TestSupport::TempDir dir("exec");
+    const std::string file = dir.path() + "/pid";
     std::string output;
-    EXPECT_EQ(
-        ExecuteCmdUtils::ExecuteCmd(
-            std::string("echo started; sleep 300 & echo $! > ") + file + "; sleep 301", output, 4096, 1),
-        -1);
+    EXPECT_EQ(ExecuteCmdUtils::ExecuteCmd("echo started; sleep 300 & echo $! > " + file + "; sleep 301",
+                                          output, 4096, 1),
+              -1);
     EXPECT_EQ(output, "started\n");
     // The background sleep went with the shell.
-    std::string text;
-    ASSERT_EQ(SDK::FileUtils::ReadFile(file, text, 100), 0);
-    std::remove(file);
-    const unsigned int background = static_cast<unsigned int>(std::atoi(text.c_str()));
+    const unsigned int background = static_cast<unsigned int>(std::atoi(TestSupport::ReadText(file).c_str()));
     ASSERT_GT(background, 0u);
-    for (int i = 0; i < 100 && SDK::ProcessUtils::IsProcessAlive(background); ++i) {
-        usleep(10 * 1000);
-    }
-    EXPECT_FALSE(SDK::ProcessUtils::IsProcessAlive(background));
+    EXPECT_TRUE(TestSupport::WaitFor([&] { return !SDK::ProcessUtils::IsProcessAlive(background); }, 2000));
 }
 
 }  // namespace

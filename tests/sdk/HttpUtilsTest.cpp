@@ -1,12 +1,13 @@
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
 
-#include "sdk/FileUtils.h"
 #include "sdk/HttpUtils.h"
+#include "support/FileText.h"
 #include "support/HttpTestServer.h"
 #include "support/TempDir.h"
 
@@ -25,19 +26,11 @@ protected:
     int Download(const std::string& path) {
         return SDK::HttpUtils::GetInstance()->Download(server_.Url(path), target_, "", "", "");
     }
-    std::string Target() {
-        std::string text;
-        SDK::FileUtils::ReadFile(target_, text, 0);
-        return text;
-    }
-    // The directory holds the target only: no temporary file was left behind.
-    int EntriesInDir() {
-        int entries = 0;
-        std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(dir_.path().c_str()), closedir);
-        while (const dirent* entry = readdir(dir.get())) {
-            entries += entry->d_name[0] != '.';
-        }
-        return entries;
+    std::string Target() { return TestSupport::ReadText(target_); }
+    // Entries of the directory: the target alone when no temporary file was left behind.
+    long EntriesInDir() {
+        const std::filesystem::directory_iterator entries(dir_.path());
+        return std::distance(begin(entries), end(entries));
     }
 
     TestSupport::HttpTestServer server_;

@@ -11,6 +11,7 @@
 #include <functional>
 #include <set>
 #include <string>
+#include <tuple>
 
 #include "SessionLookup.h"
 #include "sdk/ProcessUtils.h"
@@ -43,35 +44,25 @@ TEST(ProcessUtils, FactsOfAnExecutedChildAndFailuresOnceItIsGone) {
     std::string name;
     char state = 0;
     ASSERT_EQ(ProcessUtils::GetProcessStatInfo(pid, &ppid, &startTime, &name, &state), 0);
-    EXPECT_EQ(ppid, getpid());
-    EXPECT_GT(startTime, 0);
-    EXPECT_EQ(name, "sh");
-    EXPECT_NE(std::string("RSD").find(state), std::string::npos) << state;
-    std::string user;
-    ASSERT_EQ(ProcessUtils::GetProcessUser(0, user), 0);
-    EXPECT_EQ(user, "root");
-    EXPECT_NE(ProcessUtils::GetProcessUser(0xFFFFFFF0u, user), 0);
-
+    EXPECT_EQ(std::make_tuple(ppid, startTime > 0, name, std::string("RSD").find(state) != std::string::npos),
+              std::make_tuple(getpid(), true, "sh", true))
+        << state;
     // The image's hash comes through the exe link and matches the file's.
     std::string viaLink;
     std::string viaFile;
-    bool fromLink = false;
-    ASSERT_EQ(ProcessUtils::GetProcessFileSha256(pid, "/bin/sh", viaLink, fromLink, 10 * 1024 * 1024), 0);
-    EXPECT_TRUE(fromLink);
-    ASSERT_EQ(ProcessUtils::GetProcessFileSha256(-1, resolved, viaFile, fromLink, 10 * 1024 * 1024), 0);
-    EXPECT_FALSE(fromLink);
-    EXPECT_EQ(viaLink, viaFile);
-    EXPECT_NE(ProcessUtils::GetProcessFileSha256(pid, "/bin/sh", viaLink, fromLink, 100), 0);
+    bool linked = false;
+    bool fromFile = true;
+    ASSERT_EQ(ProcessUtils::GetProcessFileSha256(pid, "/bin/sh", viaLink, linked, 10 * 1024 * 1024), 0);
+    ASSERT_EQ(ProcessUtils::GetProcessFileSha256(-1, resolved, viaFile, fromFile, 10 * 1024 * 1024), 0);
+    EXPECT_EQ(std::make_tuple(linked, fromFile, viaLink), std::make_tuple(true, false, viaFile));
+    EXPECT_NE(ProcessUtils::GetProcessFileSha256(pid, "/bin/sh", viaLink, linked, 100), 0);
     ProcessUtils::procStatus status;
     ASSERT_EQ(ProcessUtils::GetProcessStatusInfo(pid, status), 0);  // its file is now kept open
     EXPECT_EQ(status.ppid, getpid());
 
     // Once it exits (a zombie until reaped) and is gone, every call reports failure.
     kill(pid, SIGKILL);
-    for (int i = 0; i < 200 && ProcessUtils::IsProcessAlive(pid); ++i) {
-        usleep(10 * 1000);
-    }
-    EXPECT_FALSE(ProcessUtils::IsProcessAlive(pid));
+    EXPECT_TRUE(TestSupport::WaitFor([&] { return !ProcessUtils::IsProcessAlive(pid); }));
     child.Kill();
     EXPECT_NE(ProcessUtils::GetProcessCmdline(pid, text, 4096), 0);
     EXPECT_NE(ProcessUtils::GetProcessExePath(pid, text), 0);
@@ -79,6 +70,10 @@ TEST(ProcessUtils, FactsOfAnExecutedChildAndFailuresOnceItIsGone) {
     EXPECT_NE(ProcessUtils::GetProcessStatusInfo(pid, status), 0);
     std::set<long> inodes;
     EXPECT_NE(ProcessUtils::GetProcessSocketFd(pid, inodes), 0);
+    std::string user;
+    ASSERT_EQ(ProcessUtils::GetProcessUser(0, user), 0);
+    EXPECT_EQ(user, "root");
+    EXPECT_NE(ProcessUtils::GetProcessUser(0xFFFFFFF0u, user), 0);
 }
 
 // Status is read through a file kept open for the last pid: each read must show
@@ -147,10 +142,8 @@ TEST(ProcessUtils, SessionRecordsFromUtmpByLoginPid) {
 
     ProcessUtils::SessionInfo info;
     ASSERT_EQ(SDK::FindUtmpSession(utmp, 999, info), 0);
-    EXPECT_EQ(info.user, "carol");
-    EXPECT_EQ(info.terminal, "pts/4");
-    EXPECT_EQ(info.host, std::string(sizeof(entries[1].ut_host), 'h'));
-    EXPECT_EQ(info.loginTime, 1650000000L);
+    EXPECT_EQ(std::make_tuple(info.user, info.terminal, info.host, info.loginTime),
+              std::make_tuple("carol", "pts/4", std::string(sizeof(entries[1].ut_host), 'h'), 1650000000L));
     EXPECT_EQ(SDK::ReadUtmpLoginPids(utmp), std::set<long>{999});
     EXPECT_NE(SDK::FindUtmpSession(utmp, 4321, info), 0) << "a session id is no login pid";
     EXPECT_NE(SDK::FindUtmpSession(dir.path() + "/missing", 999, info), 0);

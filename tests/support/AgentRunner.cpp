@@ -8,10 +8,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <Poco/Exception.h>
-#include <Poco/File.h>
-
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -22,14 +20,6 @@
 
 namespace TestSupport {
 
-namespace {
-
-void MakeDir(const std::string& path) {
-    Poco::File(path).createDirectories();
-}
-
-}  // namespace
-
 AgentRunner::AgentRunner(const std::string& name) {
     std::string pattern = "/tmp/corvane-e2e-" + name + "-XXXXXX";
     if (mkdtemp(pattern.data()) == nullptr) {
@@ -37,20 +27,20 @@ AgentRunner::AgentRunner(const std::string& name) {
     }
     prefix_ = pattern;
     chmod(prefix_.c_str(), 0755);
-    MakeDir(prefix_ + "/conf/policies");
-    MakeDir(prefix_ + "/log");
+    std::filesystem::create_directories(PolicyDir());
+    std::filesystem::create_directories(prefix_ + "/log");
 }
 
 AgentRunner::~AgentRunner() {
     if (pid_ > 0) {
         Stop(10000);
     }
+    std::error_code error;
     if (std::getenv("CORVANE_KEEP_E2E") == nullptr) {
-        try {
-            Poco::File(prefix_).remove(true);
-        } catch (const Poco::Exception& error) {
-            std::fprintf(stderr, "could not remove %s: %s\n", prefix_.c_str(), error.displayText().c_str());
-        }
+        std::filesystem::remove_all(prefix_, error);
+    }
+    if (error) {
+        std::fprintf(stderr, "could not remove %s: %s\n", prefix_.c_str(), error.message().c_str());
     }
 }
 
@@ -59,16 +49,11 @@ void AgentRunner::WriteConfig(const std::string& json) {
 }
 
 void AgentRunner::WritePolicy(const std::string& id, const std::string& feature, const std::string& json) {
-    const std::string dir = PolicyDir() + "/" + id;
-    MakeDir(dir);
+    std::filesystem::create_directories(PolicyDir() + "/" + id);
     // Written beside and renamed, so a reload never sees half a file.
-    const std::string path = dir + "/" + feature + ".json";
-    const std::string temp = path + ".tmp";
-    {
-        std::ofstream out(temp, std::ios::binary | std::ios::trunc);
-        out << json;
-    }
-    std::rename(temp.c_str(), path.c_str());
+    const std::string path = PolicyDir() + "/" + id + "/" + feature + ".json";
+    std::ofstream(path + ".tmp", std::ios::binary | std::ios::trunc) << json;
+    std::rename((path + ".tmp").c_str(), path.c_str());
 }
 
 void AgentRunner::RemovePolicy(const std::string& id, const std::string& feature) {
@@ -83,6 +68,10 @@ std::string AgentRunner::AgentBinary() {
     return BuildDir() + "/bin/corvane-agent";
 }
 
+std::string AgentRunner::ModulePath(const std::string& fileName) {
+    return BuildDir() + "/module/" + fileName;
+}
+
 AgentRunner::Outcome AgentRunner::RunToEnd(const std::string& args) {
     Outcome outcome;
     FILE* pipe = ::popen(("timeout 120 " + AgentBinary() + " " + args + " 2>&1").c_str(), "r");
@@ -95,25 +84,21 @@ AgentRunner::Outcome AgentRunner::RunToEnd(const std::string& args) {
     return outcome;
 }
 
-std::string AgentRunner::ModulePath(const std::string& fileName) {
-    return BuildDir() + "/module/" + fileName;
-}
-
 bool AgentRunner::Start(const std::vector<std::string>& extraArgs, const std::vector<std::string>& modules) {
-    std::vector<std::string> args = {AgentBinary(), "--prefix",   prefix_,       "--policy-dir", PolicyDir(),
-                                     "--alerts",    AlertsPath(), "--log-level", "debug"};
-    std::vector<std::string> moduleList = modules;
-    if (moduleList.empty()) {
-        moduleList = {ModulePath("libprocess_collect_module.so"), ModulePath("libnet_collect_module.so"),
-                      ModulePath("libproc_det_module.so")};
+    std::vector<std::string> args = launcher_;
+    for (const std::string& arg :
+         {AgentBinary(), std::string("--prefix"), prefix_, std::string("--policy-dir"), PolicyDir(),
+          std::string("--alerts"), AlertsPath(), std::string("--log-level"), std::string("debug")}) {
+        args.push_back(arg);
     }
-    for (const std::string& module : moduleList) {
-        args.push_back("--module");
-        args.push_back(module);
+    for (const std::string& module :
+         modules.empty() ? std::vector<std::string>{ModulePath("libprocess_collect_module.so"),
+                                                    ModulePath("libnet_collect_module.so"),
+                                                    ModulePath("libproc_det_module.so")}
+                         : modules) {
+        args.insert(args.end(), {"--module", module});
     }
     args.insert(args.end(), extraArgs.begin(), extraArgs.end());
-    args.insert(args.begin(), launcher_.begin(), launcher_.end());
-
     std::vector<char*> argv;
     for (std::string& arg : args) {
         argv.push_back(arg.data());
@@ -122,35 +107,24 @@ bool AgentRunner::Start(const std::vector<std::string>& extraArgs, const std::ve
 
     const std::string output = prefix_ + "/log/agent.out";
     pid_ = fork();
-    if (pid_ < 0) {
-        return false;
-    }
     if (pid_ == 0) {
         const int fd = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        if (fd >= 0) {
-            dup2(fd, STDOUT_FILENO);
-            dup2(fd, STDERR_FILENO);
-            close(fd);
-        }
+        dup2(fd, STDOUT_FILENO);
+        dup2(fd, STDERR_FILENO);
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
         execvp(argv[0], argv.data());
         _exit(127);
     }
-    return true;
+    return pid_ > 0;
 }
 
 bool AgentRunner::IsRunning() {
-    if (pid_ <= 0) {
-        return false;
-    }
-    int status = 0;
-    if (waitpid(pid_, &status, WNOHANG) == pid_) {
+    if (pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == pid_) {
         pid_ = -1;
-        return false;
     }
-    return true;
+    return pid_ > 0;
 }
 
 void AgentRunner::Reload() {
@@ -173,11 +147,9 @@ bool HandlesStopSignal(pid_t pid) {
     while (const dirent* entry = readdir(dir.get())) {
         const std::string status = ReadText(tasks + "/" + entry->d_name + "/status");
         const size_t at = status.find("SigBlk:");
-        if (at == std::string::npos) {
-            continue;
-        }
-        if (status.find("State:\tZ") != std::string::npos ||
-            ((std::strtoull(status.c_str() + at + 7, nullptr, 16) >> (SIGTERM - 1)) & 1u) != 0) {
+        if (at != std::string::npos &&
+            (status.find("State:\tZ") != std::string::npos ||
+             ((std::strtoull(status.c_str() + at + 7, nullptr, 16) >> (SIGTERM - 1)) & 1u) != 0)) {
             return true;
         }
     }
@@ -193,27 +165,21 @@ int AgentRunner::Stop(long timeoutMs) {
     WaitFor([&] { return HandlesStopSignal(pid_); }, timeoutMs);
     kill(pid_, SIGTERM);
     int status = 0;
-    const bool exited = WaitFor([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, timeoutMs);
-    if (!exited) {
+    if (!WaitFor([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, timeoutMs)) {
         kill(pid_, SIGKILL);
         waitpid(pid_, &status, 0);
-        pid_ = -1;
-        return -1;
+        status = -1;
     }
     pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 std::vector<Json::Value> AgentRunner::ReadAlerts() const {
     std::vector<Json::Value> alerts;
     std::istringstream lines(ReadText(AlertsPath()));
-    std::string line;
-    Json::CharReaderBuilder builder;
-    while (std::getline(lines, line)) {
+    for (std::string line; std::getline(lines, line);) {
         Json::Value value;
-        std::string errors;
-        std::istringstream one(line);
-        if (!line.empty() && Json::parseFromStream(builder, one, &value, &errors)) {
+        if (!line.empty() && Json::Reader().parse(line, value)) {
             alerts.push_back(value);
         }
     }
@@ -222,13 +188,13 @@ std::vector<Json::Value> AgentRunner::ReadAlerts() const {
 
 bool AgentRunner::WaitForAlert(const std::function<bool(const Json::Value&)>& match, long timeoutMs,
                                Json::Value* found) const {
+    Json::Value ignored;
+    Json::Value& first = found != nullptr ? *found : ignored;
     return WaitFor(
         [&] {
             for (const Json::Value& alert : ReadAlerts()) {
                 if (match(alert)) {
-                    if (found != nullptr) {
-                        *found = alert;
-                    }
+                    first = alert;
                     return true;
                 }
             }

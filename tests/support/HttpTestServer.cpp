@@ -8,90 +8,73 @@
 #include <Poco/Net/HTTPServerResponse.h>
 #include <Poco/Net/SSLManager.h>
 #include <Poco/Net/SecureServerSocket.h>
-#include <Poco/Net/ServerSocket.h>
-#include <Poco/Net/SocketAddress.h>
 #include <Poco/StreamCopier.h>
 #include <stdlib.h>
 
+#include <map>
+#include <mutex>
+
 namespace TestSupport {
+
+struct HttpTestServer::State {
+    struct Route {
+        std::string body, redirect, needle, authorization;
+        bool served = false, chunked = false;
+        int requests = 0, failStatus = 0, failCount = 0, refuseStatus = 0;
+        std::vector<std::string> posted;
+    };
+    std::mutex mutex;
+    std::map<std::string, Route> routes;
+};
 
 namespace {
 
-class BodyHandler : public Poco::Net::HTTPRequestHandler {
+using Response = Poco::Net::HTTPResponse;
+
+class Handler : public Poco::Net::HTTPRequestHandler, public Poco::Net::HTTPRequestHandlerFactory {
 public:
-    explicit BodyHandler(std::shared_ptr<HttpTestServer::State> state) : state_(std::move(state)) {}
+    explicit Handler(std::shared_ptr<HttpTestServer::State> state) : state_(std::move(state)) {}
+
+    Poco::Net::HTTPRequestHandler* createRequestHandler(const Poco::Net::HTTPServerRequest&) override {
+        return new Handler(state_);
+    }
 
     void handleRequest(Poco::Net::HTTPServerRequest& request,
                        Poco::Net::HTTPServerResponse& response) override {
-        std::string body;
-        std::string location;
-        bool found = false;
-        bool chunked = false;
+        const bool post = request.getMethod() == Poco::Net::HTTPRequest::HTTP_POST;
         std::string posted;
-        if (request.getMethod() == Poco::Net::HTTPRequest::HTTP_POST) {
+        if (post) {
             Poco::StreamCopier::copyToString(request.stream(), posted);
         }
-        {
-            std::lock_guard<std::mutex> lock(state_->mutex);
-            const std::string path = request.getURI();
-            ++state_->requests[path];
-            auto failure = state_->failures.find(path);
-            const auto refusal = state_->refusals.find(path);
-            int status = 0;
-            if (failure != state_->failures.end() && failure->second.second > 0) {
-                --failure->second.second;
-                status = failure->second.first;
-            } else if (refusal != state_->refusals.end() &&
-                       posted.find(refusal->second.second) != std::string::npos) {
-                status = refusal->second.first;
-            }
-            if (status != 0) {
-                response.setStatusAndReason(static_cast<Poco::Net::HTTPResponse::HTTPStatus>(status));
-                response.send() << "failing on purpose";
-                return;
-            }
-            if (request.getMethod() == Poco::Net::HTTPRequest::HTTP_POST) {
-                state_->posted[path].push_back(posted);
-                state_->authorization[path] = request.get("Authorization", "");
-                response.send() << "ok";
-                return;
-            }
-            const auto redirect = state_->redirects.find(path);
-            const auto file = state_->bodies.find(path);
-            if (redirect != state_->redirects.end()) {
-                location = redirect->second;
-            } else if (file != state_->bodies.end()) {
-                body = file->second;
-                found = true;
-                chunked = state_->chunked.count(path) != 0;
-            }
+        std::lock_guard<std::mutex> lock(state_->mutex);
+        auto& route = state_->routes[request.getURI()];
+        ++route.requests;
+        int status = 0;
+        if (route.failCount > 0) {
+            --route.failCount;
+            status = route.failStatus;
+        } else if (post && route.refuseStatus != 0 && posted.find(route.needle) != std::string::npos) {
+            status = route.refuseStatus;
+        } else if (!post && route.redirect.empty() && !route.served) {
+            status = Response::HTTP_NOT_FOUND;
         }
-        if (!location.empty()) {
-            response.redirect(location, Poco::Net::HTTPResponse::HTTP_FOUND);
-        } else if (!found) {
-            response.setStatusAndReason(Poco::Net::HTTPResponse::HTTP_NOT_FOUND);
-            response.send() << "not found";
+        if (status != 0) {
+            response.setStatusAndReason(static_cast<Response::HTTPStatus>(status));
+            response.send() << "failing on purpose";
+        } else if (post) {
+            route.posted.push_back(posted);
+            route.authorization = request.get("Authorization", "");
+            response.send() << "ok";
+        } else if (!route.redirect.empty()) {
+            response.redirect(route.redirect, Response::HTTP_FOUND);
         } else {
             response.setContentType("application/octet-stream");
-            if (chunked) {
-                response.setChunkedTransferEncoding(true);
-            } else {
-                response.setContentLength(static_cast<std::streamsize>(body.size()));
+            response.setChunkedTransferEncoding(route.chunked);
+            if (!route.chunked) {
+                response.setContentLength(static_cast<std::streamsize>(route.body.size()));
             }
-            response.send() << body;
+            response.send() << route.body;
         }
-    }
-
-private:
-    std::shared_ptr<HttpTestServer::State> state_;
-};
-
-class BodyHandlerFactory : public Poco::Net::HTTPRequestHandlerFactory {
-public:
-    explicit BodyHandlerFactory(std::shared_ptr<HttpTestServer::State> state) : state_(std::move(state)) {}
-
-    Poco::Net::HTTPRequestHandler* createRequestHandler(const Poco::Net::HTTPServerRequest&) override {
-        return new BodyHandler(state_);
     }
 
 private:
@@ -101,7 +84,7 @@ private:
 }  // namespace
 
 HttpTestServer::HttpTestServer(unsigned short port, const std::string& certFile, const std::string& keyFile)
-    : state_(std::make_shared<State>()), tls_(!certFile.empty()) {
+    : state_(std::make_shared<State>()) {
     for (const char* name :
          {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
         unsetenv(name);
@@ -109,17 +92,19 @@ HttpTestServer::HttpTestServer(unsigned short port, const std::string& certFile,
     setenv("no_proxy", "127.0.0.1", 1);
     const Poco::Net::SocketAddress address("127.0.0.1", port);
     Poco::Net::ServerSocket socket;
-    if (tls_) {
-        Poco::Net::initializeSSL();
-        Poco::Net::Context::Ptr context = new Poco::Net::Context(
-            Poco::Net::Context::TLS_SERVER_USE, keyFile, certFile, "", Poco::Net::Context::VERIFY_NONE);
-        socket = Poco::Net::SecureServerSocket(address, 64, context);
-    } else {
+    if (certFile.empty()) {
         socket = Poco::Net::ServerSocket(address);
+    } else {
+        Poco::Net::initializeSSL();
+        socket = Poco::Net::SecureServerSocket(
+            address, 64,
+            new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, keyFile, certFile, "",
+                                   Poco::Net::Context::VERIFY_NONE));
     }
-    port_ = socket.address().port();
-    server_ = std::make_unique<Poco::Net::HTTPServer>(new BodyHandlerFactory(state_), socket,
-                                                      new Poco::Net::HTTPServerParams);
+    base_ = std::string(certFile.empty() ? "http" : "https") +
+            "://127.0.0.1:" + std::to_string(socket.address().port());
+    server_ =
+        std::make_unique<Poco::Net::HTTPServer>(new Handler(state_), socket, new Poco::Net::HTTPServerParams);
     server_->start();
 }
 
@@ -127,54 +112,46 @@ HttpTestServer::~HttpTestServer() {
     server_->stopAll(true);
 }
 
-void HttpTestServer::Serve(const std::string& path, const std::string& body, bool chunked) {
+template <class F>
+auto HttpTestServer::With(const std::string& path, F change) const {
     std::lock_guard<std::mutex> lock(state_->mutex);
-    state_->bodies[path] = body;
-    if (chunked) {
-        state_->chunked.insert(path);
-    }
+    return change(state_->routes[path]);
+}
+
+void HttpTestServer::Serve(const std::string& path, const std::string& body, bool chunked) {
+    With(path, [&](State::Route& route) { route.body = body, route.served = true, route.chunked = chunked; });
 }
 
 void HttpTestServer::Redirect(const std::string& path, const std::string& target) {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    state_->redirects[path] = Url(target);
-}
-
-std::string HttpTestServer::Url(const std::string& path) const {
-    return std::string(tls_ ? "https" : "http") + "://127.0.0.1:" + std::to_string(port_) + path;
+    With(path, [&](State::Route& route) { route.redirect = Url(target); });
 }
 
 void HttpTestServer::Fail(const std::string& path, int status, int count) {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    state_->failures[path] = {status, count};
+    With(path, [&](State::Route& route) { route.failStatus = status, route.failCount = count; });
 }
 
 void HttpTestServer::Refuse(const std::string& path, int status, const std::string& needle) {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    state_->refusals[path] = {status, needle};
+    With(path, [&](State::Route& route) { route.refuseStatus = status, route.needle = needle; });
 }
 
-std::vector<std::string> HttpTestServer::Posted(const std::string& path) const {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    const auto found = state_->posted.find(path);
-    return found == state_->posted.end() ? std::vector<std::string>() : found->second;
-}
-
-std::string HttpTestServer::LastAuthorization(const std::string& path) const {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    const auto found = state_->authorization.find(path);
-    return found == state_->authorization.end() ? std::string() : found->second;
-}
-
-unsigned short HttpTestServer::FreePort() {
-    Poco::Net::ServerSocket socket(Poco::Net::SocketAddress("127.0.0.1", 0));
-    return socket.address().port();
+std::string HttpTestServer::Url(const std::string& path) const {
+    return base_ + path;
 }
 
 int HttpTestServer::Requests(const std::string& path) const {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    const auto found = state_->requests.find(path);
-    return found == state_->requests.end() ? 0 : found->second;
+    return With(path, [](State::Route& route) { return route.requests; });
+}
+
+std::vector<std::string> HttpTestServer::Posted(const std::string& path) const {
+    return With(path, [](State::Route& route) { return route.posted; });
+}
+
+std::string HttpTestServer::LastAuthorization(const std::string& path) const {
+    return With(path, [](State::Route& route) { return route.authorization; });
+}
+
+unsigned short HttpTestServer::FreePort() {
+    return Poco::Net::ServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0)).address().port();
 }
 
 }  // namespace TestSupport

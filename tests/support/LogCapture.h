@@ -2,11 +2,15 @@
 
 #include <Poco/AutoPtr.h>
 #include <Poco/Channel.h>
+#include <Poco/Logger.h>
 #include <Poco/Message.h>
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
+
+#include "sdk/LoggerUtils.h"
 
 namespace TestSupport {
 
@@ -15,27 +19,62 @@ namespace TestSupport {
 class LogCapture {
 public:
     struct Line {
-        Poco::Message::Priority priority;
         std::string text;
         std::string file;
-        int line;
     };
 
-    explicit LogCapture(const std::string& loggerName, int level = Poco::Message::PRIO_DEBUG);
-    ~LogCapture();
+    explicit LogCapture(const std::string& loggerName, int level = Poco::Message::PRIO_DEBUG)
+        : logger_(Poco::Logger::get(loggerName)), channel_(new Channel) {
+        SDK::LoggerUtils* logging = SDK::LoggerUtils::GetInstance();
+        if (!logging->IsSetUp()) {
+            SDK::LogSettings settings;
+            settings.target = "stderr";
+            settings.level = "error";
+            logging->Setup(settings);
+        }
+        // Let the host configure the logger first, so it does not overwrite the capture later.
+        logging->GetModuleLogger(loggerName, false);
+        previousChannel_ = logger_.getChannel();
+        previousLevel_ = logger_.getLevel();
+        logger_.setChannel(channel_);
+        logger_.setLevel(level);
+    }
+    ~LogCapture() {
+        logger_.setChannel(previousChannel_);
+        logger_.setLevel(previousLevel_);
+    }
 
-    std::vector<Line> GetLines() const;
+    std::vector<Line> GetLines() const {
+        std::lock_guard<std::mutex> lock(channel_->mutex);
+        return channel_->lines;
+    }
     // Number of captured lines whose text contains `needle`.
-    size_t Count(const std::string& needle) const;
+    size_t Count(const std::string& needle) const {
+        const std::vector<Line> lines = GetLines();
+        return std::count_if(lines.begin(), lines.end(),
+                             [&](const Line& line) { return line.text.find(needle) != std::string::npos; });
+    }
     bool Contains(const std::string& needle) const { return Count(needle) > 0; }
-    void Clear();
+    void Clear() {
+        std::lock_guard<std::mutex> lock(channel_->mutex);
+        channel_->lines.clear();
+    }
 
 private:
-    class Channel;
-    std::string name_;
+    struct Channel : Poco::Channel {
+        void log(const Poco::Message& message) override {
+            std::lock_guard<std::mutex> lock(mutex);
+            lines.push_back(
+                {message.getText(), message.getSourceFile() != nullptr ? message.getSourceFile() : ""});
+        }
+        mutable std::mutex mutex;
+        std::vector<Line> lines;
+    };
+
+    Poco::Logger& logger_;
     Poco::AutoPtr<Channel> channel_;
     Poco::AutoPtr<Poco::Channel> previousChannel_;
-    int previousLevel_;
+    int previousLevel_ = 0;
 };
 
 }  // namespace TestSupport

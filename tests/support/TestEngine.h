@@ -1,11 +1,11 @@
 #pragma once
 
-#include <Poco/Message.h>
-
+#include <cstdlib>
 #include <memory>
-#include <string>
 
 #include "framework/Engine.h"
+#include "framework/Module.h"
+#include "sdk/LoggerUtils.h"
 #include "support/CaptureReportTask.h"
 #include "support/FakeNetProcsFullTask.h"
 #include "support/FakeProcsFullTask.h"
@@ -20,9 +20,16 @@ namespace TestSupport {
 // "data_comm_report_task" captures what is sent to it. One per process at a time.
 class TestEngine {
 public:
-    TestEngine();
-    ~TestEngine();
-
+    TestEngine() = default;
+    ~TestEngine() {
+        engine_->StopAll();
+        hostModule_.UnInit();
+        // The engine has dropped its references; these are the ones `new` gave us.
+        report_->release();
+        real_->release();
+        net_->release();
+        procs_->release();
+    }
     TestEngine(const TestEngine&) = delete;
     TestEngine& operator=(const TestEngine&) = delete;
 
@@ -33,11 +40,32 @@ public:
     CaptureReportTask& report() { return *report_; }
 
 private:
-    std::unique_ptr<Framework::Engine> engine_;
-    FakeProcsFullTask* procs_;
-    FakeNetProcsFullTask* net_;
-    FakeProcsRealTask* real_;
-    CaptureReportTask* report_;
+    static bool SetUpLogging() {
+        SDK::LoggerUtils* logging = SDK::LoggerUtils::GetInstance();
+        if (!logging->IsSetUp()) {
+            SDK::LogSettings settings;
+            settings.target = "stderr";
+            const char* level = std::getenv("CORVANE_TEST_LOG_LEVEL");
+            settings.level = level != nullptr ? level : "error";
+            logging->Setup(settings);
+        }
+        return true;
+    }
+    // Registered by a module of their own, the way host modules register theirs.
+    template <class T>
+    T* Register(T* task) {
+        task->SetTaskEnabled(true);
+        hostModule_.RegisterTask(task, true);
+        return task;
+    }
+
+    [[maybe_unused]] bool logging_ = SetUpLogging();  // before the engine and its tasks
+    std::unique_ptr<Framework::Engine> engine_ = std::make_unique<Framework::Engine>();
+    Framework::Module hostModule_{"test_host_module"};
+    FakeProcsFullTask* procs_ = Register(new FakeProcsFullTask());
+    FakeNetProcsFullTask* net_ = Register(new FakeNetProcsFullTask());
+    FakeProcsRealTask* real_ = Register(new FakeProcsRealTask());
+    CaptureReportTask* report_ = Register(new CaptureReportTask());
 };
 
 }  // namespace TestSupport

@@ -1,54 +1,149 @@
-#include "TestModule.h"
-
+// The agent's test module. It takes policy id "90001", feature "agent_test_feature":
+// {"enabled": true, "value": "...", "burst": N, "sent_log": "/path", "hang": false}. An enabled
+// policy (re)registers the reporting task, a disabled one unregisters it.
+#include <chrono>
+#include <cstdio>
+#include <fstream>
 #include <memory>
+#include <string>
+#include <thread>
 
-#include "TestFeaturePolicy.h"
-#include "TestReportTask.h"
+#include "framework/DataMessage.h"
+#include "framework/FeaturePolicy.h"
+#include "framework/Module.h"
+#include "framework/PolicyCallback.h"
+#include "framework/Task.h"
 #include "framework/TaskPolicy.h"
 #include "sdk/JsonUtils.h"
 
 namespace AgentTest {
 
-TestModule::TestModule() : Framework::Module("agent_test_module") {}
+struct TestSettings {
+    bool enabled = false;
+    std::string value;
+    int burst = 1;        // reports per run
+    std::string sentLog;  // where the task records how many reports it sent
+    bool hang = false;    // Run blocks, making no progress, until the task is stopped
+};
 
-TestModule::~TestModule() {
-    if (task_ != nullptr) {
-        task_->release();
-    }
-}
+class TestFeaturePolicy : public Framework::FeaturePolicy {
+public:
+    using Framework::FeaturePolicy::FeaturePolicy;
 
-int TestModule::Init() {
-    RegisterPolicyCallback(kPolicyId, new Framework::PolicyCallback<TestModule>(this, &TestModule::OnPolicy));
-    return Framework::Module::Init();
-}
+    bool Parse(const std::string& content) override {
+        Json::Value root;
+        if (SDK::JsonUtils::ParseJsonStr(content.data(), content.size(), root) != 0) {
+            return false;
+        }
+        settings = {SDK::JsonUtils::GetBoolValue(root, "enabled", false),
+                    SDK::JsonUtils::GetStringValue(root, "value", ""),
+                    SDK::JsonUtils::GetIntValue(root, "burst", 1),
+                    SDK::JsonUtils::GetStringValue(root, "sent_log", ""),
+                    SDK::JsonUtils::GetBoolValue(root, "hang", false)};
+        return true;
+    }
 
-int TestModule::UnInit() {
-    UnRegisterPolicyCallback(kPolicyId);
-    return Framework::Module::UnInit();
-}
+    TestSettings settings;
+};
 
-Framework::Policy* TestModule::OnPolicy(const std::string& feature, const std::string& content,
-                                        Framework::Policy*& /*current*/) {
-    Json::Value root;
-    if (feature != kFeature || SDK::JsonUtils::ParseJsonStr(content.data(), content.size(), root) != 0) {
-        return nullptr;
+// Once per run sends `burst` reports {"test_value": <policy value>, "seq": n} to the report
+// task, n counting up over the life of the task; after each run and in UnInit it writes
+// "<sent> <refused>" to the policy's sent_log.
+class TestReportTask : public Framework::Task {
+public:
+    static constexpr const char* kTaskName = "agent_test_task";
+
+    explicit TestReportTask(const std::string& feature)
+        : Framework::Task(kTaskName, feature, Framework::TaskCondition::TASK_TYPE_PERIODIC, 0) {}
+
+    int Init() override {
+        if (const auto* policy = dynamic_cast<const TestFeaturePolicy*>(GetFeaturePolicy())) {
+            policy_ = policy->settings;
+        }
+        return Framework::Task::Init();
     }
-    UnRegisterTask(TestReportTask::kTaskName);
-    if (!SDK::JsonUtils::GetBoolValue(root, "enabled", false)) {
-        return nullptr;
+
+    int Run() override {
+        while (policy_.hang && !IsStopRequested()) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));  // not Task::sleep: no progress stamp
+        }
+        for (int index = 0; index < policy_.burst; ++index) {
+            Json::Value body;
+            body["test_value"] = policy_.value;
+            body["seq"] = static_cast<Json::Int64>(sent_ + refused_ + 1);
+            const bool taken =
+                SendDirectMsg("data_comm_report_task",
+                              new Framework::DataMessage("2", SDK::JsonUtils::JsonToString(body))) == 0;
+            ++(taken ? sent_ : refused_);
+        }
+        WriteSentLog();
+        return 0;
     }
-    auto policy = std::make_unique<TestFeaturePolicy>(feature);
-    policy->Parse(content);
-    auto taskPolicy = std::make_unique<Framework::TaskPolicy>(TestReportTask::kTaskName);
-    taskPolicy->ParseCondition("{\"repeat_interval\": 1}");
-    policy->Add(taskPolicy.release());
-    if (task_ == nullptr) {
-        task_ = new TestReportTask(feature);
+
+    void UnInit() override {
+        WriteSentLog();
+        Framework::Task::UnInit();
     }
-    task_->SetTaskEnabled(true);
-    RegisterTask(task_, false);
-    return policy.release();
-}
+
+private:
+    ~TestReportTask() override = default;
+
+    void WriteSentLog() const {
+        if (!policy_.sentLog.empty()) {
+            // Written beside and renamed, so that a reader never sees half a line.
+            std::ofstream(policy_.sentLog + ".tmp", std::ios::trunc) << sent_ << " " << refused_ << "\n";
+            std::rename((policy_.sentLog + ".tmp").c_str(), policy_.sentLog.c_str());
+        }
+    }
+
+    TestSettings policy_;
+    long sent_ = 0;
+    long refused_ = 0;
+};
+
+class TestModule : public Framework::Module {
+public:
+    TestModule() : Framework::Module("agent_test_module") {}
+    ~TestModule() override {
+        if (task_ != nullptr) {
+            task_->release();
+        }
+    }
+
+    int Init() override {
+        RegisterPolicyCallback("90001",
+                               new Framework::PolicyCallback<TestModule>(this, &TestModule::OnPolicy));
+        return Framework::Module::Init();
+    }
+
+    int UnInit() override {
+        UnRegisterPolicyCallback("90001");
+        return Framework::Module::UnInit();
+    }
+
+private:
+    Framework::Policy* OnPolicy(const std::string& feature, const std::string& content, Framework::Policy*&) {
+        auto policy = std::make_unique<TestFeaturePolicy>(feature);
+        if (feature != "agent_test_feature" || !policy->Parse(content)) {
+            return nullptr;
+        }
+        UnRegisterTask(TestReportTask::kTaskName);
+        if (!policy->settings.enabled) {
+            return nullptr;
+        }
+        auto taskPolicy = std::make_unique<Framework::TaskPolicy>(TestReportTask::kTaskName);
+        taskPolicy->ParseCondition("{\"repeat_interval\": 1}");
+        policy->Add(taskPolicy.release());
+        if (task_ == nullptr) {
+            task_ = new TestReportTask(feature);
+        }
+        task_->SetTaskEnabled(true);
+        RegisterTask(task_, false);
+        return policy.release();
+    }
+
+    TestReportTask* task_ = nullptr;
+};
 
 }  // namespace AgentTest
 

@@ -5,6 +5,7 @@
 #include <ctime>
 #include <filesystem>
 #include <regex>
+#include <tuple>
 
 #include "module/ModuleTestUtil.h"
 #include "support/AgentRunner.h"
@@ -38,10 +39,6 @@ std::string CopySleep(const TestSupport::TempDir& dir, const std::string& name) 
     const std::string path = dir.path() + "/" + name;
     std::filesystem::copy_file("/bin/sleep", path);
     return path;
-}
-
-size_t FindingsFor(const AgentRunner& agent, int pid) {
-    return agent.Findings("procdet_0001", pid).size();
 }
 
 Json::Value WaitForEntry(const AgentRunner& agent, int pid) {
@@ -91,21 +88,18 @@ TEST(DetactionE2ETest, TmpDeletedAndBusyProgramsAreReportedOnceAndIgnoredPathsNe
     ASSERT_TRUE(alert["occur_time"].isIntegral());
     EXPECT_GE(alert["occur_time"].asInt64(), before);
     EXPECT_LE(alert["occur_time"].asInt64(), static_cast<long>(time(nullptr)));
-    EXPECT_EQ(entry["process_path"].asString(), program);
-    EXPECT_EQ(entry["process_hash"].asString(), ModuleTest::Sha256OfFile(program));
-    EXPECT_EQ(entry["process_cmdline"].asString(), program + " 300");
-    EXPECT_EQ(entry["parent_process_pid"].asInt(), getpid());
-    EXPECT_EQ(entry["parent_process_path"].asString(), RealPath("/proc/self/exe"));
-    EXPECT_EQ(entry["rule"].asInt(), kProcTmp);
-    EXPECT_EQ(entry["score"].asInt(), 3);
+    EXPECT_EQ(std::make_tuple(entry["process_path"].asString(), entry["process_hash"].asString(),
+                              entry["process_cmdline"].asString(), entry["parent_process_pid"].asInt(),
+                              entry["parent_process_path"].asString(), entry["rule"].asInt(),
+                              entry["score"].asInt()),
+              std::make_tuple(program, ModuleTest::Sha256OfFile(program), program + " 300", getpid(),
+                              RealPath("/proc/self/exe"), kProcTmp, 3));
 
     entry = WaitForEntry(agent, deletedChild.pid());
-    ASSERT_FALSE(entry.isNull());
-    EXPECT_EQ(entry["process_path"].asString(), "/proc/" + std::to_string(deletedChild.pid()) + "/exe");
-    EXPECT_EQ(entry["process_hash"].asString(), deletedHash);
-    EXPECT_EQ(entry["mode"].asUInt(), 0755u);
-    EXPECT_EQ(entry["rule"].asInt(), kProcTmp | kProcDeleted);
-    EXPECT_EQ(entry["score"].asInt(), 4);
+    EXPECT_EQ(std::make_tuple(entry["process_path"].asString(), entry["process_hash"].asString(),
+                              entry["mode"].asUInt(), entry["rule"].asInt(), entry["score"].asInt()),
+              std::make_tuple("/proc/" + std::to_string(deletedChild.pid()) + "/exe", deletedHash, 0755u,
+                              kProcTmp | kProcDeleted, 4));
 
     entry = WaitForEntry(agent, busy.pid());
     ASSERT_FALSE(entry.isNull());
@@ -119,12 +113,12 @@ TEST(DetactionE2ETest, TmpDeletedAndBusyProgramsAreReportedOnceAndIgnoredPathsNe
     EXPECT_GT(usage, 500);
 
     // Over the next cycles the unchanged findings are not sent again.
-    const size_t sentBefore = FindingsFor(agent, child.pid());
+    const size_t sentBefore = agent.Findings("procdet_0001", child.pid()).size();
     ASSERT_TRUE(agent.WaitForMoreLog("ProcDetActionFullTask run", 4, kTimeoutMs));
     EXPECT_EQ(agent.CountInLog("DetectNEW RESULT " + std::to_string(ignoredChild.pid()) + " "), 0u);
     EXPECT_EQ(agent.CountInLog("DetectNEW RESULT " + std::to_string(child.pid()) + " "), 1u);
-    EXPECT_LT(FindingsFor(agent, child.pid()), sentBefore + 4);
-    EXPECT_EQ(FindingsFor(agent, ignoredChild.pid()), 0u);
+    EXPECT_LT(agent.Findings("procdet_0001", child.pid()).size(), sentBefore + 4);
+    EXPECT_EQ(agent.Findings("procdet_0001", ignoredChild.pid()).size(), 0u);
     agent.Stop();
 }
 

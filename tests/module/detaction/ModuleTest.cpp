@@ -1,12 +1,16 @@
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include "DetactionTestUtil.h"
 #include "ProcDetModule.h"
+#include "feature_detaction/ProcDetActionFullTaskPolicy.h"
 #include "feature_detaction/ProcDetActionPolicy.h"
 #include "feature_detroot/ProcDetRootFullTask.h"
 #include "support/TestEngine.h"
 
 using namespace DetactionTest;
+using Engine::ProcDetActionFullTaskPolicy;
+using Engine::ProcDetActionPolicy;
 
 namespace {
 
@@ -92,6 +96,81 @@ TEST_F(ModuleTest, StoppedDetrootTaskIsHeldByTheModuleAlone) {
     ASSERT_TRUE(WaitFor([&] { return !env.real().HasConsumer(Engine::PROCS_EVENT_UID); }));
     EXPECT_EQ(module.GetDetRootTask()->referenceCount(), 1);
     EXPECT_EQ(env.real().Emit(1, Engine::PROCS_EVENT_FORK, TestSupport::MakeProc(1, "/bin/x")), 0);
+}
+
+const char* kFullSection = R"({
+  "task_condition": {"start_time": 0, "repeat_interval": 7},
+  "report_score": 5,
+  "score": {"tmp": 2, "hidden": 4, "deleted": 6, "loginothers": 8, "bip": 10, "cpu": 12, "strings": 14, "packer": 16},
+  "illegal_ip_list": ["10.0.0.1"],
+  "biplib_url": "http://127.0.0.1/lib", "biplib_hash": "abc",
+  "cpu_usage_warn": 5000, "full_report_hour": 4, "check_str_max_size_m": 2,
+  "strings": ["xmrig", "xmrig", 7, true, {"a": 1}], "ignore_filepath": ["/usr/bin/a", [1]]
+})";
+
+TEST(PolicyTest, TaskSectionParsesEveryKeyAndStopsAtMissingSections) {
+    ProcDetActionFullTaskPolicy policy("detaction_full_task");
+    ASSERT_TRUE(policy.Parse(kFullSection));
+    EXPECT_EQ(policy.GetCondition().GetTaskCondition().repeatInterval, 7);
+    EXPECT_EQ(policy.GetReportScore(), 5);
+    EXPECT_EQ(policy.GetScoreMap(),
+              (ProcDetActionFullTaskPolicy::ScoreMap{
+                  {1, 2}, {2, 4}, {4, 6}, {8, 8}, {16, 10}, {32, 12}, {64, 14}, {256, 16}}));
+    EXPECT_EQ(policy.GetIllegalIps(), (std::set<long>{static_cast<long>(inet_addr("10.0.0.1"))}));
+    EXPECT_EQ(policy.GetBiplibUrl(), "http://127.0.0.1/lib");
+    EXPECT_EQ(policy.GetBiplibHash(), "abc");
+    EXPECT_EQ(policy.GetCpuUsageWarn(), 5000);
+    EXPECT_EQ(policy.GetFullReportHour(), 4);
+    EXPECT_EQ(policy.GetCheckStrMaxSizeM(), 2);
+    EXPECT_EQ(policy.GetStrings(), (std::set<std::string>{"7", "true", "xmrig"}));
+    EXPECT_EQ(policy.GetIgnoreFilepaths(), (std::set<std::string>{"/usr/bin/a"}));
+
+    // No task condition (or no JSON): nothing changes.
+    EXPECT_FALSE(policy.Parse(R"({"report_score": 9, "score": {}})"));
+    EXPECT_FALSE(policy.Parse("not json"));
+    EXPECT_EQ(policy.GetReportScore(), 5);
+    EXPECT_EQ(policy.GetScoreMap().size(), 8u);
+
+    // No score: everything else is stored (missing keys back to their defaults), weights emptied.
+    EXPECT_FALSE(policy.Parse(R"({"task_condition": {"repeat_interval": 9}, "strings": ["a"],
+                                  "illegal_ip_list": ["1.2.3.4", "1.2.3.4", "no address", "255.255.255.255", 5]})"));
+    EXPECT_EQ(policy.GetCondition().GetTaskCondition().repeatInterval, 9);
+    EXPECT_TRUE(policy.GetScoreMap().empty());
+    EXPECT_EQ(policy.GetReportScore(), 3);
+    EXPECT_EQ(policy.GetCpuUsageWarn(), 9000);
+    EXPECT_EQ(policy.GetCheckStrMaxSizeM(), 10);
+    EXPECT_EQ(policy.GetBiplibUrl(), "");
+    EXPECT_EQ(policy.GetStrings(), (std::set<std::string>{"a"}));
+    EXPECT_TRUE(policy.GetIgnoreFilepaths().empty());
+    EXPECT_EQ(policy.GetIllegalIps(), (std::set<long>{inet_addr("1.2.3.4"), inet_addr("5")}));
+
+    // A score object with missing keys takes the default weights; PACKER defaults to 0.
+    EXPECT_TRUE(policy.Parse(R"({"task_condition": {"repeat_interval": 9}, "score": {"tmp": 3}})"));
+    EXPECT_EQ(policy.GetScoreMap(),
+              (ProcDetActionFullTaskPolicy::ScoreMap{
+                  {1, 3}, {2, 1}, {4, 1}, {8, 3}, {16, 3}, {32, 1}, {64, 3}, {256, 0}}));
+}
+
+TEST(PolicyTest, FeaturePolicyBuildsTheTaskChild) {
+    ProcDetActionPolicy disabled("proc_detaction_feature");
+    EXPECT_FALSE(disabled.IsMarked());
+    EXPECT_TRUE(disabled.Parse(R"({"enabled": false, "content": {"detaction_full_task": {}}})"));
+    EXPECT_EQ(disabled.GetChildCount(), 0u);
+
+    ProcDetActionPolicy broken("proc_detaction_feature");
+    EXPECT_FALSE(broken.Parse("{"));
+    EXPECT_FALSE(broken.Parse(R"({"enabled": true})"));
+    EXPECT_FALSE(broken.Parse(R"({"enabled": true, "content": {"other": {}}})"));
+    EXPECT_EQ(broken.GetChildCount(), 0u);
+
+    // A task section that fails to parse still becomes the child.
+    ProcDetActionPolicy partial("proc_detaction_feature");
+    EXPECT_TRUE(
+        partial.Parse(R"({"enabled": true, "content": {"detaction_full_task": {"report_score": 1}}})"));
+    ASSERT_EQ(partial.GetChildCount(), 1u);
+    auto* child = dynamic_cast<ProcDetActionFullTaskPolicy*>(partial.FindChild("detaction_full_task"));
+    ASSERT_NE(child, nullptr);
+    EXPECT_EQ(child->GetReportScore(), 3);
 }
 
 }  // namespace

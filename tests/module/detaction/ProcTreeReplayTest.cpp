@@ -8,6 +8,7 @@
 
 #include <filesystem>
 #include <regex>
+#include <tuple>
 
 #include "DetactionTestUtil.h"
 #include "sdk/ProcessUtils.h"
@@ -37,12 +38,8 @@ std::shared_ptr<Engine::ProcsMessage::procInfo> ReadRecord(int pid) {
         return nullptr;
     }
     auto record = TestSupport::MakeProc(pid, exe, ppid);
-    record->name = name;
-    record->startTime = startTime;
-    record->uid = status.uid;
-    record->euid = status.euid;
-    record->gid = status.gid;
-    record->egid = status.egid;
+    std::tie(record->name, record->startTime, record->uid, record->euid, record->gid, record->egid) =
+        std::tie(name, startTime, status.uid, status.euid, status.gid, status.egid);
     ProcessUtils::GetProcessCmdline(pid, record->cmdline, 4096);
     return record;
 }
@@ -54,23 +51,19 @@ TEST(ProcTreeReplay, BehaviourCycleOverACapturedTreeReportsOnlyTheMiner) {
     std::filesystem::copy(std::string(CORVANE_TEST_DATA_DIR) + "/proctree", root,
                           std::filesystem::copy_options::recursive);
     // The pool address is in a library the miner preloads, found through its maps.
-    const std::string elfHeader = std::string(
-                                      "\x7f"
-                                      "ELF\2\1\1",
-                                      7) +
-                                  std::string(64, '\0');
+    const std::string elfHeader = std::string("\177ELF\2\1\1", 7) + std::string(64, '\0');
     const std::string miner = dir.Write(".cache/miner", elfHeader + "main loop" + std::string(64, '\0'));
     const std::string library = dir.Write(
         ".cache/libhide.so", elfHeader + "connect stratum+tcp://pool.example:3333" + std::string(64, '\0'));
     const int pids[] = {4242, 4243, 4244};
     for (const int pid : pids) {
         const std::string files = root + "/" + std::to_string(pid);
-        const std::string maps = TestSupport::ReadText(files + "/maps");
-        dir.Write("proc/" + std::to_string(pid) + "/maps",
-                  std::regex_replace(maps, std::regex("@DIR@"), dir.path()));
+        const auto placed = [&](const std::string& file) {
+            return std::regex_replace(TestSupport::ReadText(files + file), std::regex("@DIR@"), dir.path());
+        };
+        dir.Write("proc/" + std::to_string(pid) + "/maps", placed("/maps"));
         // The exe link, from the target its capture names.
-        std::string target = TestSupport::ReadText(files + "/exe");
-        target = std::regex_replace(target, std::regex("@DIR@"), dir.path());
+        const std::string target = placed("/exe");
         std::filesystem::remove(files + "/exe");
         std::filesystem::create_symlink(target, files + "/exe");
     }
@@ -94,16 +87,15 @@ TEST(ProcTreeReplay, BehaviourCycleOverACapturedTreeReportsOnlyTheMiner) {
     ASSERT_TRUE(Json::Reader().parse(reports[0].body, alert));
     ASSERT_EQ(alert["process_info"].size(), 1u) << reports[0].body;
     const Json::Value& entry = alert["process_info"][0];
-    EXPECT_EQ(entry["process_pid"].asInt(), 4242);
-    EXPECT_EQ(entry["process_path"].asString(), miner);
-    EXPECT_EQ(entry["process_hash"].asString(), ModuleTest::Sha256OfFile(miner));
-    EXPECT_EQ(entry["process_cmdline"].asString(), "./miner --pool stratum+tcp://pool.example:3333");
-    EXPECT_EQ(entry["rule"].asUInt(),
-              Engine::PROC_TMP | Engine::PROC_HIDDEN | Engine::HIGHCPU | Engine::STRINGS);
-    EXPECT_EQ(entry["score"].asInt(), 6);
+    EXPECT_EQ(std::make_tuple(entry["process_pid"].asInt(), entry["process_path"].asString(),
+                              entry["process_hash"].asString(), entry["process_cmdline"].asString(),
+                              entry["rule"].asUInt(), entry["score"].asInt(), entry["dt_str_so"].asString()),
+              std::make_tuple(4242, miner, ModuleTest::Sha256OfFile(miner),
+                              "./miner --pool stratum+tcp://pool.example:3333",
+                              Engine::PROC_TMP | Engine::PROC_HIDDEN | Engine::HIGHCPU | Engine::STRINGS, 6,
+                              library));
     EXPECT_EQ(entry["dt_cpu"].asString(), "40.35.0.0");  // 9000: 1,620 s of CPU over 1,800 s
     EXPECT_EQ(entry["dt_strings"].asString().find("stratum+tcp"), 0u) << entry["dt_strings"];
-    EXPECT_EQ(entry["dt_str_so"].asString(), library);
     task->UnInit();
 }
 

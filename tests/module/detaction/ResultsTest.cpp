@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
+#include <unistd.h>
 
-#include <algorithm>
 #include <map>
+#include <tuple>
+#include <utility>
 
 #include "DetactionTestUtil.h"
 #include "sdk/JsonUtils.h"
@@ -45,17 +47,14 @@ TEST(ResultsTest, FindingsAreReportedOnChangeOnly) {
     TaskPtr task = MakeInitedTask(TaskSection(R"({"tmp": 1, "cpu": 3})"));
     std::map<int, unsigned int> flagsByPid;
     long cpuDetail = 0;
-    auto trace = std::make_shared<FakeDetector::Trace>();
-    task->GetManager().AddDetector(new FakeDetector("fake", trace,
-                                                    [&](const Engine::ProcRecord& proc, unsigned int& flags,
-                                                        Engine::NumDetails& details) {
-                                                        const auto it = flagsByPid.find(proc->pid);
-                                                        if (it != flagsByPid.end()) {
-                                                            flags |= it->second;
-                                                            details[Engine::kDetailCpu] = cpuDetail;
-                                                        }
-                                                        return true;
-                                                    }),
+    auto check = [&](const Engine::ProcRecord& proc, unsigned int& flags, Engine::NumDetails& details) {
+        if (flagsByPid.count(proc->pid) != 0) {
+            flags |= flagsByPid[proc->pid];
+            details[Engine::kDetailCpu] = cpuDetail;
+        }
+        return true;
+    };
+    task->GetManager().AddDetector(new FakeDetector("fake", std::make_shared<FakeDetector::Trace>(), check),
                                    1);
     auto& report = env.report();
     auto cycle = [&](std::map<int, unsigned int> flags, long detail) {
@@ -69,8 +68,7 @@ TEST(ResultsTest, FindingsAreReportedOnChangeOnly) {
     cycle({{a.pid(), Engine::HIGHCPU}, {dead, Engine::HIGHCPU}, {low.pid(), Engine::PROC_TMP}}, 1);
     Engine::ProcDetManager::ResultMap results;
     task->GetManager().GetProcInfoMap(results);
-    EXPECT_EQ(results.count(dead), 0u);
-    EXPECT_EQ(results.count(low.pid()), 1u);
+    EXPECT_EQ(std::make_pair(results.count(dead), results.count(low.pid())), std::make_pair(0ul, 1ul));
     ASSERT_EQ(report.GetCount(), 1u);
     auto sent = ReportedProcesses(report, 0);
     ASSERT_EQ(sent.size(), 1u);
@@ -88,22 +86,77 @@ TEST(ResultsTest, FindingsAreReportedOnChangeOnly) {
     cycle({{a.pid(), Engine::HIGHCPU | Engine::PROC_TMP}, {low.pid(), Engine::PROC_TMP}}, 3);
     ASSERT_EQ(report.GetCount(), 2u);
     sent = ReportedProcesses(report, 1);
-    EXPECT_EQ(sent[a.pid()]["dt_cpu"].asString(), "3.0.0.0");
-    EXPECT_EQ(sent[a.pid()]["rule"].asInt(), 0x21);
-    EXPECT_EQ(sent[a.pid()]["score"].asInt(), 4);
+    EXPECT_EQ(std::make_tuple(sent[a.pid()]["dt_cpu"].asString(), sent[a.pid()]["rule"].asInt(),
+                              sent[a.pid()]["score"].asInt()),
+              std::make_tuple("3.0.0.0", 0x21, 4));
 
     // A no longer flagged: dropped, and the notification carries only what remains.
     cycle({{c.pid(), Engine::HIGHCPU}, {low.pid(), Engine::PROC_TMP}}, 4);
     ASSERT_EQ(report.GetCount(), 3u);
     sent = ReportedProcesses(report, 2);
-    EXPECT_EQ(sent.size(), 1u);
-    EXPECT_EQ(sent.count(c.pid()), 1u);
+    EXPECT_EQ(std::make_pair(sent.size(), sent.count(c.pid())), std::make_pair(1ul, 1ul));
 
     // Nothing flagged: everything dropped, nothing left to send.
     cycle({}, 5);
     task->GetManager().GetProcInfoMap(results);
     EXPECT_TRUE(results.empty());
     EXPECT_EQ(report.GetCount(), 3u);
+}
+
+Engine::ProcCheckInfo Info(const std::string& path, unsigned int flags) {
+    Engine::ProcCheckInfo info;
+    info.filePath = path;
+    info.flags = flags;
+    return info;
+}
+
+class AlertTest : public ::testing::Test {
+protected:
+    TestSupport::TestEngine env;
+    TestSupport::LogCapture log{"proc_det_module"};
+    TaskPtr task = MakeInitedTask(TaskSection(R"({"tmp": 1, "cpu": 2, "deleted": 3, "hidden": -1})"));
+};
+
+// The header, the process facts and the numeric details' dotted form are checked
+// on the real agent's alerts (DetactionE2ETest, NetstatE2ETest) and in ResultsTest.
+TEST_F(AlertTest, NothingIsSentBelowTheScoreOrForDeadProcesses) {
+    Child child({"/bin/sleep", "30"});
+    const int dead = DeadPid();
+    // tmp 1 + hidden -1 scores 0; cpu 2 stays under 3; a dead process is skipped.
+    task->DetActionNotify({{child.pid(), Info("/tmp/.x", Engine::PROC_TMP | Engine::PROC_HIDDEN)},
+                           {dead, Info("/tmp/gone", Engine::PROC_DELETED)}},
+                          nullptr);
+    task->DetActionNotify({{child.pid(), Info("/usr/bin/busy", Engine::HIGHCPU)}}, nullptr);
+    task->DetActionNotify({}, nullptr);
+    EXPECT_EQ(env.report().GetCount(), 0u);
+    EXPECT_EQ(log.Count("DONT REPORT. pid:" + std::to_string(child.pid()) + " /tmp/.x s:0<3"), 1u);
+    EXPECT_EQ(log.Count("NOT_EXISTS. Maybe dead already. pid:" + std::to_string(dead) + " /tmp/gone"), 1u);
+    for (const auto& line : log.GetLines()) {
+        EXPECT_EQ(line.file, "ProcDetActionFullTask") << line.text;  // the class, whichever file logs
+    }
+}
+
+TEST_F(AlertTest, ScoresAndDescriptions) {
+    // CMDLINE never scores; keys left out of "score" take their default weight.
+    EXPECT_EQ(task->CalcScore(0), 0u);
+    EXPECT_EQ(task->CalcScore(Engine::CMDLINE), 0u);
+    EXPECT_EQ(task->CalcScore(Engine::CONNECT_BIP), 3u);
+    EXPECT_EQ(task->CalcScore(0x1FF), 1u - 1u + 3u + 3u + 3u + 2u + 3u + 0u);
+    // Without a "score" object every process scores 0.
+    TaskPtr unscored = MakeInitedTask(R"({"task_condition": {"repeat_interval": 60}})");
+    EXPECT_EQ(unscored->CalcScore(0x1FF), 0u);
+
+    // Named bits in order; a bit of no finding has no name.
+    for (const auto& [flags, text] : std::map<unsigned int, std::string>{
+             {0, "CLEAR"},
+             {0x221, "PROC_TMP, HIGHCPU, "},
+             {0x1FF,
+              "PROC_TMP, PROC_HIDDEN, PROC_DELETED, LOGIN_OTHERS, CONNECT_BIP, HIGHCPU, STRINGS, CMDLINE, "
+              "PACKER, "}}) {
+        std::string desc = "old";
+        Engine::ProcDetManager::MakeDesc(flags, desc);
+        EXPECT_EQ(desc, text) << flags;
+    }
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <map>
-#include <set>
 #include <string>
 
 #include "feature_detaction/ProcDetNetstat.h"
