@@ -188,11 +188,12 @@ TEST(AgentCommandLine, LinesToTheJournalCarryTheirSyslogPriority) {
     ASSERT_EQ(::stat(err.c_str(), &info), 0);
     // Stands in for systemd, which names the stream it connected to stderr.
     const std::string stream = std::to_string(info.st_dev) + ":" + std::to_string(info.st_ino);
-    FILE* pipe = ::popen(("JOURNAL_STREAM=" + stream + " " + AgentRunner::AgentBinary() + " --prefix " +
-                          AgentRunner::BuildDir() + " --config " + config + " --module " +
-                          AgentRunner::ModulePath("libnet_collect_module.so") + " 2>>" + err)
-                             .c_str(),
-                         "r");
+    FILE* pipe =
+        ::popen(("JOURNAL_STREAM=" + stream + " " + AgentRunner::AgentBinary() + " --prefix " + dir.path() +
+                 " --policy-dir " + AgentRunner::BuildDir() + "/conf/policies --config " + config +
+                 " --module " + AgentRunner::ModulePath("libnet_collect_module.so") + " 2>>" + err)
+                    .c_str(),
+                "r");
     ASSERT_NE(pipe, nullptr);
     EXPECT_EQ(WEXITSTATUS(::pclose(pipe)), 2);
     const std::string text = TestSupport::ReadText(err);
