@@ -15,7 +15,8 @@ namespace Agent {
 // kSummaryInterval, and whatever is still counted when the sink delivers again,
 // before the recovery line. At most kMaxDistinct texts are kept apart; past
 // that, new texts are counted together as "other errors" (error texts may carry
-// changing figures, and the log must stay bounded).
+// changing figures, and the log must stay bounded). Not thread-safe: it is
+// used by its pump's thread alone.
 class DeliveryErrorLog {
 public:
     using Clock = std::function<std::chrono::steady_clock::time_point()>;
