@@ -122,7 +122,16 @@ void WarnWithoutPrivileges() {
 
 AgentApp::AgentApp() = default;
 
-AgentApp::~AgentApp() = default;
+AgentApp::~AgentApp() {
+    // Task threads call back into this object (OnPeriodicRunEnded): none may outlive it.
+    StopAll();
+}
+
+void AgentApp::OnPeriodicRunEnded(const Framework::Task& /*task*/) {
+    if (watchdog_) {
+        watchdog_->CycleEnded();
+    }
+}
 
 void AgentApp::defineOptions(Poco::Util::OptionSet& /*options*/) {
     stopOptionsProcessing();
@@ -157,7 +166,9 @@ int AgentApp::main(const std::vector<std::string>& args) {
     }
     WarnWithoutPrivileges();
 
+    watchdog_ = std::make_unique<TaskWatchdog>(*this);
     report_ = std::make_unique<ReportModule>(settings_.alerts);
+    report_->SetOnAlertsTaken([this](uint64_t total) { watchdog_->AlertsTaken(total); });
     if (report_->Init() != 0) {
         const std::string& why = report_->GetStartError();
         HOST_CONSOLE_LOG_ERROR(
@@ -415,9 +426,8 @@ void AgentApp::Serve() {
     PolicyPublisher publisher(*this, policies, &schemas);
     publisher.PublishChanges();
     HOST_CONSOLE_LOG_NOTICE("corvane-agent running with " + std::to_string(loader_->GetCount()) + " modules");
-    TaskWatchdog watchdog(*this);
-    ServiceNotifier::Ready(watchdog.Summary());
-    watchdog.Start();
+    ServiceNotifier::Ready(watchdog_->Summary());
+    watchdog_->Start();
     HeapTrimmer heap;
     for (;;) {
         const int signal = AgentSignals::WaitFor(kHeapTrimIntervalMs);
@@ -431,6 +441,7 @@ void AgentApp::Serve() {
             continue;
         }
         if (signal != SIGHUP) {
+            watchdog_->Stop();  // nothing after STOPPING=1 but the stop itself
             ServiceNotifier::Stopping();
             HOST_CONSOLE_LOG_NOTICE(std::string("corvane-agent stopping on ") +
                                     (signal == SIGINT ? "SIGINT" : "SIGTERM"));
@@ -442,7 +453,7 @@ void AgentApp::Serve() {
         ReloadSettings();
         const int delivered = publisher.PublishChanges();
         HOST_CONSOLE_LOG_NOTICE("SIGHUP: " + std::to_string(delivered) + " changed policies delivered");
-        ServiceNotifier::Ready(watchdog.Summary());
+        ServiceNotifier::Ready(watchdog_->Summary());
     }
 }
 

@@ -17,6 +17,7 @@ class MetricsEndpoint;
 class PolicySchemas;
 class ModuleLoader;
 class ReportModule;
+class TaskWatchdog;
 
 // corvane-agent: reads its settings, sets up logging, starts the report task,
 // loads the modules, delivers the policies, and then waits for signals.
@@ -34,6 +35,8 @@ protected:
     // The agent parses its own command line (CommandLine); Poco's processing is switched off.
     void defineOptions(Poco::Util::OptionSet& options) override;
     int main(const std::vector<std::string>& args) override;
+    // A detection cycle ended: the service status says so at once.
+    void OnPeriodicRunEnded(const Framework::Task& task) override;
 
 private:
     int Check(const AgentOptions& options) const;
@@ -60,6 +63,8 @@ private:
     Json::Value rawSettings_;  // the settings file as read, to tell what a reload changed
     std::vector<std::string> modulePaths_;
     AgentSettings settings_;
+    // Before the report task and the modules, whose threads tell it of cycles and alerts.
+    std::unique_ptr<TaskWatchdog> watchdog_;
     std::unique_ptr<ReportModule> report_;
     std::unique_ptr<ModuleLoader> loader_;
     std::unique_ptr<MetricsEndpoint> metrics_;

@@ -6,7 +6,6 @@
 
 #include "ServiceNotifier.h"
 #include "framework/Engine.h"
-#include "framework/Metrics.h"
 #include "framework/Task.h"
 #include "sdk/HostLog.h"
 
@@ -52,18 +51,52 @@ void TaskWatchdog::Stop() {
     }
 }
 
+void TaskWatchdog::CycleEnded() {
+    lastCycleMs_ = Framework::Task::ProgressClockMs();
+    RequestStatus();
+}
+
+void TaskWatchdog::AlertsTaken(uint64_t total) {
+    alertsTaken_ = total;
+    RequestStatus();
+}
+
+void TaskWatchdog::RequestStatus() {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        statusRequested_ = true;
+    }
+    wake_.notify_all();
+}
+
 void TaskWatchdog::Loop(int64_t tickMs, int64_t marginMs) {
+    using Clock = std::chrono::steady_clock;
     std::string lastStatus;
+    auto nextTick = Clock::now() + std::chrono::milliseconds(tickMs);
+    Clock::time_point lastSent;  // long ago
     std::unique_lock<std::mutex> lock(mutex_);
-    while (!wake_.wait_for(lock, std::chrono::milliseconds(tickMs), [this] { return stop_; })) {
+    while (!stop_) {
+        const auto now = Clock::now();
+        const auto statusDue = lastSent + std::chrono::milliseconds(kMinStatusIntervalMs);
+        const bool tick = now >= nextTick;
+        if (!tick && !(statusRequested_ && now >= statusDue)) {
+            // Woken early by a request; one within the interval waits for its end.
+            wake_.wait_until(lock, statusRequested_ ? std::min(nextTick, statusDue) : nextTick);
+            continue;
+        }
+        statusRequested_ = false;
         lock.unlock();
-        if (marginMs > 0 && FindStuck(marginMs).empty()) {
-            ServiceNotifier::Heartbeat();
+        if (tick) {
+            nextTick = now + std::chrono::milliseconds(tickMs);
+            if (marginMs > 0 && FindStuck(marginMs).empty()) {
+                ServiceNotifier::Heartbeat();
+            }
         }
         const std::string status = Summary();
         if (status != lastStatus) {
             ServiceNotifier::Status(status);
             lastStatus = status;
+            lastSent = now;
         }
         lock.lock();
     }
@@ -99,29 +132,13 @@ std::set<std::string> TaskWatchdog::FindStuck(int64_t marginMs) {
 }
 
 std::string TaskWatchdog::Summary() {
-    const std::vector<Framework::Engine::TaskStatus> tasks = engine_.GetTaskStatus();
-    unsigned long runs = 0;
-    for (const auto& task : tasks) {
-        runs += task.completedRuns;
-    }
-    const int64_t now = Framework::Task::ProgressClockMs();
-    std::lock_guard<std::mutex> lock(summaryMutex_);
-    if (runs != runsSeen_) {
-        runsSeen_ = runs;
-        lastCycleMs_ = now;
-    }
-    double alerts = 0;
-    for (const Framework::Metrics::Family& family : Framework::Metrics::Instance().Read()) {
-        if (family.name == "corvane_alerts_sent_total") {
-            for (const auto& series : family.series) {
-                alerts += series.value;
-            }
-        }
-    }
-    return std::to_string(tasks.size()) + " tasks running; last detection cycle " +
-           (lastCycleMs_ == 0 ? std::string("none yet")
-                              : std::to_string((now - lastCycleMs_) / 1000) + " s ago") +
-           "; " + std::to_string(static_cast<unsigned long>(alerts)) + " alerts sent";
+    const size_t tasks = engine_.GetTaskStatus().size();
+    const int64_t lastCycleMs = lastCycleMs_;
+    return std::to_string(tasks) + " tasks running; last detection cycle " +
+           (lastCycleMs == 0
+                ? std::string("none yet")
+                : std::to_string((Framework::Task::ProgressClockMs() - lastCycleMs) / 1000) + " s ago") +
+           "; " + std::to_string(alertsTaken_.load()) + " alerts sent";
 }
 
 }  // namespace Agent

@@ -59,6 +59,8 @@ std::vector<std::string> Engine::GetTaskNames() const {
     return names;
 }
 
+void Engine::OnPeriodicRunEnded(const Task& /*task*/) {}
+
 std::vector<Engine::TaskStatus> Engine::GetTaskStatus() const {
     std::lock_guard<std::recursive_mutex> lock(mutex_);
     std::vector<TaskStatus> statuses;

@@ -8,6 +8,7 @@
 #include <exception>
 #include <limits>
 
+#include "framework/Engine.h"
 #include "framework/FeaturePolicy.h"
 #include "framework/Metrics.h"
 #include "framework/TaskPolicy.h"
@@ -231,6 +232,9 @@ void Task::RunPeriodic() {
         ++completedRuns_;
         runs.Increment();
         duration.Observe(std::chrono::duration<double>(SteadyClock::now() - started).count());
+        if (Engine* engine = Engine::Instance()) {
+            engine->OnPeriodicRunEnded(*this);
+        }
         // Fixed rate: the next slot follows the previous one, and slots missed by a
         // long Run are skipped rather than run back to back.
         const std::chrono::seconds interval(IntervalSeconds(GetTaskCondition().GetTaskCondition()));

@@ -25,7 +25,8 @@ AlertSinkPump::AlertSinkPump(std::string name, std::unique_ptr<AlertSink> sink,
       shaper_(name_, std::move(envelope)),
       spool_(spool),
       timing_(timing),
-      deadLetter_(spool.GetDirectory() + "/" + name_ + ".dead", deadLetterMaxBytes) {}
+      deadLetter_(spool.GetDirectory() + "/" + name_ + ".dead", deadLetterMaxBytes),
+      errorLog_(name_, sink_->Describe()) {}
 
 AlertSinkPump::~AlertSinkPump() {
     Stop(std::chrono::milliseconds(0));
@@ -169,6 +170,7 @@ void AlertSinkPump::Loop(uint64_t cursor) {
     if (cursor != committed) {
         Commit(cursor);
     }
+    errorLog_.Flush();
     std::lock_guard<std::mutex> lock(mutex_);
     stop_ = true;
     wake_.notify_all();
@@ -204,12 +206,10 @@ bool AlertSinkPump::DeadLetter(const std::string& line, const std::string& refus
 
 void AlertSinkPump::OnFailure(const std::string& error) {
     ++failed_;
-    if (failures_++ > 0) {
-        return;
+    if (failures_++ == 0) {
+        deliveredInOutage_ = 0;
     }
-    deliveredInOutage_ = 0;
-    HOST_LOG_ERROR("cannot deliver alerts to " + name_ + " (" + sink_->Describe() + "): " + error +
-                   "; they wait in the spool and are retried");
+    errorLog_.Failed(error);
 }
 
 void AlertSinkPump::OnRecovery() {
@@ -218,9 +218,7 @@ void AlertSinkPump::OnRecovery() {
                          " alerts it refused for good went to " + deadLetter_.GetPath());
         deadInEpisode_ = 0;
     }
-    HOST_LOG_INFO("alerts reach " + name_ + " (" + sink_->Describe() + ") again after " +
-                  std::to_string(failures_) + " failed attempts; " + std::to_string(deliveredInOutage_) +
-                  " delivered since");
+    errorLog_.Recovered(failures_, deliveredInOutage_);
     failures_ = 0;
 }
 

@@ -13,6 +13,7 @@
 #include "AlertSink.h"
 #include "AlertSpool.h"
 #include "DeadLetterFile.h"
+#include "DeliveryErrorLog.h"
 #include "SiemEnvelope.h"
 
 namespace Agent {
@@ -24,7 +25,8 @@ namespace Agent {
 // the sink and a rename each time: committing less often only means a crash
 // delivers a little again, never that it loses). A failure waits (doubling from
 // `retry` up to `retryMax`, with jitter so a fleet does not retry in step) and
-// is logged once when the outage starts and once when it ends.
+// is logged when the outage starts, with each new cause and a count of the
+// repeats (DeliveryErrorLog), and once when it ends.
 //
 // A batch the sink refuses for good is halved until the line refused is alone;
 // refused alone kRefusalsBeforeDeadLetter times, that line goes to the sink's
@@ -89,6 +91,7 @@ private:
     bool stop_ = false;
     std::atomic<bool> draining_{false};
     DeadLetterFile deadLetter_;
+    DeliveryErrorLog errorLog_;
 
     int failures_ = 0;  // consecutive
     uint64_t deliveredInOutage_ = 0;

@@ -4,11 +4,13 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <map>
 #include <mutex>
-#include <set>
 #include <string>
 #include <vector>
+
+#include "SpoolLossLog.h"
+#include "SpoolPositions.h"
+#include "SpoolSegments.h"
 
 namespace Agent {
 
@@ -33,7 +35,11 @@ namespace Agent {
 // logged once with its segment, offset and size, and counted; a position that
 // cannot be trusted starts its sink again from the oldest spooled alert, so
 // damage may repeat alerts but never loses them silently.
-// Thread-safe: one writer (the report task) and any number of readers (sinks).
+//
+// This class is the queue and its locking; the segment files (SpoolSegments),
+// the positions (SpoolPositions), the reading of a segment
+// (SpoolSegmentReader) and the losses (SpoolLossLog) are each a class of their
+// own. Thread-safe: one writer (the report task) and any number of readers (sinks).
 class AlertSpool {
 public:
     enum class OpenResult {
@@ -87,63 +93,39 @@ public:
     bool SaveCursor(const std::string& sink, uint64_t offset, std::string& error);
 
     uint64_t GetEnd() const;
-    uint64_t GetBytes() const { return bytes_.load(); }
-    uint64_t GetDroppedFull() const { return droppedFull_.load(); }        // refused by the disk
-    uint64_t GetDroppedEvicted() const { return droppedEvicted_.load(); }  // removed over max_bytes
-    uint64_t GetDroppedDamaged() const { return droppedDamaged_.load(); }  // damaged lines skipped
-    uint64_t GetLostBytes() const { return lostBytes_.load(); }  // in damaged lines and missing stretches
+    uint64_t GetBytes() const { return segments_.GetBytes(); }
+    uint64_t GetDroppedFull() const { return droppedFull_.load(); }           // refused by the disk
+    uint64_t GetDroppedEvicted() const { return droppedEvicted_.load(); }     // removed over max_bytes
+    uint64_t GetDroppedDamaged() const { return losses_.GetDroppedLines(); }  // damaged lines skipped
+    uint64_t GetLostBytes() const {
+        return losses_.GetLostBytes();
+    }  // in damaged lines and missing stretches
     const std::string& GetDirectory() const { return dir_; }
 
 private:
-    struct Segment {
-        std::string path;
-        uint64_t size = 0;
-    };
-
     bool TakeLock(std::string& error, bool& busy);
-    bool LoadSegments(std::string& error);
-    void LoadSinkRecord();
-    bool SaveSinkRecord(std::string& error);
-    bool StartSegment(std::string& error);
-    bool NewestIsIntact();
+    // Removes the oldest segments every sink has passed, then those over maxBytes (counted, logged).
     void RemoveDelivered();
     void EvictOverLimit();
-    void ForgetSegment(std::map<uint64_t, Segment>::iterator segment);
-    uint64_t CountLinesFrom(const Segment& segment, uint64_t start, uint64_t from) const;
-    uint64_t MinCursor() const;
-    std::string SegmentPath(uint64_t start) const;
+    // Forgets the segment that starts at `start`, and the losses noted before the oldest left.
+    void ForgetSegment(uint64_t start, bool unlink);
     // Why `offset` cannot be a sink's position (empty when it can). Holds mutex_.
     std::string CheckPosition(uint64_t offset) const;
-    // Logs and counts the stretch [from, to) as lost, once whichever sink meets it first. Holds mutex_.
-    void NoteLoss(uint64_t from, uint64_t to, uint64_t lines, const std::string& where,
-                  const std::string& what);
-    // Reads from `offset` in the segment that starts at `start`; see Read.
-    enum class Scan { kDone, kMoved, kGone, kFailed };
-    Scan ReadSegment(uint64_t start, const std::string& path, uint64_t size, uint64_t& offset,
-                     size_t maxLines, size_t maxBytes, std::vector<std::string>& lines);
 
     const std::string dir_;
     const uint64_t maxBytes_;
-    const uint64_t segmentBytes_;
 
-    mutable std::mutex mutex_;
+    mutable std::mutex mutex_;  // over everything below but the counters
     std::condition_variable appended_;
     std::atomic<bool> open_{false};
-    std::map<uint64_t, Segment> segments_;     // by first offset
-    std::map<std::string, uint64_t> cursors_;  // committed offset per sink
-    std::set<std::string> knownSinks_;         // every sink that had a position here
-    bool sinkRecordFound_ = false;
-    std::map<uint64_t, uint64_t> lost_;  // stretches logged as lost, first offset to end
-    int fd_ = -1;                        // the newest segment, open for appending
+    SpoolSegments segments_;
+    SpoolPositions positions_;
+    SpoolLossLog losses_;
     int dirFd_ = -1;
     int lockFd_ = -1;
-    uint64_t end_ = 0;
 
-    std::atomic<uint64_t> bytes_{0};
     std::atomic<uint64_t> droppedFull_{0};
     std::atomic<uint64_t> droppedEvicted_{0};
-    std::atomic<uint64_t> droppedDamaged_{0};
-    std::atomic<uint64_t> lostBytes_{0};
     uint64_t fullInEpisode_ = 0;
     uint64_t evictedInEpisode_ = 0;
 };

@@ -161,6 +161,10 @@ void DataReportTask::Take(const Framework::Message& message) {
             batchBytes_ += line.size();
             batch_.push_back(std::move(line));
         }
+        const uint64_t taken = ++taken_;
+        if (onTaken_) {
+            onTaken_(taken);
+        }
         return;
     }
     // Log the first refusal and then one in a thousand, so a faulty sender cannot flood the log.

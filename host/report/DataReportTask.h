@@ -4,8 +4,10 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "AlertSinkPump.h"
@@ -50,7 +52,11 @@ public:
 
     // SIGUSR1: sinks reopen their files.
     void ReopenSinks();
+    // Called on the task's thread with the count taken so far each time it takes a report (the
+    // agent's status line). Set before the task starts; must return quickly.
+    void SetOnTaken(std::function<void(uint64_t)> listener) { onTaken_ = std::move(listener); }
 
+    uint64_t GetTakenCount() const { return taken_.load(); }      // reports taken, a split one once
     uint64_t GetWrittenCount() const { return written_.load(); }  // spooled
     uint64_t GetRefusedCount() const { return refused_.load(); }  // not one JSON document, or too long
     uint64_t GetSplitCount() const { return split_.load(); }      // alerts spooled in parts
@@ -84,6 +90,8 @@ private:
     size_t heldBytes_ = 0;
     std::string spoolRefusal_;  // why, as last logged
     std::chrono::steady_clock::time_point nextOpen_;
+    std::function<void(uint64_t)> onTaken_;
+    std::atomic<uint64_t> taken_{0};
     std::atomic<uint64_t> written_{0};
     std::atomic<uint64_t> refused_{0};
     std::atomic<uint64_t> split_{0};

@@ -1,5 +1,7 @@
 #include "report/ReportModule.h"
 
+#include <utility>
+
 #include "DataReportTask.h"
 #include "framework/Metrics.h"
 
@@ -15,6 +17,10 @@ ReportModule::~ReportModule() {
 
 void ReportModule::ReopenSinks() {
     task_->ReopenSinks();
+}
+
+void ReportModule::SetOnAlertsTaken(std::function<void(uint64_t)> listener) {
+    task_->SetOnTaken(std::move(listener));
 }
 
 int ReportModule::Init() {

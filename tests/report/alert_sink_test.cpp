@@ -264,6 +264,35 @@ TEST(AlertSinkPump, AFullDeadLetterFileHoldsTheSinkAtTheRefusedLine) {
     EXPECT_EQ(full.GetDeadLetteredCount(), 0u);
 }
 
+// An outage that changes cause logs each cause, the repeats counted, then its end.
+TEST(AlertSinkPump, AnOutageLogsEveryDistinctCauseAndItsEnd) {
+    struct FlakySink : Agent::AlertSink {
+        size_t Deliver(const std::vector<std::string>& lines, std::string& error) override {
+            if (++calls > 7) {
+                return lines.size();
+            }
+            error = calls == 1 ? "Server returned nothing" : "HTTP 503";
+            return 0;
+        }
+        std::string Describe() const override { return "flaky"; }
+        int calls = 0;
+    };
+    TestSupport::TempDir dir;
+    TestSupport::LogCapture log("agent");
+    Agent::AlertSpool spool(dir.path() + "/spool", 1 << 20);
+    ASSERT_EQ(Open(spool), kOpen);
+    Agent::AlertSinkPump pump("siem", std::make_unique<FlakySink>(), nullptr, spool,
+                              {std::chrono::milliseconds(1), std::chrono::milliseconds(2)});
+    pump.Start();
+    ASSERT_TRUE(spool.Append(Lines(1, 3)));
+    ASSERT_TRUE(TestSupport::WaitFor([&] { return log.Contains("alerts reach siem"); }));
+    pump.Stop(std::chrono::milliseconds(0));
+    EXPECT_EQ(log.Count("siem (flaky): Server returned nothing; they wait"), 1u);
+    EXPECT_EQ(log.Count("siem (flaky): HTTP 503; they wait"), 1u);
+    EXPECT_TRUE(log.Contains("siem: HTTP 503 (5 more times in the last"));
+    EXPECT_TRUE(log.Contains("again after 7 failed attempts; 3 delivered since"));
+}
+
 // Its files are private: met end to end (alert_sinks_e2e_test).
 TEST(AlertFileSink, AppendsLinesAndRotatesKeepingTheNewest) {
     TestSupport::TempDir dir;

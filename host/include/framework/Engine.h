@@ -43,6 +43,9 @@ public:
         unsigned long completedRuns = 0;
     };
     std::vector<TaskStatus> GetTaskStatus() const;
+    // Called on a periodic task's thread each time its Run has returned, so the
+    // agent can tell at once that a detection cycle ended. Must return quickly.
+    virtual void OnPeriodicRunEnded(const Task& task);
 
     // Task registry (modules reach it through Module::RegisterTask / UnRegisterTask).
     int RegisterTask(Module* owner, Task* task, bool system);

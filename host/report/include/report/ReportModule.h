@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <string>
 
 #include "framework/Module.h"
@@ -24,6 +26,9 @@ public:
 
     // The file sinks reopen their files (SIGUSR1, after logrotate moved them).
     void ReopenSinks();
+    // Called on the report task's thread with the count of alerts taken so far, each time it
+    // takes one. Set before Init; must return quickly.
+    void SetOnAlertsTaken(std::function<void(uint64_t)> listener);
     DataReportTask* GetTask() const { return task_; }
     // Why Init failed when another agent holds the spool.
     const std::string& GetStartError() const { return startError_; }
