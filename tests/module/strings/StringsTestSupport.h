@@ -16,7 +16,7 @@ namespace Engine {
 class ProcDetStringsPeer {
 public:
     static std::map<std::string, ProcDetStrings::STRINGS_INFO>& Cache(ProcDetStrings& detector) {
-        return detector.stringsInfoMap;
+        return detector.cache_.entries_;
     }
 };
 
