@@ -15,8 +15,6 @@
 
 namespace Engine {
 
-class ProcDetStringsPeer;  // test access to the cache
-
 // Looks for keywords among the printable strings of the executable of a process
 // that an earlier detector flagged (in practice for high CPU), then of the files
 // mapped into it. Which files are read is ProcDetStringsFiles' job, the reading and
@@ -76,8 +74,6 @@ public:
     }
 
 private:
-    friend class ProcDetStringsPeer;
-
     // MatchStrings with the caller's stat of `path` when it has one, to spare another.
     bool MatchFile(const std::string& path, bool skipSizeCheck, const bool& running, const struct stat* known,
                    std::string& result);

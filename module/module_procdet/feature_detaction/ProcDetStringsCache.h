@@ -11,8 +11,6 @@
 
 namespace Engine {
 
-class ProcDetStringsPeer;
-
 // The strings detector's scan results by file path, so that the same binaries and
 // libraries seen cycle after cycle cost one stat and a lookup while stat shows them
 // untouched. Bounded: a full cache refuses new paths rather than evicting others.
@@ -58,8 +56,6 @@ public:
     size_t Size() const { return entries_.size(); }
 
 private:
-    friend class ProcDetStringsPeer;
-
     std::map<std::string, Entry> entries_;
     time_t lastCleanTime_ = 0;
     Poco::Logger* logger_ = nullptr;

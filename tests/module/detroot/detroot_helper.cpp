@@ -8,7 +8,6 @@
 //   seteuid:U       seteuid
 //   fork            the child goes on with the remaining steps; the parent waits
 //   waitfile:NAME   wait until DIR/NAME exists
-//   exec:PATH       exec PATH with DIR and the remaining steps
 //   capset:N        raise capability N from the permitted into the effective set
 //   unlinkexe       delete the program file this process runs (run by its path)
 //   wait            wait until killed (also what happens after the last step)
@@ -99,14 +98,6 @@ int main(int argc, char** argv) {
             while (stat((g_dir + "/" + arg).c_str(), &info) != 0) {
                 usleep(50 * 1000);
             }
-        } else if (verb == "exec") {
-            std::vector<char*> args = {const_cast<char*>(arg.c_str()), argv[1]};
-            for (int j = i + 1; j < argc; ++j) {
-                args.push_back(argv[j]);
-            }
-            args.push_back(nullptr);
-            execv(arg.c_str(), args.data());
-            Fail(step, std::strerror(errno));
         } else if (verb == "capset") {
             const unsigned long cap = Numbers(step, arg).at(0);
             __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};

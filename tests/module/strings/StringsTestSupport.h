@@ -2,25 +2,12 @@
 
 #include <Poco/Logger.h>
 
-#include <map>
 #include <set>
 #include <stdexcept>
 #include <string>
 
 #include "feature_detaction/ProcDetStrings.h"
 #include "support/TempDir.h"
-
-namespace Engine {
-
-// Test access to the detector's cache and cleaning stamp.
-class ProcDetStringsPeer {
-public:
-    static std::map<std::string, ProcDetStrings::STRINGS_INFO>& Cache(ProcDetStrings& detector) {
-        return detector.cache_.entries_;
-    }
-};
-
-}  // namespace Engine
 
 namespace StringsTest {
 
