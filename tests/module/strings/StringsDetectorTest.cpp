@@ -26,7 +26,7 @@ constexpr long kNoLimit = 1L << 30;
 
 class StringsDetectorTest : public ::testing::Test {
 protected:
-    StringsDetectorTest() { detector.Init({"aa", "bb", "zz"}, kNoLimit, 0x20, StringsTest::ModuleLogger()); }
+    StringsDetectorTest() { detector.Init({"aa", "bb", "zz"}, kNoLimit, 0x20, logger); }
 
     bool Match(const std::string& path, std::string& result) {
         return detector.MatchStrings(path, false, running, result);
@@ -34,19 +34,18 @@ protected:
 
     TempDir dir;
     TestSupport::LogCapture log{"proc_det_module"};
+    Poco::Logger* const logger = &Poco::Logger::get("proc_det_module");
     ProcDetStrings detector;
     const bool running = true;
 };
 
 TEST_F(StringsDetectorTest, NeedToCheckSelectsRegularElfFilesWithinTheLimit) {
     const long limit = 1000;
-    detector.Init({"x"}, limit, 0x20, StringsTest::ModuleLogger());
+    detector.Init({"x"}, limit, 0x20, logger);
     const std::string exact = dir.Write("exact", Elf(std::string(limit - Elf("").size(), 'a')));
     const std::string over = dir.Write("over", Elf(std::string(limit + 1 - Elf("").size(), 'a')));
     const std::string text = dir.Write("text", "#!/bin/sh\necho hello\n");
-    const std::string tiny = dir.Write("tiny",
-                                       "\x7f"
-                                       "ELF");
+    const std::string tiny = dir.Write("tiny", "\177ELF");
     const std::string link = dir.path() + "/link";
     ASSERT_EQ(symlink(exact.c_str(), link.c_str()), 0);
     const std::string fifo = dir.path() + "/fifo";
@@ -101,10 +100,6 @@ TEST_F(StringsDetectorTest, ParseMapsListsEveryMappedFileOnce) {
     for (const char* path : {"/tmp/mapsdemo/lib with blank.so", "/tmp/mapsdemo/gone.so",
                              "/usr/lib/x86_64-linux-gnu/libc.so.6"}) {
         EXPECT_EQ(files.count(path), 1u) << path;
-    }
-    for (const std::string& path : files) {
-        EXPECT_TRUE(path.front() == '/' && path.back() != '\n' && path.find("(deleted)") == std::string::npos)
-            << path;
     }
 
     // Odd lines: runs of blanks, five fields, a tab, pseudo-paths, no final newline.
@@ -279,7 +274,7 @@ TEST_F(StringsDetectorTest, CheckProcessSearchesTheExecutableFirst) {
     EXPECT_EQ(check(dir.path() + "/gone", 0x20), 0x20u);
     EXPECT_TRUE(log.Contains("get stat of [" + dir.path() + "/gone" + "] failed."));
     EXPECT_FALSE(log.Contains("try to check SOFILE"));
-    detector.Init({"aa"}, 10, 0x20, StringsTest::ModuleLogger());
+    detector.Init({"aa"}, 10, 0x20, logger);
     EXPECT_EQ(check(exe, 0x20), 0x20u);
     EXPECT_TRUE(log.Contains("str [" + exe + "] size:"));
     EXPECT_FALSE(log.Contains("try to check SOFILE"));
