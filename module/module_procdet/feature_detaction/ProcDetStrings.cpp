@@ -16,11 +16,6 @@ constexpr const char* kTaskName = "detaction_full_task";
 
 }  // namespace
 
-ProcDetStrings::ProcDetStrings() {
-    files_.Configure(kDefaultMaxFileSize, nullptr);
-    scanner_.Init({}, kDefaultMaxFileSize, nullptr);
-}
-
 void ProcDetStrings::Init(const std::set<std::string>& keywords, long maxFileSize, unsigned int flagMask,
                           Poco::Logger* logger) {
     files_.Configure(maxFileSize, logger);

@@ -24,10 +24,10 @@ class ProcDetStrings : public ProcDetBase {
 public:
     using STRINGS_INFO = ProcDetStringsCache::Entry;
 
-    static constexpr int64_t kDefaultMaxFileSize = 0x200000;
+    static constexpr int64_t kDefaultMaxFileSize = ProcDetStringsFiles::kDefaultMaxFileSize;
     static constexpr size_t kMaxKeywordLength = ProcDetStringsScanner::kMaxKeywordLength;
 
-    ProcDetStrings();
+    ProcDetStrings() = default;
     ~ProcDetStrings() override = default;
     ProcDetStrings(const ProcDetStrings&) = delete;
     ProcDetStrings& operator=(const ProcDetStrings&) = delete;

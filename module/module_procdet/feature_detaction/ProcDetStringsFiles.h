@@ -15,6 +15,7 @@ namespace Engine {
 // Also how a chosen file is opened, so that the reader opens it the same way.
 class ProcDetStringsFiles {
 public:
+    static constexpr int64_t kDefaultMaxFileSize = 0x200000;  // until Configure
     static constexpr size_t kMaxPathLength = 4096;
     static constexpr size_t kReadBlock = 64 * 1024;  // what one read of a scanned file asks for
 
@@ -40,7 +41,7 @@ public:
     static FILE* OpenForReading(const std::string& resolved);
 
 private:
-    int64_t maxFileSize_ = 0;
+    int64_t maxFileSize_ = kDefaultMaxFileSize;
     Poco::Logger* logger_ = nullptr;
 };
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "feature_detaction/ProcDetStringsFiles.h"
 #include "feature_detaction/ProcDetStringsMatcher.h"
 
 namespace Engine {
@@ -33,7 +34,7 @@ public:
 
 private:
     std::set<std::string> keywords_;
-    int64_t maxFileSize_ = 0;
+    int64_t maxFileSize_ = ProcDetStringsFiles::kDefaultMaxFileSize;
     // Never reset by Init: they describe every keyword set ever given.
     uint64_t minKeywordLen_ = 1024;
     uint64_t maxKeywordLen_ = 0;
