@@ -5,6 +5,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "collect/ProcsMessage.h"
 #include "feature_detroot/ProcDetRootRecords.h"

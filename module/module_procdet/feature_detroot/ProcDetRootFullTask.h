@@ -93,7 +93,7 @@ private:
     std::set<std::string> whiteList_;
     std::set<std::string> ignoredProcesses_;
     ProcDetRootRecords records_;
-    ProcDetRootChecker checker_;
+    ProcDetRootChecker checker_;  // reads whiteList_ and records_, declared before it
     ProcDetRootAlarm alarm_;
     Poco::Logger* logger_ = nullptr;
 };
