@@ -7,8 +7,9 @@
 #include <climits>
 #include <cstring>
 
+#include "feature_detaction/ProcDetStringsFiles.h"
+
 #include "ProcDetLog.h"
-#include "feature_detaction/ProcDetStrings.h"
 #include "sdk/ProcessUtils.h"
 #include "sdk/StrUtils.h"
 
@@ -16,7 +17,7 @@ namespace Engine {
 
 namespace {
 
-// Log lines and CPU governor calls name the class, not this file.
+// Log lines and CPU governor calls name the detector, whichever of its classes runs.
 constexpr const char* kProcDetSource = "module/module_procdet/feature_detaction/ProcDetStrings";
 
 }  // namespace
@@ -52,7 +53,12 @@ const char* FindPathField(const char* line) {
 
 }  // namespace
 
-bool ProcDetStrings::ResolvePath(const std::string& path, std::string& resolved) {
+void ProcDetStringsFiles::Configure(int64_t maxFileSize, Poco::Logger* logger) {
+    maxFileSize_ = maxFileSize;
+    logger_ = logger;
+}
+
+bool ProcDetStringsFiles::ResolvePath(const std::string& path, std::string& resolved) {
     if (path.size() > kMaxPathLength) {
         return false;
     }
@@ -65,7 +71,7 @@ bool ProcDetStrings::ResolvePath(const std::string& path, std::string& resolved)
     return true;
 }
 
-FILE* ProcDetStrings::OpenForReading(const std::string& resolved) {
+FILE* ProcDetStringsFiles::OpenForReading(const std::string& resolved) {
     // Whatever the path now is, it is read as fopen's "r" would read it (the reader
     // stops at maxFileSize, so a device is bounded too). O_NONBLOCK only keeps a FIFO,
     // which NeedToCheck refuses but which may replace a file after its stat, from
@@ -81,32 +87,32 @@ FILE* ProcDetStrings::OpenForReading(const std::string& resolved) {
     return file;
 }
 
-bool ProcDetStrings::NeedToCheck(const std::string& path, long& size) const {
+bool ProcDetStringsFiles::NeedToCheck(const std::string& path, long& size) const {
     struct stat st;
     if (stat(path.c_str(), &st) != 0) {
-        PROCDET_DEBUG(logger, "get stat of [%s] failed.", path);
+        PROCDET_DEBUG(logger_, "get stat of [%s] failed.", path);
         return false;
     }
     bool verified = false;
     return PassesStatChecks(path, st, size) && PassesHeaderCheck(path, verified);
 }
 
-bool ProcDetStrings::PassesStatChecks(const std::string& path, const struct stat& st, long& size) const {
+bool ProcDetStringsFiles::PassesStatChecks(const std::string& path, const struct stat& st, long& size) const {
     if (!S_ISREG(st.st_mode)) {
-        PROCDET_DEBUG(logger, "%s is not regular file", path);
+        PROCDET_DEBUG(logger_, "%s is not regular file", path);
         return false;
     }
     size = static_cast<long>(st.st_size);
-    if (size > maxFileSize) {
+    if (size > maxFileSize_) {
         // The text takes int; sizes past 2 GiB print truncated.
-        PROCDET_DEBUG(logger, "str [%s] size:%d > %d", path, static_cast<int>(size),
-                      static_cast<int>(maxFileSize));
+        PROCDET_DEBUG(logger_, "str [%s] size:%d > %d", path, static_cast<int>(size),
+                      static_cast<int>(maxFileSize_));
         return false;
     }
     return true;
 }
 
-bool ProcDetStrings::PassesHeaderCheck(const std::string& path, bool& verified) const {
+bool ProcDetStringsFiles::PassesHeaderCheck(const std::string& path, bool& verified) const {
     bool isElf = false;
     verified = false;
     if (!IsElf(path, isElf)) {
@@ -114,21 +120,21 @@ bool ProcDetStrings::PassesHeaderCheck(const std::string& path, bool& verified) 
         return true;
     }
     if (!isElf) {
-        PROCDET_DEBUG(logger, "[%s] is not elf. ignore", path);
+        PROCDET_DEBUG(logger_, "[%s] is not elf. ignore", path);
         return false;
     }
     verified = true;
     return true;
 }
 
-bool ProcDetStrings::IsElf(const std::string& path, bool& isElf) const {
+bool ProcDetStringsFiles::IsElf(const std::string& path, bool& isElf) const {
     std::string resolved;
     if (!ResolvePath(path, resolved)) {
         return false;
     }
     FILE* file = OpenForReading(resolved);
     if (file == nullptr) {
-        PROCDET_DEBUG(logger, "open %s failed to check elf.", path);
+        PROCDET_DEBUG(logger_, "open %s failed to check elf.", path);
         return false;
     }
     unsigned char header[6] = {0};
@@ -142,21 +148,21 @@ bool ProcDetStrings::IsElf(const std::string& path, bool& isElf) const {
     return true;
 }
 
-bool ProcDetStrings::ParseMaps(int pid, const bool& running, std::set<std::string>& files) const {
+bool ProcDetStringsFiles::ParseMaps(int pid, const bool& running, std::set<std::string>& files) const {
     const std::string mapsPath = SDK::ProcessUtils::GetProcessFilePath(pid, "maps");
     // "/proc/N/maps" holds no link to resolve: opened directly, a process that has
     // gone fails with ENOENT (ESRCH while it is being reaped), silently as before.
     const int fd = open(mapsPath.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
         if (errno != ENOENT && errno != ESRCH) {
-            PROCDET_DEBUG(logger, "read [%s] failed.", mapsPath);
+            PROCDET_DEBUG(logger_, "read [%s] failed.", mapsPath);
         }
         return false;
     }
     FILE* maps = fdopen(fd, "r");
     if (maps == nullptr) {
         close(fd);
-        PROCDET_DEBUG(logger, "read [%s] failed.", mapsPath);
+        PROCDET_DEBUG(logger_, "read [%s] failed.", mapsPath);
         return false;
     }
     // The kernel fills what one read asks for: a big buffer takes the usual maps in one
@@ -168,7 +174,8 @@ bool ProcDetStrings::ParseMaps(int pid, const bool& running, std::set<std::strin
     return true;
 }
 
-void ProcDetStrings::ParseMapsStream(FILE* maps, const bool& running, std::set<std::string>& files) const {
+void ProcDetStringsFiles::ParseMapsStream(FILE* maps, const bool& running,
+                                          std::set<std::string>& files) const {
     char* line = nullptr;
     size_t capacity = 0;
     uint32_t lines = 0;
@@ -188,7 +195,7 @@ void ProcDetStrings::ParseMapsStream(FILE* maps, const bool& running, std::set<s
     free(line);
 }
 
-bool ProcDetStrings::IsValidFilePath(const char* text, std::string& path) const {
+bool ProcDetStringsFiles::IsValidFilePath(const char* text, std::string& path) const {
     path = text;
     SDK::StrUtils::Trim(path);
     if (path.empty()) {

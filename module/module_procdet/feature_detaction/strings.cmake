@@ -1,5 +1,6 @@
 list(APPEND PROCDET_SOURCES
   feature_detaction/ProcDetStrings.cpp
+  feature_detaction/ProcDetStringsCache.cpp
   feature_detaction/ProcDetStringsFiles.cpp
   feature_detaction/ProcDetStringsMatcher.cpp
-  feature_detaction/ProcDetStringsScan.cpp)
+  feature_detaction/ProcDetStringsScanner.cpp)

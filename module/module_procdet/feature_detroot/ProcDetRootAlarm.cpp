@@ -1,12 +1,6 @@
-#include <json/json.h>
-
-#include <new>
-#include <string>
+#include "feature_detroot/ProcDetRootAlarm.h"
 
 #include "ProcDetLog.h"
-#include "ProcDetMetrics.h"
-#include "feature_detroot/ProcDetRootFullTask.h"
-#include "framework/DataMessage.h"
 #include "sdk/CryptoCodeUtils.h"
 #include "sdk/JsonUtils.h"
 #include "sdk/ProcessUtils.h"
@@ -16,13 +10,8 @@ namespace Engine {
 
 namespace {
 
-// Log lines and CPU governor calls name the class, not this file.
+// Log lines name the task, whichever of its classes runs.
 constexpr const char* kProcDetSource = "module/module_procdet/feature_detroot/ProcDetRootFullTask";
-
-}  // namespace
-
-namespace {
-
 constexpr long kHashSizeLimit = 10485760;
 
 // Login session facts of a process; empty when it has no session we can read.
@@ -38,7 +27,7 @@ SDK::ProcessUtils::SessionInfo LookUpSession(int pid) {
 
 }  // namespace
 
-void ProcDetRootFullTask::GenerateAlertHeader(int type, Json::Value& alert) const {
+void ProcDetRootAlarm::GenerateAlertHeader(int type, Json::Value& alert) {
     alert["event_id"] = SDK::CryptoCodeUtils::GenerateUUID();
     alert["event_classid"] = "procdet_0002";
     alert["event_name"] = "detroot";
@@ -54,15 +43,16 @@ void ProcDetRootFullTask::GenerateAlertHeader(int type, Json::Value& alert) cons
     alert["alarm_type"] = static_cast<Json::Int64>(type);
 }
 
-void ProcDetRootFullTask::SendAlarm(ProcInfoPtr process, ProcInfoPtr parent, int type) {
+bool ProcDetRootAlarm::Build(const ProcInfoPtr& process, const ProcInfoPtr& parent, int type,
+                             std::string& text) {
     if (!process) {
-        return;
+        return false;
     }
     // One alarm per process identity (start time and program), whatever it does next.
     const std::string key = std::to_string(static_cast<long>(process->startTime)) + process->exePath;
     if (alarmedKeys_.count(key) != 0) {
         PROCDET_INFO(logger_, "replicate message by %s", key);
-        return;
+        return false;
     }
     alarmedKeys_.insert(key);
 
@@ -104,15 +94,8 @@ void ProcDetRootFullTask::SendAlarm(ProcInfoPtr process, ProcInfoPtr parent, int
 
     alert["process_info"].append(entry);
 
-    const std::string text = SDK::JsonUtils::JsonToString(alert);
-    PROCDET_INFO(logger_, "detroot alarm:%s", text);
-    auto* message = new (std::nothrow) Framework::DataMessage("2", text);
-    if (message == nullptr) {
-        PROCDET_ERROR(logger_, "detroot alarm not sent: out of memory");
-        return;
-    }
-    SendDirectMsg("data_comm_report_task", message);
-    ProcDetMetrics::CountAlertSent("procdet_0002");
+    text = SDK::JsonUtils::JsonToString(alert);
+    return true;
 }
 
 }  // namespace Engine

@@ -1,16 +1,16 @@
 #include "feature_detroot/ProcDetRootFullTask.h"
 
 #include <dirent.h>
-#include <sys/stat.h>
 
 #include <cstdlib>
-#include <iterator>
 #include <new>
 
 #include "ProcDetLog.h"
+#include "ProcDetMetrics.h"
 #include "collect/ProcsFullTask.h"
 #include "feature_detroot/ProcDetRootFullTaskPolicy.h"
 #include "feature_detroot/ProcDetRootPolicy.h"
+#include "framework/DataMessage.h"
 #include "framework/Engine.h"
 #include "sdk/ExecuteCmdUtils.h"
 #include "sdk/ProcessUtils.h"
@@ -24,10 +24,6 @@ namespace {
 // Log lines and CPU governor calls name the class, not this file.
 constexpr const char* kProcDetSource = "module/module_procdet/feature_detroot/ProcDetRootFullTask";
 
-}  // namespace
-
-namespace {
-
 constexpr int kMessageBatch = 1024;
 constexpr long kLoopSleepMs = 500;
 constexpr unsigned long kPathOutputLimit = 4096;
@@ -36,26 +32,26 @@ constexpr const char* kEventTaskName = "procs_real_task";
 // Fork and user-identity events.
 constexpr unsigned int kEventFlags[] = {PROCS_EVENT_FORK, PROCS_EVENT_UID};
 
-// A root-owned program with the given set-ID bit that anyone may run.
-bool IsRootSetIdProgram(const char* path, mode_t setIdBit, bool byGroup) {
-    struct stat info {};
-    if (path == nullptr || stat(path, &info) != 0) {
-        return false;
-    }
-    const bool rootOwned = byGroup ? info.st_gid == 0 : info.st_uid == 0;
-    return rootOwned && (info.st_mode & setIdBit) != 0 && (info.st_mode & S_IXOTH) != 0;
-}
-
 }  // namespace
 
 ProcDetRootFullTask::ProcDetRootFullTask()
     : Framework::Task(kTaskName, kFeatureName, Framework::TaskCondition::TASK_TYPE_RESIDENT, 4096),
-      logger_(GetProcDetLogger()) {}
+      checker_(whiteList_, records_, [this](ProcInfoPtr process, ProcInfoPtr parent, int type) {
+          SendAlarm(process, parent, type);
+      }) {
+    SetLogger(GetProcDetLogger());
+}
 
 ProcDetRootFullTask::~ProcDetRootFullTask() = default;
 
+void ProcDetRootFullTask::SetLogger(Poco::Logger* logger) {
+    logger_ = logger;
+    checker_.SetLogger(logger);
+    alarm_.SetLogger(logger);
+}
+
 int ProcDetRootFullTask::Init() {
-    logger_ = GetProcDetLogger();
+    SetLogger(GetProcDetLogger());
 
     for (unsigned int flag : kEventFlags) {
         auto* regist = new (std::nothrow) ProcsRegistMessage(flag, this);
@@ -71,7 +67,7 @@ int ProcDetRootFullTask::Init() {
         Framework::Task::Init();
         return 0;
     }
-    reportSuidProc_ = taskPolicy->GetNosuidParent();
+    checker_.SetReportSuidProc(taskPolicy->GetNosuidParent());
 
     auto* featurePolicy = dynamic_cast<ProcDetRootPolicy*>(GetFeaturePolicy());
     if (featurePolicy == nullptr) {
@@ -124,14 +120,6 @@ void ProcDetRootFullTask::AddWhiteList(const std::string& dir) {
     closedir(stream);
 }
 
-bool ProcDetRootFullTask::IsSetuidElf(const char* path) const {
-    return IsRootSetIdProgram(path, S_ISUID, false);
-}
-
-bool ProcDetRootFullTask::IsSetgidElf(const char* path) const {
-    return IsRootSetIdProgram(path, S_ISGID, true);
-}
-
 bool ProcDetRootFullTask::IsCancelling() {
     return isCancelled() || state() == TASK_CANCELLING;
 }
@@ -161,46 +149,12 @@ int ProcDetRootFullTask::Run() {
     return 0;
 }
 
-void ProcDetRootFullTask::UpdateRootProcInfo() {
-    for (auto it = rootProcs_.begin(); it != rootProcs_.end();) {
-        if (SDK::ProcessUtils::IsProcessAlive(static_cast<unsigned int>(it->first))) {
-            ++it;
-        } else {
-            it = rootProcs_.erase(it);
-        }
-    }
-}
-
-bool ProcDetRootFullTask::IsSuidDescendant(int pid, int64_t startTime) const {
-    const auto it = rootProcs_.find(pid);
-    return it != rootProcs_.end() && it->second.startTime == startTime && it->second.suidDescendant;
-}
-
-void ProcDetRootFullTask::DropGoneForkRecords(const ProcsFullTask::ProcsMap& procs) {
-    for (auto it = forkedProcs_.begin(); it != forkedProcs_.end();) {
-        const auto live = procs.find(it->first);
-        bool gone;
-        if (live != procs.end() && live->second) {
-            // A later start time is a new process on the pid. An earlier one is a
-            // table taken before this record's fork event: the record stays.
-            gone = live->second->startTime > it->second->startTime;
-        } else {
-            gone = !SDK::ProcessUtils::IsProcessAlive(static_cast<unsigned int>(it->first));
-        }
-        it = gone ? forkedProcs_.erase(it) : std::next(it);
-    }
-}
-
 void ProcDetRootFullTask::CheckProcess() {
     UpdateRootProcInfo();
 
     // The processes compared with their fork records: the table reads their
     // capabilities and command lines, and their parents', as they are now.
-    std::vector<int> compared;
-    compared.reserve(forkedProcs_.size());
-    for (const auto& entry : forkedProcs_) {
-        compared.push_back(entry.first);
-    }
+    const std::vector<int> compared = records_.ForkedPids();
     ProcsFullTask::ProcsMap procs;
     Framework::Engine* engine = Framework::Engine::Instance();
     auto* fullTask =
@@ -220,12 +174,13 @@ void ProcDetRootFullTask::CheckProcess() {
         if (IsCancelling()) {
             return;
         }
-        if (!record || whiteList_.count(record->exePath) != 0 || IsSuidDescendant(pid, record->startTime)) {
+        if (!record || whiteList_.count(record->exePath) != 0 ||
+            records_.IsSuidDescendant(pid, record->startTime)) {
             continue;
         }
-        const auto forked = forkedProcs_.find(pid);
+        const ProcInfoPtr forked = records_.FindFork(pid);
         const auto parentIt = procs.find(record->ppid);
-        if (forked == forkedProcs_.end() || !forked->second || parentIt == procs.end() || !parentIt->second) {
+        if (!forked || parentIt == procs.end() || !parentIt->second) {
             continue;
         }
         const ProcInfoPtr& parent = parentIt->second;
@@ -233,10 +188,73 @@ void ProcDetRootFullTask::CheckProcess() {
         if (parent->name.empty() || parent->euid == kUnknownId || parent->egid == kUnknownId) {
             continue;
         }
-        if (CheckSelfPrompt(record, parent, forked->second) == 0) {
+        if (CheckSelfPrompt(record, parent, forked) == 0) {
             CheckChildPrompt(record, parent);
         }
     }
+}
+
+void ProcDetRootFullTask::ProcsMessageAction(int pid, unsigned int flag, ProcInfoPtr record) {
+    if (!record) {
+        return;
+    }
+    ProcDetMetrics::CountProcessEvent(flag == PROCS_EVENT_UID    ? "identity"
+                                      : flag == PROCS_EVENT_FORK ? "fork"
+                                                                 : "other");
+    PROCDET_PACE_CPU(kTaskName);
+    if (flag == PROCS_EVENT_UID) {
+        // Only a change to non-root real and effective users is a drop.
+        if (record->uid == 0 || record->euid == 0) {
+            return;
+        }
+        PROCDET_DEBUG(logger_, "recvdetroot uid pid %d, uid %u", pid, record->uid);
+        records_.DropIdentity(pid, record->startTime);
+    } else if (flag == PROCS_EVENT_FORK) {
+        EventCheckFork(pid, record);
+    }
+}
+
+void ProcDetRootFullTask::EventCheckFork(int pid, ProcInfoPtr record) {
+    if (!record) {
+        return;
+    }
+    // Read now, not at fork time: a parent that is gone leaves the status unknown,
+    // which counts as a non-root parent without capabilities.
+    SDK::ProcessUtils::procStatus parentStatus;
+    SDK::ProcessUtils::GetProcessStatusInfo(record->ppid, parentStatus);
+    const bool parentHasCaps = parentStatus.capEff != 0;
+    const bool parentIsRoot = parentStatus.fsuid == 0;
+
+    if (parentHasCaps || parentIsRoot) {
+        const bool suidRoot = IsSuidRoot(record->ppid, record->parentExePath, record->parentStartTime);
+        if (suidRoot) {
+            PROCDET_DEBUG(logger_, "add suid process %d", pid);
+        }
+        records_.AddRootBirth(pid, record->startTime, suidRoot);
+        if (parentHasCaps) {
+            records_.MarkParent(record->ppid, record->parentStartTime);
+        }
+        // Children of root are root by birth; there is no rise to compare against.
+        if (parentIsRoot) {
+            return;
+        }
+    }
+    records_.AddFork(pid, record);
+}
+
+void ProcDetRootFullTask::SendAlarm(ProcInfoPtr process, ProcInfoPtr parent, int type) {
+    std::string text;
+    if (!alarm_.Build(process, parent, type, text)) {
+        return;
+    }
+    PROCDET_INFO(logger_, "detroot alarm:%s", text);
+    auto* message = new (std::nothrow) Framework::DataMessage("2", text);
+    if (message == nullptr) {
+        PROCDET_ERROR(logger_, "detroot alarm not sent: out of memory");
+        return;
+    }
+    SendDirectMsg("data_comm_report_task", message);
+    ProcDetMetrics::CountAlertSent("procdet_0002");
 }
 
 void ProcDetRootFullTask::UnInit() {

@@ -1,24 +1,91 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <ctime>
+#include <filesystem>
+#include <fstream>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "DetRootTestUtil.h"
 #include "feature_detroot/ProcDetRootFullTask.h"
 #include "feature_detroot/ProcDetRootFullTaskPolicy.h"
 #include "feature_detroot/ProcDetRootPolicy.h"
 #include "sdk/JsonUtils.h"
+#include "sdk/ProcessUtils.h"
+#include "support/FakeProcsFullTask.h"
+#include "support/TempDir.h"
 #include "support/TestEngine.h"
 
 namespace {
 
-using namespace DetRootTest;
 using Engine::ProcDetRootFullTask;
+using Engine::ProcDetRootFullTaskPolicy;
+using Engine::ProcDetRootPolicy;
+using ProcInfoPtr = std::shared_ptr<Engine::ProcsMessage::procInfo>;
+using Info = Engine::ProcsMessage::procInfo;
+
+constexpr uint64_t kAllCaps = 0x1fffeffffffULL;
+
+// A small file `name` in `dir` with the given owner and mode; returns its path.
+std::string MakeFile(const TestSupport::TempDir& dir, const std::string& name, uid_t owner, gid_t group,
+                     mode_t mode) {
+    const std::string file = dir.Write(name, "#!/bin/sh\n");
+    EXPECT_EQ(chown(file.c_str(), owner, group) | chmod(file.c_str(), mode), 0) << file;
+    return file;
+}
+
+// A fake /proc holding only the processes a test writes, so the task's reads of
+// parent status and liveness see exactly what the test says.
+class FakeProcRoot {
+public:
+    FakeProcRoot() { SDK::ProcessUtils::SetProcRoot(dir_.path()); }
+    ~FakeProcRoot() { SDK::ProcessUtils::SetProcRoot("/proc"); }
+
+    // A live process with the given filesystem user and effective capability set.
+    void Write(int pid, unsigned int fsuid, uint64_t capEff, int ppid = 1) const {
+        const std::string dir = dir_.path() + "/" + std::to_string(pid);
+        std::filesystem::create_directories(dir);
+        std::ofstream(dir + "/status")
+            << "Name:\tproc" << pid << "\nPPid:\t" << ppid << "\nUid:\t" << fsuid << "\t" << fsuid << "\t"
+            << fsuid << "\t" << fsuid << "\nGid:\t0\t0\t0\t0\n"
+            << "CapPrm:\t" << std::hex << capEff << "\nCapEff:\t" << capEff << "\n";
+        std::ofstream(dir + "/stat") << pid << " (proc" << pid << ") S " << ppid
+                                     << " 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 100 0 0\n";
+    }
+
+private:
+    TestSupport::TempDir dir_{"detroot_proc"};
+};
+
+// A process record; identities 1000 and no capabilities unless changed.
+ProcInfoPtr Proc(int pid, int ppid, const std::string& exePath, int64_t startTime) {
+    auto record = TestSupport::MakeProc(pid, exePath, ppid);
+    record->cmdline = exePath + " --run";
+    record->startTime = startTime;
+    record->startTimeSec = static_cast<int64_t>(time(nullptr)) - 10;
+    return record;
+}
+
+// A copy of a record, changed by `change`: the "now" side of a before/after comparison.
+template <typename Change>
+ProcInfoPtr Copy(const ProcInfoPtr& record, Change change) {
+    auto copy = std::make_shared<Info>(*record);
+    change(*copy);
+    return copy;
+}
+
+// The record of `child` as a fork event reports it under `parent`.
+ProcInfoPtr ChildOf(const ProcInfoPtr& parent, int pid, const std::string& exePath, int64_t startTime) {
+    ProcInfoPtr record = Proc(pid, parent->pid, exePath, startTime);
+    record->parentExePath = parent->exePath;
+    record->parentStartTime = parent->startTime;
+    return record;
+}
 
 class DetRootTaskTest : public ::testing::Test {
 protected:
@@ -69,7 +136,7 @@ protected:
     size_t alarms_ = 0;
 };
 
-TEST_F(DetRootTaskTest, SetIdMarkSpreadsDownRootTreeAndIdentityDropClearsIt) {
+TEST_F(DetRootTaskTest, ForkAndIdentityEventsKeepRootAndForkRecords) {
     const std::string suidProgram = MakeFile(bin_, "suidprog", 0, 0, 04755);
     task_->AddWhiteList(bin_.path());
 
@@ -84,7 +151,6 @@ TEST_F(DetRootTaskTest, SetIdMarkSpreadsDownRootTreeAndIdentityDropClearsIt) {
     EXPECT_TRUE(task_->IsSuidRoot(200, "/opt/tool", 2000));
     EXPECT_TRUE(task_->IsSuidRoot(300, "/opt/worker", 3000));
     EXPECT_TRUE(task_->IsBornRoot(c300));
-    EXPECT_TRUE(log_.Contains("add suid process 300"));
     // Children of root are born root: nothing to compare a later rise against.
     EXPECT_EQ(task_->GetForkRecordCount(), 0u);
 
@@ -96,24 +162,15 @@ TEST_F(DetRootTaskTest, SetIdMarkSpreadsDownRootTreeAndIdentityDropClearsIt) {
     EXPECT_EQ(task_->GetForkRecordCount(), 1u);
 
     // Ignored identity events: a root user id, another start time.
-    ProcInfoPtr event = Copy(c300);
-    event->uid = 0;
-    UidChange(event);
-    event = Copy(c300);
-    event->startTime = 3001;
-    UidChange(event);
+    UidChange(Copy(c300, [](Info& p) { p.uid = 0; }));
+    UidChange(Copy(c300, [](Info& p) { p.startTime = 3001; }));
     EXPECT_TRUE(task_->IsSuidRoot(300, "/opt/worker", 3000));
     EXPECT_TRUE(task_->IsBornRoot(c300));
 
     // A drop of 300 (which forked without capabilities) clears both marks; unreadable
     // identities (4294967295) are non-root like any other.
-    event = Copy(c300);
-    event->uid = event->euid = 0xFFFFFFFFu;
-    UidChange(event);
+    UidChange(Copy(c300, [](Info& p) { p.uid = p.euid = 0xFFFFFFFFu; }));
     EXPECT_TRUE(log_.Contains("recvdetroot uid pid 300, uid 4294967295"));
-    for (const auto& line : log_.GetLines()) {
-        EXPECT_EQ(line.file, "ProcDetRootFullTask") << line.text;  // the class, whichever file logs
-    }
     EXPECT_FALSE(task_->IsSuidRoot(300, "/opt/worker", 3000));
     EXPECT_FALSE(task_->IsBornRoot(c300));
 
@@ -141,43 +198,79 @@ TEST_F(DetRootTaskTest, SetIdMarkSpreadsDownRootTreeAndIdentityDropClearsIt) {
     task_->ProcsMessageAction(500, Engine::PROCS_EVENT_FORK, nullptr);
     task_->ProcsMessageAction(500, Engine::PROCS_EVENT_EXEC, Proc(500, 1, "/x", 1));
     EXPECT_EQ(task_->GetForkRecordCount(), 1u);
-}
 
-TEST_F(DetRootTaskTest, ForkRecordsFollowParentStatus) {
-    // Parent already gone: unknown status counts as a plain user.
-    Fork(ChildOf(Proc(600, 1, "/opt/gone", 6000), 601, "/opt/a", 6010));
-    EXPECT_EQ(task_->GetRootRecordCount(), 0u);
-    EXPECT_EQ(task_->GetForkRecordCount(), 1u);
-
-    // A plain user holding capabilities: both a root record and a fork record.
+    // A plain user holding capabilities: both records. Root without capabilities:
+    // born root only. (A parent already gone counts as a plain user: FullCheck's pid 13.)
+    const size_t roots = task_->GetRootRecordCount();
     proc_.Write(700, 1000, kAllCaps);
     Fork(ChildOf(Proc(700, 1, "/opt/capped", 7000), 701, "/opt/b", 7010));
-    EXPECT_EQ(task_->GetRootRecordCount(), 1u);
+    EXPECT_EQ(task_->GetRootRecordCount(), roots + 1);
     EXPECT_EQ(task_->GetForkRecordCount(), 2u);
-
-    // Root without effective capabilities: born root, no fork record.
     proc_.Write(800, 0, 0);
     const ProcInfoPtr c801 = ChildOf(Proc(800, 1, "/opt/rootnocap", 8000), 801, "/opt/c", 8010);
     Fork(c801);
     EXPECT_TRUE(task_->IsBornRoot(c801));
     EXPECT_EQ(task_->GetForkRecordCount(), 2u);
+
+    for (const auto& line : log_.GetLines()) {
+        EXPECT_EQ(line.file, "ProcDetRootFullTask") << line.text;  // the task, whichever class logs
+    }
 }
 
-TEST_F(DetRootTaskTest, InitCopiesPoliciesAndBuildsWhiteList) {
+TEST_F(DetRootTaskTest, PoliciesParseAndInitBuildsTheWhiteList) {
+    // The feature policy: duplicates collapse; every path also stands for its
+    // replaced-on-disk form; elements are taken as strings, an array has none.
+    auto* feature = new ProcDetRootPolicy("proc_detroot_feature");
+    EXPECT_FALSE(feature->Parse("{not json"));
+    ASSERT_TRUE(feature->Parse(R"({"enabled": true, "content": {
+        "ignore_process_d": ["/opt/ignored", "/opt/ignored", 7, ["/opt/c"]],
+        "detroot_full_task": {"task_condition": {"repeat_interval": 1}, "report_nonsuid_parent": true}}})"));
+    const std::set<std::string> ignored = {"/opt/ignored", "/opt/ignored (deleted)", "7", "7 (deleted)"};
+    EXPECT_EQ(feature->GetIgnoredProcesses(), ignored);
+    auto* taskPolicy = dynamic_cast<ProcDetRootFullTaskPolicy*>(feature->FindChild("detroot_full_task"));
+    ASSERT_NE(taskPolicy, nullptr);
+    EXPECT_EQ(taskPolicy->GetCondition().GetTaskCondition().repeatInterval, 1);
+    // Disabled: success, nothing read, the earlier ignored set and task policy kept.
+    ASSERT_TRUE(feature->Parse(R"({"enabled": false, "content": {"ignore_process_d": ["/x"]}})"));
+    EXPECT_EQ(feature->GetIgnoredProcesses(), ignored);
+    EXPECT_EQ(feature->GetChildCount(), 1u);
+    // Without content, or without the task object (the ignored set is filled by then),
+    // the parse fails; no list at all is no error.
+    ProcDetRootPolicy broken("proc_detroot_feature");
+    EXPECT_FALSE(broken.Parse(R"({"enabled": true})"));
+    EXPECT_FALSE(broken.Parse(R"({"enabled": true, "content": {"ignore_process_d": ["/y"]}})"));
+    EXPECT_EQ(broken.GetIgnoredProcesses(), (std::set<std::string>{"/y", "/y (deleted)"}));
+    EXPECT_EQ(broken.GetChildCount(), 0u);
+    ProcDetRootPolicy noList("proc_detroot_feature");
+    EXPECT_TRUE(noList.Parse(R"({"enabled": true, "content": {"detroot_full_task":
+        {"task_condition": {"repeat_interval": 5}}}})"));
+    EXPECT_TRUE(noList.GetIgnoredProcesses().empty());
+    EXPECT_EQ(noList.GetChildCount(), 1u);
+
+    // The task policy: no schedule fails and keeps the switch; a schedule the host
+    // refuses fails but the switch is still read; left out, the switch goes off.
+    ProcDetRootFullTaskPolicy policy("detroot_full_task");
+    ASSERT_TRUE(policy.Parse(R"({"task_condition": {"repeat_interval": 3}, "report_nonsuid_parent": true})"));
+    EXPECT_TRUE(policy.GetNosuidParent());
+    EXPECT_FALSE(policy.Parse(R"({"report_nonsuid_parent": false})"));
+    EXPECT_TRUE(policy.GetNosuidParent());
+    EXPECT_FALSE(
+        policy.Parse(R"({"task_condition": {"repeat_interval": 0}, "report_nonsuid_parent": false})"));
+    EXPECT_FALSE(policy.GetNosuidParent());
+    ASSERT_TRUE(policy.Parse(R"({"task_condition": {"repeat_interval": 3}, "report_nonsuid_parent": true})"));
+    ASSERT_TRUE(policy.Parse(R"({"task_condition": {"repeat_interval": 3}})"));
+    EXPECT_FALSE(policy.GetNosuidParent());
+
+    // The white list: root set-ID programs that anyone may run, in the PATH's
+    // directories (not below them), and the ignored programs.
     const std::string in = MakeFile(bin_, "in_suid", 0, 0, 04755);
     const std::string inGroup = MakeFile(bin_, "in_sgid", 1000, 0, 02755);
-    MakeFile(bin_, "out_no_other_exec", 0, 0, 04750);
-    MakeFile(bin_, "out_user_owned", 1000, 0, 04755);
-    MakeFile(bin_, "out_group_not_root", 0, 1000, 02755);
-    MakeFile(bin_, "out_plain", 0, 0, 0755);
-    const std::string nested = MakeFile(bin_, "sub/nested_suid", 0, 0, 04755);
-
-    auto* feature = new Engine::ProcDetRootPolicy("proc_detroot_feature");
-    ASSERT_TRUE(feature->Parse(R"({"enabled": true, "content": {"ignore_process_d": ["/opt/ignored"],
-        "detroot_full_task": {"task_condition": {"repeat_interval": 1}, "report_nonsuid_parent": true}}})"));
+    const std::vector<std::string> out = {
+        MakeFile(bin_, "out_no_other_exec", 0, 0, 04750), MakeFile(bin_, "out_user_owned", 1000, 0, 04755),
+        MakeFile(bin_, "out_group_not_root", 0, 1000, 02755), MakeFile(bin_, "out_plain", 0, 0, 0755),
+        MakeFile(bin_, "sub/nested_suid", 0, 0, 04755)};
     task_->AttachFeaturePolicy(feature);
-    task_->AttachTaskPolicy(static_cast<Framework::TaskPolicy*>(feature->FindChild("detroot_full_task")));
-
+    task_->AttachTaskPolicy(taskPolicy);
     const std::string savedPath = getenv("PATH") != nullptr ? getenv("PATH") : "";
     setenv("PATH", (bin_.path() + ":/nonexistent-dir").c_str(), 1);
     EXPECT_EQ(task_->Init(), 0);
@@ -186,15 +279,12 @@ TEST_F(DetRootTaskTest, InitCopiesPoliciesAndBuildsWhiteList) {
     EXPECT_EQ(task_->GetMonitorDirs(),
               (std::vector<std::string>{bin_.path(), "/nonexistent-dir", "/usr/lib", "/usr/lib64"}));
     const std::set<std::string>& white = task_->GetWhiteList();
-    for (const std::string& path :
-         {in, inGroup, std::string("/opt/ignored"), std::string("/opt/ignored (deleted)")}) {
+    for (const std::string& path : {in, inGroup, std::string("/opt/ignored"), std::string("7 (deleted)")}) {
         EXPECT_EQ(white.count(path), 1u) << path;
     }
-    for (const char* name : {"out_no_other_exec", "out_user_owned", "out_group_not_root", "out_plain"}) {
-        EXPECT_EQ(white.count(bin_.path() + "/" + name), 0u) << name;
+    for (const std::string& path : out) {
+        EXPECT_EQ(white.count(path), 0u) << path;
     }
-    EXPECT_EQ(white.count(nested), 0u);
-    EXPECT_TRUE(log_.Contains("detroot addwhiteList " + in));
     EXPECT_TRUE(task_->GetReportSuidProc());
 
     task_->UnInit();
@@ -204,69 +294,60 @@ TEST_F(DetRootTaskTest, InitCopiesPoliciesAndBuildsWhiteList) {
     delete feature;
 }
 
-TEST_F(DetRootTaskTest, SelfCheckAlarmTypesAndSkips) {
+TEST_F(DetRootTaskTest, SelfAndChildChecksAlarmTypesAndSkips) {
     const std::string suidProgram = MakeFile(bin_, "suidprog", 0, 0, 04755);
     const std::string sgidProgram = MakeFile(bin_, "sgidprog", 0, 0, 02755);
-    const ProcInfoPtr parent = Proc(10, 1, "/opt/shell", 100);
+    const ProcInfoPtr shell = Proc(10, 1, "/opt/shell", 100);
     int64_t start = 1000;
     // Each case is a new process, so the once-per-process rule does not hide it.
-    auto check = [&](const std::string& path, auto changeOld, auto changeNow) {
-        ProcInfoPtr old = Proc(20, 10, path, ++start);
-        changeOld(*old);
-        ProcInfoPtr now = Copy(old);
-        changeNow(*now);
-        return LastAlarm(task_->CheckSelfPrompt(now, parent, old));
+    auto self = [&](const std::string& path, auto changeOld, auto changeNow) {
+        ProcInfoPtr old = Copy(Proc(20, 10, path, ++start), changeOld);
+        return LastAlarm(task_->CheckSelfPrompt(Copy(old, changeNow), shell, old));
     };
-    auto none = [](Engine::ProcsMessage::procInfo&) {};
-    auto capSetuid = [](Engine::ProcsMessage::procInfo& p) { p.capSetuid = 1; };
-    auto capSetgid = [](Engine::ProcsMessage::procInfo& p) { p.capSetgid = 1; };
-    auto rootUser = [](Engine::ProcsMessage::procInfo& p) { p.euid = 0; };
-    auto rootGroup = [](Engine::ProcsMessage::procInfo& p) { p.egid = 0; };
-    auto rootBoth = [](Engine::ProcsMessage::procInfo& p) { p.euid = p.egid = 0; };
-    auto capsAndRoot = [](Engine::ProcsMessage::procInfo& p) {
+    auto none = [](Info&) {};
+    auto capSetuid = [](Info& p) { p.capSetuid = 1; };
+    auto capSetgid = [](Info& p) { p.capSetgid = 1; };
+    auto bothCaps = [](Info& p) { p.capSetuid = p.capSetgid = 1; };
+    auto rootUser = [](Info& p) { p.euid = 0; };
+    auto rootGroup = [](Info& p) { p.egid = 0; };
+    auto rootBoth = [](Info& p) { p.euid = p.egid = 0; };
+    auto capsAndRoot = [](Info& p) {
         p.capSetuid = p.capSetgid = 1;
         p.euid = 0;
     };
 
-    EXPECT_EQ(check("/opt/a", none, capSetuid), 5);
+    EXPECT_EQ(self("/opt/a", none, capSetuid), 5);
     EXPECT_TRUE(log_.Contains("self prompt:cap_setuid changed, pid:20, path:/opt/a"));
-    EXPECT_EQ(check("/opt/a", none, capSetgid), 6);
-    EXPECT_EQ(check("/opt/a", none, rootUser), 2);
-    EXPECT_EQ(check("/opt/a", none, rootGroup), 1);
-    EXPECT_EQ(check(suidProgram, none, rootUser), 0);
+    EXPECT_EQ(self("/opt/a", none, capSetgid), 6);
+    EXPECT_EQ(self("/opt/a", none, rootUser), 2);
+    EXPECT_EQ(self("/opt/a", none, rootGroup), 1);
+    EXPECT_EQ(self(suidProgram, none, rootUser), 0);
     // A set-uid program explains the user, not the group.
-    EXPECT_EQ(check(suidProgram, none, rootBoth), 1);
-    EXPECT_EQ(check(sgidProgram, none, rootGroup), 0);
+    EXPECT_EQ(self(suidProgram, none, rootBoth), 1);
+    EXPECT_EQ(self(sgidProgram, none, rootGroup), 0);
     // Capabilities held at fork time explain every later rise.
-    EXPECT_EQ(check("/opt/a", capSetuid, capsAndRoot), 6);
-    EXPECT_EQ(
-        check(
-            "/opt/a", [](Engine::ProcsMessage::procInfo& p) { p.capSetuid = p.capSetgid = 1; }, rootBoth),
-        0);
-    EXPECT_EQ(check("/opt/a", none, none), 0);
+    EXPECT_EQ(self("/opt/a", capSetuid, capsAndRoot), 6);
+    EXPECT_EQ(self("/opt/a", bothCaps, rootBoth), 0);
+    EXPECT_EQ(self("/opt/a", none, none), 0);
 
     // The pid now belongs to another process: nothing to compare.
-    ProcInfoPtr old = Proc(30, 10, "/opt/old", 3000);
-    ProcInfoPtr now = Proc(30, 10, "/opt/new", 3100);
-    now->capSetuid = 1;
-    EXPECT_EQ(LastAlarm(task_->CheckSelfPrompt(now, parent, old)), 0);
+    const ProcInfoPtr now = Copy(Proc(30, 10, "/opt/new", 3100), capSetuid);
+    EXPECT_EQ(LastAlarm(task_->CheckSelfPrompt(now, shell, Proc(30, 10, "/opt/old", 3000))), 0);
     EXPECT_TRUE(log_.Contains("/opt/new and /opt/old not the same process. pid: 30, timenew 3100,  3000"));
-}
 
-TEST_F(DetRootTaskTest, ChildCheckAlarmTypesAndSkips) {
-    const std::string suidProgram = MakeFile(bin_, "suidprog", 0, 0, 04755);
-    const std::string sgidProgram = MakeFile(bin_, "sgidprog", 0, 0, 02755);
     TestSupport::TempDir white("detroot_white");
     const std::string whiteProgram = MakeFile(white, "helper", 0, 0, 04755);
     task_->AddWhiteList(white.path());
 
     ProcInfoPtr parent = Proc(50, 1, "/opt/parent", 500);
     parent->startTimeSec -= 1000;
-    int64_t start = 5000;
+    start = 5000;
+    // A fresh child under `up` with root's user (or group) identity.
     auto rootChild = [&](const ProcInfoPtr& up, const std::string& path = "/opt/child") {
-        ProcInfoPtr child = Proc(51, up->pid, path, ++start);
-        child->euid = 0;
-        return child;
+        return Copy(Proc(51, up->pid, path, ++start), [](Info& p) { p.euid = 0; });
+    };
+    auto groupChild = [&](const std::string& path) {
+        return Copy(Proc(53, 50, path, ++start), [](Info& p) { p.egid = 0; });
     };
     auto check = [&](const ProcInfoPtr& child, const ProcInfoPtr& up) {
         return LastAlarm(task_->CheckChildPrompt(child, up));
@@ -275,26 +356,26 @@ TEST_F(DetRootTaskTest, ChildCheckAlarmTypesAndSkips) {
     EXPECT_EQ(check(rootChild(parent), parent), 3);
     EXPECT_TRUE(
         log_.Contains("suid prompt. parent process path:/opt/parent process path:/opt/child pid:51 ppid:50"));
+    EXPECT_EQ(check(groupChild("/opt/gchild"), parent), 4);
+    EXPECT_TRUE(log_.Contains(
+        "sgid prompt. parent process path:/opt/parent process path:/opt/gchild pid:53 ppid:50"));
 
+    // Init, a white-listed parent, and a parent descending from a white-listed program.
     EXPECT_EQ(check(rootChild(Proc(1, 0, "/sbin/init", 1)), Proc(1, 0, "/sbin/init", 1)), 0);
     EXPECT_EQ(check(rootChild(parent), Proc(52, 1, whiteProgram, 520)), 0);
-
-    // A parent descending from a white-listed root program.
     proc_.Write(60, 0, kAllCaps);
     const ProcInfoPtr descendant = ChildOf(Proc(60, 1, whiteProgram, 600), 61, "/opt/desc", 610);
     Fork(descendant);
     EXPECT_EQ(check(rootChild(descendant), descendant), 0);
     EXPECT_TRUE(log_.Contains("ignore process 51 spawn by set uid process"));
 
-    // A child older than its parent: the parent's pid was reused.
-    ProcInfoPtr older = rootChild(parent);
-    older->startTimeSec = parent->startTimeSec - 1;
-    EXPECT_EQ(check(older, parent), 0);
-
-    // Only children started in the last five minutes count.
-    ProcInfoPtr stale = rootChild(parent);
-    stale->startTimeSec = static_cast<long>(time(nullptr)) - 1000;
-    EXPECT_EQ(check(stale, parent), 0);
+    // A child older than its parent (the parent's pid was reused), or started more
+    // than five minutes ago.
+    EXPECT_EQ(
+        check(Copy(rootChild(parent), [&](Info& p) { p.startTimeSec = parent->startTimeSec - 1; }), parent),
+        0);
+    EXPECT_EQ(check(Copy(rootChild(parent), [](Info& p) { p.startTimeSec = time(nullptr) - 1000; }), parent),
+              0);
 
     // A parent born root and never dropped is allowed root children; after its drop it is not.
     proc_.Write(70, 0, kAllCaps);
@@ -305,29 +386,14 @@ TEST_F(DetRootTaskTest, ChildCheckAlarmTypesAndSkips) {
     UidChange(bornRoot);
     EXPECT_EQ(check(rootChild(bornRoot), bornRoot), 3);
 
-    // A parent holding the set-uid capability may make root children.
-    ProcInfoPtr capable = Copy(parent);
-    capable->capSetuid = 1;
-    EXPECT_EQ(check(rootChild(capable), capable), 0);
+    // A parent holding the set-ID capability, or the root group, may make such children.
+    EXPECT_EQ(check(rootChild(parent), Copy(parent, [](Info& p) { p.capSetuid = 1; })), 0);
+    EXPECT_EQ(check(groupChild("/opt/gchild"), Copy(parent, [](Info& p) { p.capSetgid = 1; })), 0);
+    EXPECT_EQ(check(groupChild("/opt/gchild"), Copy(parent, [](Info& p) { p.egid = 0; })), 0);
 
     // Legitimate set-ID programs pass unless the policy asks for them.
     EXPECT_EQ(check(rootChild(parent, suidProgram), parent), 0);
-    auto groupChild = [&](const std::string& path) {
-        ProcInfoPtr child = Proc(53, 50, path, ++start);
-        child->egid = 0;
-        return child;
-    };
-    EXPECT_EQ(check(groupChild("/opt/gchild"), parent), 4);
-    EXPECT_TRUE(log_.Contains(
-        "sgid prompt. parent process path:/opt/parent process path:/opt/gchild pid:53 ppid:50"));
     EXPECT_EQ(check(groupChild(sgidProgram), parent), 0);
-    ProcInfoPtr groupCapable = Copy(parent);
-    groupCapable->capSetgid = 1;
-    EXPECT_EQ(check(groupChild("/opt/gchild"), groupCapable), 0);
-    ProcInfoPtr rootGroupParent = Copy(parent);
-    rootGroupParent->egid = 0;
-    EXPECT_EQ(check(groupChild("/opt/gchild"), rootGroupParent), 0);
-
     task_->SetReportSuidProc(true);
     EXPECT_EQ(check(rootChild(parent, suidProgram), parent), 3);
     EXPECT_EQ(check(groupChild(sgidProgram), parent), 4);
@@ -351,25 +417,18 @@ TEST_F(DetRootTaskTest, FullCheckSelectsProcessesAndReportsEachIdentityOnce) {
     auto escalated = [&](const ProcInfoPtr& parent, int pid, const std::string& path, int64_t start) {
         ProcInfoPtr forked = ChildOf(parent, pid, path, start);
         Fork(forked);
-        ProcInfoPtr now = live(Copy(forked));
-        now->capSetuid = 1;
-        return now;
+        return live(Copy(forked, [](Info& p) { p.capSetuid = 1; }));
     };
     const ProcInfoPtr shell = live(Proc(10, 1, "/opt/shell", 100));
     escalated(shell, 11, "/opt/escalated", 110);
     escalated(shell, 12, whiteProgram, 120);                               // white-listed program
     escalated(Proc(99, 1, "/opt/unlisted", 990), 13, "/opt/orphan", 130);  // parent not in the table
-    ProcInfoPtr unnamed = live(Proc(15, 1, "", 150));
-    unnamed->name.clear();
-    escalated(unnamed, 14, "/opt/a", 140);
-    ProcInfoPtr unknown = live(Proc(17, 1, "/opt/unknown", 170));
-    unknown->euid = 0xFFFFFFFFu;
-    escalated(unknown, 16, "/opt/b", 160);
-    ProcInfoPtr unforked = live(Proc(18, 10, "/opt/unforked", 180));
-    unforked->capSetuid = 1;
+    escalated(live(Copy(Proc(15, 1, "", 150), [](Info& p) { p.name.clear(); })), 14, "/opt/a", 140);
+    escalated(live(Copy(Proc(17, 1, "/opt/unknown", 170), [](Info& p) { p.euid = 0xFFFFFFFFu; })), 16,
+              "/opt/b", 160);
+    live(Copy(Proc(18, 10, "/opt/unforked", 180), [](Info& p) { p.capSetuid = 1; }));
     // A white-listed parent holding capabilities as a plain user: its child is a set-ID descendant.
-    const ProcInfoPtr capped = live(Proc(20, 1, whiteProgram, 200), 1000, kAllCaps);
-    escalated(capped, 19, "/opt/descendant", 190);
+    escalated(live(Proc(20, 1, whiteProgram, 200), 1000, kAllCaps), 19, "/opt/descendant", 190);
     engine_.procs().SetTable(table);
 
     task_->CheckProcess();
@@ -400,8 +459,7 @@ TEST_F(DetRootTaskTest, FullCheckSelectsProcessesAndReportsEachIdentityOnce) {
     // So do fork records: pid 13 reused by a process whose own fork event left no
     // record (its parent was root) is then like a pid never used.
     const size_t forkRecords = task_->GetForkRecordCount();
-    table[13] = live(Proc(13, 10, "/opt/next", 131));
-    table[13]->capSetuid = 1;
+    table[13] = live(Copy(Proc(13, 10, "/opt/next", 131), [](Info& p) { p.capSetuid = 1; }));
     engine_.procs().SetTable(table);
     task_->CheckProcess();
     EXPECT_EQ(task_->GetForkRecordCount(), forkRecords - 1);
@@ -432,8 +490,7 @@ TEST_F(DetRootTaskTest, ForkRecordsAreBoundedByLiveProcesses) {
     EXPECT_LE(most, 5005u);
     task_->CheckProcess();
     EXPECT_EQ(task_->GetForkRecordCount(), 5u);
-    table[12] = Copy(table[12]);
-    table[12]->capSetuid = 1;
+    table[12] = Copy(table[12], [](Info& p) { p.capSetuid = 1; });
     engine_.procs().SetTable(table);
     task_->CheckProcess();
     ASSERT_EQ(Alerts().size(), 1u);

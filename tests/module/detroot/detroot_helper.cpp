@@ -8,7 +8,6 @@
 //   seteuid:U       seteuid
 //   fork            the child goes on with the remaining steps; the parent waits
 //   waitfile:NAME   wait until DIR/NAME exists
-//   exec:PATH       exec PATH with DIR and the remaining steps
 //   capset:N        raise capability N from the permitted into the effective set
 //   unlinkexe       delete the program file this process runs (run by its path)
 //   wait            wait until killed (also what happens after the last step)
@@ -22,9 +21,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <sstream>
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -39,20 +36,6 @@ std::string g_dir;
     for (;;) {
         pause();
     }
-}
-
-std::vector<unsigned long> Numbers(const std::string& step, const std::string& text) {
-    std::vector<unsigned long> numbers;
-    std::istringstream in(text);
-    std::string item;
-    while (std::getline(in, item, ',')) {
-        char* end = nullptr;
-        numbers.push_back(std::strtoul(item.c_str(), &end, 10));
-        if (item.empty() || *end != '\0') {
-            Fail(step, "bad number " + item);
-        }
-    }
-    return numbers;
 }
 
 void WriteFile(const std::string& name, const std::string& text) {
@@ -75,22 +58,19 @@ int main(int argc, char** argv) {
         const size_t colon = step.find(':');
         const std::string verb = step.substr(0, colon);
         const std::string arg = colon == std::string::npos ? "" : step.substr(colon + 1);
+        unsigned int n[3] = {0, 0, 0};
+        const int numbers = std::sscanf(arg.c_str(), "%u,%u,%u", &n[0], &n[1], &n[2]);
+        errno = EINVAL;  // what a bad step reports
+        bool ok = true;
         if (verb == "pid") {
             WriteFile(arg, std::to_string(getpid()) + "\n");
         } else if (verb == "resuid") {
-            const std::vector<unsigned long> ids = Numbers(step, arg);
-            if (ids.size() != 3 || setresuid(ids[0], ids[1], ids[2]) != 0) {
-                Fail(step, std::strerror(errno));
-            }
+            ok = numbers == 3 && setresuid(n[0], n[1], n[2]) == 0;
         } else if (verb == "seteuid") {
-            if (seteuid(Numbers(step, arg).at(0)) != 0) {
-                Fail(step, std::strerror(errno));
-            }
+            ok = numbers == 1 && seteuid(n[0]) == 0;
         } else if (verb == "fork") {
             const pid_t child = fork();
-            if (child < 0) {
-                Fail(step, std::strerror(errno));
-            }
+            ok = child >= 0;
             if (child > 0) {
                 WaitForever();
             }
@@ -99,33 +79,23 @@ int main(int argc, char** argv) {
             while (stat((g_dir + "/" + arg).c_str(), &info) != 0) {
                 usleep(50 * 1000);
             }
-        } else if (verb == "exec") {
-            std::vector<char*> args = {const_cast<char*>(arg.c_str()), argv[1]};
-            for (int j = i + 1; j < argc; ++j) {
-                args.push_back(argv[j]);
-            }
-            args.push_back(nullptr);
-            execv(arg.c_str(), args.data());
-            Fail(step, std::strerror(errno));
         } else if (verb == "capset") {
-            const unsigned long cap = Numbers(step, arg).at(0);
             __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
             __user_cap_data_struct data[2];
-            if (cap >= 64 || syscall(SYS_capget, &header, data) != 0) {
-                Fail(step, std::strerror(errno));
-            }
-            data[cap / 32].effective |= 1u << (cap % 32);
-            if (syscall(SYS_capset, &header, data) != 0) {
-                Fail(step, std::strerror(errno));
+            ok = numbers == 1 && n[0] < 64 && syscall(SYS_capget, &header, data) == 0;
+            if (ok) {
+                data[n[0] / 32].effective |= 1u << (n[0] % 32);
+                ok = syscall(SYS_capset, &header, data) == 0;
             }
         } else if (verb == "unlinkexe") {
-            if (unlink(argv[0]) != 0) {  // run by its absolute path
-                Fail(step, std::strerror(errno));
-            }
+            ok = unlink(argv[0]) == 0;  // run by its absolute path
         } else if (verb == "wait") {
             WaitForever();
         } else {
-            Fail(step, "unknown step");
+            ok = false;
+        }
+        if (!ok) {
+            Fail(step, std::strerror(errno));
         }
     }
     WaitForever();

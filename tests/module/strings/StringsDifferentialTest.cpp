@@ -174,10 +174,7 @@ std::vector<std::string> ElfBinaries() {
             std::filesystem::is_regular_file(path, error) ? std::filesystem::file_size(path, error) : 0;
         char magic[4] = {0};
         std::ifstream(path, std::ios::binary).read(magic, 4);
-        if (size >= 4096 && size <= (4u << 20) &&
-            std::string(magic, 4) ==
-                "\x7f"
-                "ELF") {
+        if (size >= 4096 && size <= (4u << 20) && std::string(magic, 4) == "\177ELF") {
             paths.push_back(path);
         }
     }

@@ -1,8 +1,5 @@
 #pragma once
 
-#include <Poco/Logger.h>
-
-#include <map>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -10,33 +7,13 @@
 #include "feature_detaction/ProcDetStrings.h"
 #include "support/TempDir.h"
 
-namespace Engine {
-
-// Test access to the detector's cache and cleaning stamp.
-class ProcDetStringsPeer {
-public:
-    static std::map<std::string, ProcDetStrings::STRINGS_INFO>& Cache(ProcDetStrings& detector) {
-        return detector.stringsInfoMap;
-    }
-};
-
-}  // namespace Engine
-
 namespace StringsTest {
-
-inline Poco::Logger* ModuleLogger() {
-    return &Poco::Logger::get("proc_det_module");
-}
 
 using TestSupport::TempDir;
 
 // An ELF header (64-bit, little-endian) followed by `body`.
 inline std::string Elf(const std::string& body) {
-    return std::string(
-               "\x7f"
-               "ELF\x02\x01\x01",
-               7) +
-           std::string(9, '\0') + body;
+    return std::string("\177ELF\2\1\1", 7) + std::string(9, '\0') + body;
 }
 
 // Runs Strings over a file holding `content`.

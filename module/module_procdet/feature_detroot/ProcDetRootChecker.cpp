@@ -1,18 +1,18 @@
+#include "feature_detroot/ProcDetRootChecker.h"
+
+#include <sys/stat.h>
+
 #include <ctime>
 
 #include "ProcDetLog.h"
-#include "feature_detroot/ProcDetRootFullTask.h"
 
 namespace Engine {
 
 namespace {
 
-// Log lines and CPU governor calls name the class, not this file.
+// Log lines and CPU governor calls name the task, whichever of its classes runs.
 constexpr const char* kProcDetSource = "module/module_procdet/feature_detroot/ProcDetRootFullTask";
-
-}  // namespace
-
-namespace {
+constexpr const char* kTaskName = "detroot_full_task";
 
 // A root child older than this was not spawned by the parent's current identity.
 constexpr long kFreshChildSeconds = 300;
@@ -26,9 +26,40 @@ enum DetRootAlarmType : int {
     ALARM_SELF_CAP_SETGID = 6,
 };
 
+// A root-owned program with the given set-ID bit that anyone may run.
+bool IsRootSetIdProgram(const char* path, mode_t setIdBit, bool byGroup) {
+    struct stat info {};
+    if (path == nullptr || stat(path, &info) != 0) {
+        return false;
+    }
+    const bool rootOwned = byGroup ? info.st_gid == 0 : info.st_uid == 0;
+    return rootOwned && (info.st_mode & setIdBit) != 0 && (info.st_mode & S_IXOTH) != 0;
+}
+
 }  // namespace
 
-int ProcDetRootFullTask::CheckSelfPrompt(ProcInfoPtr current, ProcInfoPtr parent, ProcInfoPtr old) {
+bool ProcDetRootChecker::IsSetuidElf(const char* path) {
+    return IsRootSetIdProgram(path, S_ISUID, false);
+}
+
+bool ProcDetRootChecker::IsSetgidElf(const char* path) {
+    return IsRootSetIdProgram(path, S_ISGID, true);
+}
+
+bool ProcDetRootChecker::IsSuidRoot(int pid, const std::string& path, int64_t startTime) const {
+    if (path.empty()) {
+        return false;
+    }
+    if (whiteList_.count(path) != 0) {
+        return true;
+    }
+    if (startTime == 0) {
+        return false;
+    }
+    return records_.IsSuidDescendant(pid, startTime);
+}
+
+int ProcDetRootChecker::CheckSelfPrompt(ProcInfoPtr current, ProcInfoPtr parent, ProcInfoPtr old) {
     PROCDET_PACE_CPU(kTaskName);
     if (!current || !parent || !old) {
         return 0;
@@ -40,13 +71,13 @@ int ProcDetRootFullTask::CheckSelfPrompt(ProcInfoPtr current, ProcInfoPtr parent
         return 0;
     }
     if (old->capSetuid == 0 && current->capSetuid != 0) {
-        SendAlarm(current, parent, ALARM_SELF_CAP_SETUID);
+        raise_(current, parent, ALARM_SELF_CAP_SETUID);
         PROCDET_INFO(logger_, "self prompt:cap_setuid changed, pid:%d, path:%s", current->pid,
                      current->exePath);
         return 1;
     }
     if (old->capSetgid == 0 && current->capSetgid != 0) {
-        SendAlarm(current, parent, ALARM_SELF_CAP_SETGID);
+        raise_(current, parent, ALARM_SELF_CAP_SETGID);
         PROCDET_INFO(logger_, "self prompt:cap_setgid changed, pid:%d, path:%s", current->pid,
                      current->exePath);
         return 1;
@@ -54,20 +85,20 @@ int ProcDetRootFullTask::CheckSelfPrompt(ProcInfoPtr current, ProcInfoPtr parent
     // A rise to root is legitimate only through a root set-ID program.
     if (old->euid != 0 && current->euid == 0 && old->capSetuid == 0 &&
         !IsSetuidElf(current->exePath.c_str())) {
-        SendAlarm(current, parent, ALARM_SELF_EUID);
+        raise_(current, parent, ALARM_SELF_EUID);
         PROCDET_INFO(logger_, "self prompt:eid changed, pid:%d, path:%s", current->pid, current->exePath);
         return 1;
     }
     if (old->egid != 0 && current->egid == 0 && old->capSetgid == 0 &&
         !IsSetgidElf(current->exePath.c_str())) {
-        SendAlarm(current, parent, ALARM_SELF_EGID);
+        raise_(current, parent, ALARM_SELF_EGID);
         PROCDET_INFO(logger_, "self prompt:eid changed, egid:%d, path:%s", current->pid, current->exePath);
         return 1;
     }
     return 0;
 }
 
-int ProcDetRootFullTask::CheckChildPrompt(ProcInfoPtr child, ProcInfoPtr parent) {
+int ProcDetRootChecker::CheckChildPrompt(ProcInfoPtr child, ProcInfoPtr parent) {
     PROCDET_PACE_CPU(kTaskName);
     if (!child || !parent) {
         return 0;
@@ -86,7 +117,7 @@ int ProcDetRootFullTask::CheckChildPrompt(ProcInfoPtr child, ProcInfoPtr parent)
     if (static_cast<long>(time(nullptr)) - static_cast<long>(child->startTimeSec) > kFreshChildSeconds) {
         return 0;
     }
-    if (IsBornRoot(parent)) {
+    if (records_.IsBornRoot(parent->pid, parent->startTime)) {
         PROCDET_DEBUG(logger_, "parent proc [%d] %s born in root privilege", parent->pid, parent->exePath);
         return 0;
     }
@@ -94,7 +125,7 @@ int ProcDetRootFullTask::CheckChildPrompt(ProcInfoPtr child, ProcInfoPtr parent)
         if (!reportSuidProc_ && IsSetuidElf(child->exePath.c_str())) {
             return 0;
         }
-        SendAlarm(child, parent, ALARM_CHILD_SUID);
+        raise_(child, parent, ALARM_CHILD_SUID);
         PROCDET_INFO(logger_, "suid prompt. parent process path:%s process path:%s pid:%d ppid:%d",
                      parent->exePath, child->exePath, child->pid, parent->pid);
         return 1;
@@ -105,7 +136,7 @@ int ProcDetRootFullTask::CheckChildPrompt(ProcInfoPtr child, ProcInfoPtr parent)
     if (!reportSuidProc_ && IsSetgidElf(child->exePath.c_str())) {
         return 0;
     }
-    SendAlarm(child, parent, ALARM_CHILD_SGID);
+    raise_(child, parent, ALARM_CHILD_SGID);
     PROCDET_INFO(logger_, "sgid prompt. parent process path:%s process path:%s pid:%d ppid:%d",
                  parent->exePath, child->exePath, child->pid, parent->pid);
     return 1;

@@ -1,3 +1,5 @@
+#include "feature_detaction/ProcDetStringsScanner.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -6,14 +8,14 @@
 #endif
 
 #include "ProcDetLog.h"
-#include "feature_detaction/ProcDetStrings.h"
+#include "feature_detaction/ProcDetStringsFiles.h"
 #include "sdk/SecureC.h"
 
 namespace Engine {
 
 namespace {
 
-// Log lines and CPU governor calls name the class, not this file.
+// Log lines and CPU governor calls name the detector, whichever of its classes runs.
 constexpr const char* kProcDetSource = "module/module_procdet/feature_detaction/ProcDetStrings";
 
 }  // namespace
@@ -73,33 +75,55 @@ inline uint64_t RunEnds(uint64_t g, uint64_t before, unsigned window) {
 
 }  // namespace
 
-bool ProcDetStrings::Strings(const std::string& path, const bool& /*running*/,
-                             std::set<std::string>& matched) const {
-    // `running` is not consulted: a file once opened is read to one of its stops.
+void ProcDetStringsScanner::Init(const std::set<std::string>& keywords, int64_t maxFileSize,
+                                 Poco::Logger* logger) {
+    maxFileSize_ = maxFileSize;
+    logger_ = logger;
+    if (&keywords != &keywords_) {
+        keywords_ = keywords;
+    }
+    for (auto it = keywords_.begin(); it != keywords_.end();) {
+        if (it->size() > kMaxKeywordLength) {
+            // The overlap kept across a cut of a long string must fit the carry area.
+            // Init runs every cycle; the task logs such keywords once, when it takes its policy.
+            it = keywords_.erase(it);
+            continue;
+        }
+        minKeywordLen_ = std::min<uint64_t>(minKeywordLen_, it->size());
+        maxKeywordLen_ = std::max<uint64_t>(maxKeywordLen_, it->size());
+        ++it;
+    }
+
+    matcher_.Build(keywords_);
+    selected_.assign(keywords_.size(), 0);
+    found_.assign(keywords_.size(), 0);
+}
+
+bool ProcDetStringsScanner::Strings(const std::string& path, std::set<std::string>& matched) {
     std::string resolved;
-    if (!ResolvePath(path, resolved)) {
+    if (!ProcDetStringsFiles::ResolvePath(path, resolved)) {
         return false;
     }
-    FILE* file = OpenForReading(resolved);
+    FILE* file = ProcDetStringsFiles::OpenForReading(resolved);
     if (file == nullptr) {
-        PROCDET_DEBUG(logger, "open file [%s] to check str failed.", path);
+        PROCDET_DEBUG(logger_, "open file [%s] to check str failed.", path);
         return false;
     }
     // The scan still takes the file 4 KiB at a time; only the reads beneath it are
     // larger, never past the chunk that holds the maxFileSize-th byte.
-    const int64_t limit = std::max<int64_t>(maxFileSize, 1);
+    const int64_t limit = std::max<int64_t>(maxFileSize_, 1);
     const size_t chunks = static_cast<size_t>((limit + kChunkSize - 1) / kChunkSize);
-    std::vector<char> block(std::min(kReadBlock, chunks * kChunkSize));
+    std::vector<char> block(std::min(ProcDetStringsFiles::kReadBlock, chunks * kChunkSize));
     setvbuf(file, block.data(), _IOFBF, block.size());
     PROCDET_PACE_CPU(kTaskName);
-    std::set<std::string> remaining = keywords;
+    std::set<std::string> remaining = keywords_;
     CheckFileContent(matched, file, remaining);
     fclose(file);
     return true;
 }
 
-void ProcDetStrings::CheckFileContent(std::set<std::string>& matched, FILE* file,
-                                      std::set<std::string>& remaining) const {
+void ProcDetStringsScanner::CheckFileContent(std::set<std::string>& matched, FILE* file,
+                                             std::set<std::string>& remaining) {
     // Carry area [0, kChunkSize), read area [kChunkSize, 2 * kChunkSize), one spare
     // byte: a string crossing a chunk boundary stays contiguous in memory.
     char buffer[2 * kChunkSize + 1];
@@ -113,9 +137,9 @@ void ProcDetStrings::CheckFileContent(std::set<std::string>& matched, FILE* file
     struct Unrank {
         const std::set<std::string>*& set;
         ~Unrank() { set = nullptr; }
-    } unrank{rankedSet};
+    } unrank{rankedSet_};
 
-    while (total < maxFileSize) {
+    while (total < maxFileSize_) {
         const size_t n = fread(readArea, 1, kChunkSize, file);
         if (n == 0) {
             break;
@@ -139,7 +163,7 @@ void ProcDetStrings::CheckFileContent(std::set<std::string>& matched, FILE* file
                 if (!more) {
                     break;
                 }
-                openString = end - (n + maxKeywordLen);
+                openString = end - (n + maxKeywordLen_);
             }
         }
         if (memcpy_s(readArea - n, kChunkSize, readArea, n) != 0) {
@@ -149,8 +173,9 @@ void ProcDetStrings::CheckFileContent(std::set<std::string>& matched, FILE* file
     }
 }
 
-bool ProcDetStrings::CheckStr(char* data, size_t length, int& counter, std::set<std::string>& remaining,
-                              char** openString, std::set<std::string>& matched) const {
+bool ProcDetStringsScanner::CheckStr(char* data, size_t length, int& counter,
+                                     std::set<std::string>& remaining, char** openString,
+                                     std::set<std::string>& matched) {
     if (length == 0) {
         return true;
     }
@@ -167,7 +192,7 @@ bool ProcDetStrings::CheckStr(char* data, size_t length, int& counter, std::set<
     // Only strings of at least `shortest` bytes are worth a MatchKeywords call:
     // shorter ones are never tested, except that with nothing left to find the first
     // closed string ends the scan.
-    const uint64_t shortest = remaining.empty() ? 1 : std::max<uint64_t>(minKeywordLen, 1);
+    const uint64_t shortest = remaining.empty() ? 1 : std::max<uint64_t>(minKeywordLen_, 1);
     const unsigned window = static_cast<unsigned>(std::min<uint64_t>(shortest, 64));
 
     // Graphic bits of the 64 bytes before the block; bit 63 is the byte just before.
@@ -207,109 +232,109 @@ bool ProcDetStrings::CheckStr(char* data, size_t length, int& counter, std::set<
     return true;
 }
 
-size_t ProcDetStrings::RoomBeforePace(int counter) {
+size_t ProcDetStringsScanner::RoomBeforePace(int counter) {
     // A counter from outside 0..10 (never the scan's own) still leaves a group within bounds.
     return counter > 0 && counter < static_cast<int>(kTestsPerPace)
                ? kTestsPerPace - static_cast<size_t>(counter)
                : kTestsPerPace;
 }
 
-bool ProcDetStrings::MatchKeywords(const char* text, size_t length, std::set<std::string>& remaining,
-                                   std::set<std::string>& matched, int& counter) const {
-    if (length < minKeywordLen) {
+bool ProcDetStringsScanner::MatchKeywords(const char* text, size_t length, std::set<std::string>& remaining,
+                                          std::set<std::string>& matched, int& counter) {
+    if (length < minKeywordLen_) {
         return !remaining.empty();
     }
     // As strstr: the text ends at its first NUL, while a keyword longer than `length`
     // is not tested at all.
     const size_t searchable = strnlen(text, length);
-    if (&remaining == rankedSet && remaining.size() == ranked.size()) {
+    if (&remaining == rankedSet_ && remaining.size() == ranked_.size()) {
         MatchRanked(text, length, searchable, remaining, matched, counter);
     } else {
         // Not the set of a file scan: ranked for this call alone.
         RankRemaining(remaining);
         MatchRanked(text, length, searchable, remaining, matched, counter);
-        rankedSet = nullptr;
+        rankedSet_ = nullptr;
     }
     return !remaining.empty();
 }
 
-void ProcDetStrings::RankRemaining(std::set<std::string>& remaining) const {
-    ranked.clear();
-    auto indexed = keywords.begin();
+void ProcDetStringsScanner::RankRemaining(std::set<std::string>& remaining) {
+    ranked_.clear();
+    auto indexed = keywords_.begin();
     uint32_t rank = 0;
     for (auto next = remaining.begin(); next != remaining.end(); ++next) {
         int order = 1;
-        while (indexed != keywords.end() && (order = indexed->compare(*next)) < 0) {
+        while (indexed != keywords_.end() && (order = indexed->compare(*next)) < 0) {
             ++indexed;
             ++rank;
         }
-        const bool known = indexed != keywords.end() && order == 0;
-        ranked.push_back({next, next->size(), known ? rank : kNotIndexed});
+        const bool known = indexed != keywords_.end() && order == 0;
+        ranked_.push_back({next, next->size(), known ? rank : kNotIndexed});
     }
-    rankedSet = &remaining;
+    rankedSet_ = &remaining;
 }
 
-void ProcDetStrings::MatchRanked(const char* text, size_t length, size_t searchable,
-                                 std::set<std::string>& remaining, std::set<std::string>& matched,
-                                 int& counter) const {
+void ProcDetStringsScanner::MatchRanked(const char* text, size_t length, size_t searchable,
+                                        std::set<std::string>& remaining, std::set<std::string>& matched,
+                                        int& counter) {
     bool anyHit = false;
     size_t next = 0;
-    while (next < ranked.size()) {
+    while (next < ranked_.size()) {
         // The tests up to the next call of the governor, made in one search pass.
-        groupSize = 0;
+        groupSize_ = 0;
         const size_t room = RoomBeforePace(counter);
-        while (next < ranked.size() && groupSize < room) {
-            const RankedKeyword& keyword = ranked[next];
+        while (next < ranked_.size() && groupSize_ < room) {
+            const RankedKeyword& keyword = ranked_[next];
             if (keyword.size <= length) {
                 AddToGroup(keyword.keyword, keyword.rank, static_cast<uint32_t>(next));
             }
             ++next;
         }
-        if (groupSize == 0) {
+        if (groupSize_ == 0) {
             break;
         }
         TestGroup(text, searchable, remaining, matched);
-        for (size_t i = 0; i < groupSize; ++i) {
-            if (group[i].hit) {
-                ranked[group[i].slot].size = SIZE_MAX;  // gone from `remaining`; dropped below
+        for (size_t i = 0; i < groupSize_; ++i) {
+            if (group_[i].hit) {
+                ranked_[group_[i].slot].size = SIZE_MAX;  // gone from `remaining`; dropped below
                 anyHit = true;
             }
         }
         CountGroup(counter);
     }
     if (anyHit) {
-        ranked.erase(std::remove_if(ranked.begin(), ranked.end(),
-                                    [](const RankedKeyword& keyword) { return keyword.size == SIZE_MAX; }),
-                     ranked.end());
+        ranked_.erase(std::remove_if(ranked_.begin(), ranked_.end(),
+                                     [](const RankedKeyword& keyword) { return keyword.size == SIZE_MAX; }),
+                      ranked_.end());
     }
 }
 
-void ProcDetStrings::CountGroup(int& counter) const {
-    counter += static_cast<int>(groupSize);
+void ProcDetStringsScanner::CountGroup(int& counter) {
+    counter += static_cast<int>(groupSize_);
     if (counter >= static_cast<int>(kTestsPerPace)) {
         counter = 0;
         PROCDET_PACE_CPU(kTaskName);
     }
 }
 
-void ProcDetStrings::TestGroup(const char* text, size_t searchable, std::set<std::string>& remaining,
-                               std::set<std::string>& matched) const {
-    for (size_t i = 0; i < groupSize; ++i) {
-        if (group[i].rank != kNotIndexed) {
-            selected[group[i].rank] = 1;
+void ProcDetStringsScanner::TestGroup(const char* text, size_t searchable, std::set<std::string>& remaining,
+                                      std::set<std::string>& matched) {
+    for (size_t i = 0; i < groupSize_; ++i) {
+        if (group_[i].rank != kNotIndexed) {
+            selected_[group_[i].rank] = 1;
         }
     }
-    matcher.Find(text, searchable, selected, found);
-    for (size_t i = 0; i < groupSize; ++i) {
-        GroupEntry& entry = group[i];
+    matcher_.Find(text, searchable, selected_, found_);
+    for (size_t i = 0; i < groupSize_; ++i) {
+        GroupEntry& entry = group_[i];
         if (entry.rank == kNotIndexed) {
             // A keyword the last Init did not index: searched on its own.
             const std::string& keyword = *entry.keyword;
             entry.hit = memmem(text, searchable, keyword.c_str(), strlen(keyword.c_str())) != nullptr;
         } else {
-            entry.hit = found[entry.rank] != 0;
-            selected[entry.rank] = 0;
-            found[entry.rank] = 0;
+            entry.hit = found_[entry.rank] != 0;
+            selected_[entry.rank] = 0;
+            found_[entry.rank] = 0;
         }
         if (entry.hit) {
             matched.insert(*entry.keyword);
