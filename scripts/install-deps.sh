@@ -9,6 +9,7 @@ packages=(
   procps libcap2-bin python3 yara login bsdutils util-linux
   librdkafka-dev librelp-dev rsyslog rsyslog-openssl rsyslog-relp openssl
   clang-14 libfuzzer-14-dev libclang-rt-14-dev
+  gcovr forkstat
 )
 missing=()
 for p in "${packages[@]}"; do
