@@ -432,6 +432,58 @@ bool ParseNamespaceLink(std::string_view target, unsigned long& inode) {
     return true;
 }
 
+namespace {
+
+// "0100007F:1388", or for tcp6 four words then ":port".
+bool NetEndpoint(std::string_view text, std::size_t words, uint32_t* address, unsigned int& port) {
+    uint64_t value = 0;
+    if (text.size() <= words * 8 || text[words * 8] != ':' || !Hex64(text.substr(words * 8 + 1), value) ||
+        value > 0xFFFF) {
+        return false;
+    }
+    port = static_cast<unsigned int>(value);
+    for (std::size_t i = 0; i < words; ++i) {
+        if (!Hex64(text.substr(i * 8, 8), value)) {
+            return false;
+        }
+        address[i] = static_cast<uint32_t>(value);
+    }
+    return true;
+}
+
+}  // namespace
+
+bool ParseNetTcpLine(std::string_view line, bool ipv6, NetTcpLineFields& out) {
+    std::string_view fields[10];
+    std::size_t count = 0;
+    std::string_view rest = line;
+    std::string_view field;
+    while (NextField(rest, field)) {
+        if (count < 10) {
+            fields[count] = field;
+        }
+        ++count;
+    }
+    const std::size_t words = ipv6 ? 4 : 1;
+    uint64_t state = 0;
+    unsigned long long uid = 0;
+    unsigned long long inode = 0;
+    NetTcpLineFields parsed;
+    if (count < 10 || fields[0].back() != ':' ||
+        !NetEndpoint(fields[1], words, parsed.local, parsed.localPort) ||
+        !NetEndpoint(fields[2], words, parsed.remote, parsed.remotePort) || !Hex64(fields[3], state) ||
+        state > 0xFF || !DecimalUnsigned(fields[7], uid) || uid > 0xFFFFFFFFu ||
+        !DecimalUnsigned(fields[9], inode) || inode > static_cast<unsigned long long>(LONG_MAX)) {
+        return false;
+    }
+    parsed.state = static_cast<int>(state);
+    parsed.uid = static_cast<unsigned int>(uid);
+    parsed.inode = static_cast<long>(inode);
+    parsed.fieldCount = count;
+    out = parsed;
+    return true;
+}
+
 bool ParseBootTime(std::string_view procStat, int64_t& bootTimeSec) {
     std::string_view::size_type position = 0;
     while (position < procStat.size()) {

@@ -74,6 +74,26 @@ bool ParseCgroupContainer(std::string_view cgroupText, std::string& runtime, std
 // A namespace link target such as "pid:[4026531836]": the namespace's inode number.
 bool ParseNamespaceLink(std::string_view target, unsigned long& inode);
 
+// One data line of /proc/net/tcp or /proc/net/tcp6. Addresses keep the form the
+// kernel prints: each 32-bit word is the in-memory value (network byte order), as
+// inet_addr gives it; a tcp line fills word 0 only.
+struct NetTcpLineFields {
+    uint32_t local[4] = {};
+    uint32_t remote[4] = {};
+    unsigned int localPort = 0;
+    unsigned int remotePort = 0;
+    int state = 0;  // 1 established, 2 SYN sent, 10 listen, ...
+    unsigned int uid = 0;
+    long inode = 0;
+    std::size_t fieldCount = 0;  // blank-separated fields on the line
+};
+
+// "sl local remote st tx:rx tr:when retrnsmt uid timeout inode ...". False for the
+// header and for a line with fewer than 10 fields, an address that is not 8 (tcp)
+// or 32 (tcp6) hex digits, a port above 0xFFFF, a state above 0xFF, a uid beyond
+// 32 bits or an inode beyond a long.
+bool ParseNetTcpLine(std::string_view line, bool ipv6, NetTcpLineFields& out);
+
 // The "btime" line of /proc/stat: the boot time in seconds since the epoch.
 bool ParseBootTime(std::string_view procStat, int64_t& bootTimeSec);
 

@@ -8,10 +8,10 @@
 
 #include "ProcDetLog.h"
 #include "collect/NetProcsFullTask.h"
-#include "feature_detaction/ProcDetNetstatTcpLine.h"
 #include "framework/Engine.h"
 #include "framework/Task.h"
 #include "sdk/PathUtils.h"
+#include "sdk/ProcParsers.h"
 #include "sdk/ProcessUtils.h"
 
 namespace Engine {
@@ -123,15 +123,16 @@ bool ProcDetNetstat::Prepare2() {
 }
 
 void ProcDetNetstat::NoteProcNetTcpLine(const std::string& line) {
-    ProcNetTcpLine conn;
-    if (!ParseProcNetTcpLine(line, conn)) {
+    SDK::NetTcpLineFields conn;
+    // Lines of fewer than 11 fields are not connections the kernel wrote.
+    if (!SDK::ParseNetTcpLine(line, false, conn) || conn.fieldCount < 11) {
         return;
     }
-    if (IsBlackIp(static_cast<long>(conn.remoteAddr))) {
-        blackInodes.emplace(conn.inode, conn.remoteAddr);
+    if (IsBlackIp(static_cast<long>(conn.remote[0]))) {
+        blackInodes.emplace(conn.inode, conn.remote[0]);
     }
     if (IsWatchedConnection(conn.state, conn.remotePort)) {
-        watchedInodes.emplace(conn.inode, conn.remoteAddr);
+        watchedInodes.emplace(conn.inode, conn.remote[0]);
     }
 }
 

@@ -1,4 +1,3 @@
 list(APPEND PROCDET_SOURCES
   feature_detaction/ProcDetNetstat.cpp
-  feature_detaction/ProcDetNetstatBlacklist.cpp
-  feature_detaction/ProcDetNetstatTcpLine.cpp)
+  feature_detaction/ProcDetNetstatBlacklist.cpp)
