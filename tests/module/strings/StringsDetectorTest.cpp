@@ -59,7 +59,6 @@ TEST_F(StringsDetectorTest, NeedToCheckSelectsRegularElfFilesWithinTheLimit) {
     EXPECT_TRUE(detector.NeedToCheck(link, size));
     EXPECT_FALSE(detector.NeedToCheck(over, size));
     EXPECT_EQ(size, limit + 1);
-    EXPECT_TRUE(log.Contains("str [" + over + "] size:1001 > 1000"));
     for (const std::string& path : {text, tiny}) {
         EXPECT_FALSE(detector.NeedToCheck(path, size));
         EXPECT_TRUE(log.Contains("[" + path + "] is not elf. ignore"));
@@ -252,7 +251,6 @@ TEST_F(StringsDetectorTest, CheckProcessSearchesTheExecutableFirst) {
     // library is found by the end-to-end run, StringsE2ETest.)
     EXPECT_EQ(check(exe, 0x20), 0x60u);
     EXPECT_EQ(strDetails, (Engine::StrDetails{{"dt_strings", "aa,bb"}}));
-    EXPECT_TRUE(log.Contains("Strings pid:" + std::to_string(getpid()) + " path:" + exe + " str:aa,bb"));
     EXPECT_FALSE(log.Contains("try to check SOFILE"));
     EXPECT_TRUE(numDetails.empty());
 
