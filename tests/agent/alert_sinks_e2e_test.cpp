@@ -2,7 +2,6 @@
 // real sinks: nothing accepted is lost across SIGKILL or a full disk; the spool
 // is the agent's alone; one alert a collector refuses holds up nothing.
 #include <fcntl.h>
-#include <glob.h>
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -50,9 +49,9 @@ std::string Policy(const std::string& value, int burst, const std::string& sentL
 }
 
 // conf/agent.json with the given "alerts.sinks" list and a quick retry.
-void WriteConfig(const AgentRunner& agent, const std::string& sinks) {
-    std::ofstream(agent.prefix() + "/conf/agent.json")
-        << R"({"alerts": {"retry_seconds": 1, "retry_max_seconds": 2, "sinks": )" << sinks << "}}";
+void WriteConfig(AgentRunner& agent, const std::string& sinks, const std::string& more = "") {
+    agent.WriteConfig("{" + more + R"("alerts": {"retry_seconds": 1, "retry_max_seconds": 2, "sinks": )" +
+                      sinks + "}}");
 }
 
 std::string SyslogSink(const std::string& name, unsigned short port, const std::string& more = "") {
@@ -111,13 +110,10 @@ std::set<long> PostedSeqs(const TestSupport::HttpTestServer& server, const std::
 
 std::string SpoolText(const std::string& prefix) {
     std::string text;
-    glob_t found{};
-    if (::glob((prefix + "/var/spool/*.seg").c_str(), 0, nullptr, &found) == 0) {
-        for (size_t index = 0; index < found.gl_pathc; ++index) {
-            text += ReadText(found.gl_pathv[index]);
-        }
+    std::error_code missing;
+    for (const auto& entry : std::filesystem::directory_iterator(prefix + "/var/spool", missing)) {
+        text += entry.path().extension() == ".seg" ? ReadText(entry.path()) : "";
     }
-    ::globfree(&found);
     return text;
 }
 
@@ -506,10 +502,8 @@ TEST(AlertSinksEndToEnd, TheSpoolIsTheAgentsAloneAndAnAlertRefusedFor400HoldsUpN
     AgentRunner agent("spool");
     TestSupport::HttpTestServer server;
     server.Refuse("/hook", 400, "\"seq\":5,");
-    std::ofstream(agent.prefix() + "/conf/agent.json")
-        << R"({"metrics": {"listen": "127.0.0.1:0"}, "alerts": {"retry_seconds": 1, "retry_max_seconds": 2,
-              "sinks": [{"type": "webhook", "url": ")"
-        << server.Url("/hook") << R"(", "batch": 50}]}})";
+    WriteConfig(agent, R"([{"type": "webhook", "url": ")" + server.Url("/hook") + R"(", "batch": 50}])",
+                R"("metrics": {"listen": "127.0.0.1:0"}, )");
     // Where the spool goes, a local user made a directory of their own.
     const std::string spool = agent.prefix() + "/var/spool";
     const std::string sent = agent.prefix() + "/log/sent";

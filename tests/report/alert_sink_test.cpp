@@ -5,8 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <Poco/File.h>
-
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -14,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "AlertFileSink.h"
@@ -303,7 +302,7 @@ TEST(AlertFileSink, AppendsLinesAndRotatesKeepingTheNewest) {
     // 21 lines make seven full files of three; the last three files hold lines 22 to 30.
     ASSERT_EQ(sink.Deliver(Lines(10, 30), error), 21u) << error;
 
-    EXPECT_FALSE(Poco::File(path + ".3").exists());
+    EXPECT_FALSE(std::filesystem::exists(path + ".3"));
     std::vector<std::string> kept;
     for (const std::string& file : {path + ".2", path + ".1", path}) {
         const std::vector<std::string> lines = ReadLines(file);
@@ -351,8 +350,8 @@ TEST(AlertFileSink, ReopensAfterLogrotateAndRefusesLinksAndForeignFiles) {
         EXPECT_EQ(refused.Deliver({Line(3)}, error), 0u) << test.what;
         EXPECT_NE(error.find(test.reason), std::string::npos) << test.what << ": " << error;
     }
-    EXPECT_FALSE(Poco::File(dir.path() + "/target").exists()) << "written through a link";
-    EXPECT_EQ(Poco::File(dir.path() + "/outside").getSize(), 0u) << "written through a hard link";
+    EXPECT_FALSE(std::filesystem::exists(dir.path() + "/target")) << "written through a link";
+    EXPECT_EQ(std::filesystem::file_size(dir.path() + "/outside"), 0u) << "written through a hard link";
 }
 
 TEST(SiemEnvelope, WrapsTheAlertByteForByteWithEcsFieldsAndNamedFlags) {
@@ -365,11 +364,10 @@ TEST(SiemEnvelope, WrapsTheAlertByteForByteWithEcsFieldsAndNamedFlags) {
     EXPECT_NE(wrapped.find(",\"corvane\":" + alert + "}\n"), std::string::npos) << wrapped;
     Json::Value document;
     ASSERT_TRUE(Json::Reader().parse(wrapped, document));
-    EXPECT_EQ(document["@timestamp"], "2023-11-14T22:13:20Z");
-    EXPECT_EQ(document["host"]["name"], "web-1");
-    EXPECT_EQ(document["host"]["id"], "0123abcd");
-    EXPECT_EQ(document["agent"]["version"], "0.1.0");
-    EXPECT_EQ(document["event"]["code"], "procdet_0001");
+    EXPECT_EQ(std::make_tuple(document["@timestamp"].asString(), document["host"]["name"].asString(),
+                              document["host"]["id"].asString(), document["agent"]["version"].asString(),
+                              document["event"]["code"].asString()),
+              std::make_tuple("2023-11-14T22:13:20Z", "web-1", "0123abcd", "0.1.0", "procdet_0001"));
     EXPECT_EQ(Json::FastWriter().write(document["corvane_flags"]),
               "[{\"names\":[\"PROC_TMP\",\"HIGHCPU\",\"PACKER\"],\"process_pid\":42},"
               "{\"names\":[],\"process_pid\":43}]\n");

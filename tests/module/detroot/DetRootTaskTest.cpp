@@ -170,7 +170,6 @@ TEST_F(DetRootTaskTest, ForkAndIdentityEventsKeepRootAndForkRecords) {
     // A drop of 300 (which forked without capabilities) clears both marks; unreadable
     // identities (4294967295) are non-root like any other.
     UidChange(Copy(c300, [](Info& p) { p.uid = p.euid = 0xFFFFFFFFu; }));
-    EXPECT_TRUE(log_.Contains("recvdetroot uid pid 300, uid 4294967295"));
     EXPECT_FALSE(task_->IsSuidRoot(300, "/opt/worker", 3000));
     EXPECT_FALSE(task_->IsBornRoot(c300));
 
@@ -317,7 +316,6 @@ TEST_F(DetRootTaskTest, SelfAndChildChecksAlarmTypesAndSkips) {
     };
 
     EXPECT_EQ(self("/opt/a", none, capSetuid), 5);
-    EXPECT_TRUE(log_.Contains("self prompt:cap_setuid changed, pid:20, path:/opt/a"));
     EXPECT_EQ(self("/opt/a", none, capSetgid), 6);
     EXPECT_EQ(self("/opt/a", none, rootUser), 2);
     EXPECT_EQ(self("/opt/a", none, rootGroup), 1);
@@ -354,11 +352,7 @@ TEST_F(DetRootTaskTest, SelfAndChildChecksAlarmTypesAndSkips) {
     };
 
     EXPECT_EQ(check(rootChild(parent), parent), 3);
-    EXPECT_TRUE(
-        log_.Contains("suid prompt. parent process path:/opt/parent process path:/opt/child pid:51 ppid:50"));
     EXPECT_EQ(check(groupChild("/opt/gchild"), parent), 4);
-    EXPECT_TRUE(log_.Contains(
-        "sgid prompt. parent process path:/opt/parent process path:/opt/gchild pid:53 ppid:50"));
 
     // Init, a white-listed parent, and a parent descending from a white-listed program.
     EXPECT_EQ(check(rootChild(Proc(1, 0, "/sbin/init", 1)), Proc(1, 0, "/sbin/init", 1)), 0);
