@@ -14,6 +14,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "AlertFileSink.h"
@@ -88,9 +89,7 @@ TEST(AlertSpool, EachSinkResumesFromItsCommittedLineAcrossRestartsAndTornTails) 
         EXPECT_EQ(Drain(spool, "fast"), Lines(1, 10));
         ASSERT_TRUE(spool.Append(Lines(11, 12)));
     }
-    struct stat info {};
-    ASSERT_EQ(::stat(spoolDir.c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0700u);
+    EXPECT_EQ(std::filesystem::status(spoolDir).permissions(), std::filesystem::perms(0700));
     // A crash in the middle of a write leaves part of a line: it is cut, the rest kept.
     const std::string segment = spoolDir + "/00000000000000000000.seg";
     const int fd = ::open(segment.c_str(), O_WRONLY | O_APPEND);
@@ -365,11 +364,10 @@ TEST(SiemEnvelope, WrapsTheAlertByteForByteWithEcsFieldsAndNamedFlags) {
     EXPECT_NE(wrapped.find(",\"corvane\":" + alert + "}\n"), std::string::npos) << wrapped;
     Json::Value document;
     ASSERT_TRUE(Json::Reader().parse(wrapped, document));
-    EXPECT_EQ(document["@timestamp"], "2023-11-14T22:13:20Z");
-    EXPECT_EQ(document["host"]["name"], "web-1");
-    EXPECT_EQ(document["host"]["id"], "0123abcd");
-    EXPECT_EQ(document["agent"]["version"], "0.1.0");
-    EXPECT_EQ(document["event"]["code"], "procdet_0001");
+    EXPECT_EQ(std::make_tuple(document["@timestamp"].asString(), document["host"]["name"].asString(),
+                              document["host"]["id"].asString(), document["agent"]["version"].asString(),
+                              document["event"]["code"].asString()),
+              std::make_tuple("2023-11-14T22:13:20Z", "web-1", "0123abcd", "0.1.0", "procdet_0001"));
     EXPECT_EQ(Json::FastWriter().write(document["corvane_flags"]),
               "[{\"names\":[\"PROC_TMP\",\"HIGHCPU\",\"PACKER\"],\"process_pid\":42},"
               "{\"names\":[],\"process_pid\":43}]\n");
