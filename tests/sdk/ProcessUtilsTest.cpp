@@ -123,10 +123,7 @@ TEST(ProcessUtils, FakeProcTreeWithBrokenFiles) {
 TEST(ProcessUtils, SessionRecordsFromUtmpByLoginPid) {
     TempDir dir;
     const std::string utmp = dir.path() + "/utmp";
-    std::FILE* file = std::fopen(utmp.c_str(), "wb");
-    ASSERT_NE(file, nullptr);
-    struct utmpx entries[2];
-    std::memset(entries, 0, sizeof(entries));
+    struct utmpx entries[2] = {};
     entries[0].ut_type = DEAD_PROCESS;
     entries[0].ut_pid = 999;
     std::strncpy(entries[0].ut_user, "ghost", sizeof(entries[0].ut_user));
@@ -137,8 +134,8 @@ TEST(ProcessUtils, SessionRecordsFromUtmpByLoginPid) {
     std::strncpy(entries[1].ut_line, "pts/4", sizeof(entries[1].ut_line));
     std::memset(entries[1].ut_host, 'h', sizeof(entries[1].ut_host));  // full field, no NUL
     entries[1].ut_tv.tv_sec = 1650000000;
-    std::fwrite(entries, sizeof(entries[0]), 2, file);
-    std::fclose(file);
+    ASSERT_TRUE(
+        std::ofstream(utmp, std::ios::binary).write(reinterpret_cast<const char*>(entries), sizeof(entries)));
 
     ProcessUtils::SessionInfo info;
     ASSERT_EQ(SDK::FindUtmpSession(utmp, 999, info), 0);
