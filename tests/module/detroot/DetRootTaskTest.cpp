@@ -176,7 +176,6 @@ TEST_F(DetRootTaskTest, ForkAndIdentityEventsKeepRootAndForkRecords) {
     // A drop of 300 (which forked without capabilities) clears both marks; unreadable
     // identities (4294967295) are non-root like any other.
     UidChange(Copy(c300, [](Info& p) { p.uid = p.euid = 0xFFFFFFFFu; }));
-    EXPECT_TRUE(log_.Contains("recvdetroot uid pid 300, uid 4294967295"));
     EXPECT_EQ(Marks(c300), kNeither);
 
     // 200 forked while holding capabilities, so its own drop does not count.
@@ -320,7 +319,6 @@ TEST_F(DetRootTaskTest, SelfAndChildChecksAlarmTypesAndSkips) {
     };
 
     EXPECT_EQ(self("/opt/a", none, capSetuid), 5);
-    EXPECT_TRUE(log_.Contains("self prompt:cap_setuid changed, pid:20, path:/opt/a"));
     EXPECT_EQ(self("/opt/a", none, capSetgid), 6);
     EXPECT_EQ(self("/opt/a", none, rootUser), 2);
     EXPECT_EQ(self("/opt/a", none, rootGroup), 1);
@@ -357,11 +355,7 @@ TEST_F(DetRootTaskTest, SelfAndChildChecksAlarmTypesAndSkips) {
     };
 
     EXPECT_EQ(check(rootChild(parent), parent), 3);
-    EXPECT_TRUE(
-        log_.Contains("suid prompt. parent process path:/opt/parent process path:/opt/child pid:51 ppid:50"));
     EXPECT_EQ(check(groupChild("/opt/gchild"), parent), 4);
-    EXPECT_TRUE(log_.Contains(
-        "sgid prompt. parent process path:/opt/parent process path:/opt/gchild pid:53 ppid:50"));
 
     // Init, a white-listed parent, and a parent descending from a white-listed program.
     EXPECT_EQ(check(rootChild(Proc(1, 0, "/sbin/init", 1)), Proc(1, 0, "/sbin/init", 1)), 0);
@@ -442,7 +436,6 @@ TEST_F(DetRootTaskTest, FullCheckSelectsProcessesAndReportsEachIdentityOnce) {
 
     task_->CheckProcess();
     EXPECT_EQ(Alerts().size(), 1u);
-    EXPECT_TRUE(log_.Contains("replicate message by 110/opt/escalated"));
 
     // Pid 11 reused by a new process of the same program: a new identity, a new alarm.
     table[11] = escalated(shell, 11, "/opt/escalated", 111);
