@@ -12,7 +12,6 @@
 
 #include <chrono>
 #include <cstdlib>
-
 #include <fstream>
 #include <map>
 #include <regex>
@@ -66,7 +65,7 @@ int MetricsPort(const AgentRunner& agent) {
 
 TEST(AgentService, MetricsAreServedAndMoveAsTheAgentWorks) {
     AgentRunner agent("metrics");
-    std::ofstream(agent.prefix() + "/conf/agent.json") << R"({"metrics": {"listen": "127.0.0.1:0"}})";
+    agent.WriteConfig(R"({"metrics": {"listen": "127.0.0.1:0"}})");
     agent.WritePolicy("10001", "proc_detaction_feature",
                       R"({"enabled": true, "content": {"detaction_full_task": {
         "task_condition": {"repeat_interval": 1}, "score": {"tmp": 1}}}})");
@@ -80,12 +79,13 @@ TEST(AgentService, MetricsAreServedAndMoveAsTheAgentWorks) {
     ASSERT_TRUE(TestSupport::WaitFor([&] { return (first = Scrape(port))[cycles] >= 1; }, kDeadlineMs));
     EXPECT_GE(first["corvane_processes_checked_total"], 1);
     EXPECT_EQ(first["corvane_policy_refreshes_total"], 1);
-    EXPECT_EQ(first.count("corvane_report_alerts_written_total"), 1u);
-    EXPECT_EQ(first.count(R"(corvane_sink_alerts_delivered_total{sink="file"})"), 1u);
-    EXPECT_EQ(first.count("corvane_spool_bytes"), 1u);
-    EXPECT_EQ(first.count("corvane_subscriber_backlog_messages"), 1u);
-    EXPECT_EQ(
-        first.count(R"(corvane_task_run_duration_seconds_bucket{task="detaction_full_task",le="+Inf"})"), 1u);
+    for (const char* present :
+         {"corvane_report_alerts_written_total", R"(corvane_sink_alerts_delivered_total{sink="file"})",
+          "corvane_spool_bytes", "corvane_subscriber_backlog_messages",
+          R"(corvane_task_run_duration_seconds_bucket{task="detaction_full_task",le="+Inf"})",
+          R"(corvane_build_info{revision=")" CORVANE_REVISION R"(",version=")" CORVANE_VERSION R"("})"}) {
+        EXPECT_EQ(first.count(present), 1u) << present;
+    }
     // Series an alerting rule takes increase() of are there, at 0, before their first event.
     for (const char* zero :
          {"corvane_policy_refusals_total", "corvane_module_load_errors_total",
@@ -94,9 +94,6 @@ TEST(AgentService, MetricsAreServedAndMoveAsTheAgentWorks) {
         EXPECT_EQ(first.count(zero), 1u) << zero;
         EXPECT_EQ(first[zero], 0) << zero;
     }
-    EXPECT_EQ(first.count(R"(corvane_build_info{revision=")" CORVANE_REVISION R"(",version=")" CORVANE_VERSION
-                          R"("})"),
-              1u);
     EXPECT_GT(first["process_resident_memory_bytes"], 1 << 20);
     EXPECT_GT(first["process_open_fds"], 3);
     ASSERT_TRUE(TestSupport::WaitFor([&] { return Scrape(port)[cycles] > first[cycles]; }, kDeadlineMs));
@@ -116,10 +113,6 @@ TEST(AgentService, MetricsAreServedAndMoveAsTheAgentWorks) {
     EXPECT_EQ(after["corvane_policy_refusals_total"], 1);
     EXPECT_EQ(after["corvane_policy_refreshes_total"], 2);
 }
-
-}  // namespace
-
-namespace {
 
 // A datagram socket standing in for systemd's NOTIFY_SOCKET.
 class NotifySocket {

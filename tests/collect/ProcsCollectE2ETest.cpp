@@ -90,12 +90,8 @@ TEST(ProcsCollectE2E, SnapshotAgreesWithPs) {
         ++common;
         const Record& record = *entry->second;
         SCOPED_TRACE("pid " + std::to_string(pid) + " " + record.name);
-        EXPECT_EQ(row.ppid, record.ppid);
-        EXPECT_EQ(row.ruid, record.uid);
-        EXPECT_EQ(row.euid, record.euid);
-        EXPECT_EQ(row.rgid, record.gid);
-        EXPECT_EQ(row.egid, record.egid);
-        EXPECT_EQ(row.exe, record.exePath);
+        EXPECT_EQ(std::tie(row.ppid, row.ruid, row.euid, row.rgid, row.egid, row.exe),
+                  std::tie(record.ppid, record.uid, record.euid, record.gid, record.egid, record.exePath));
     }
     EXPECT_GE(common + 10, ps.size());
     EXPECT_GE(common + 10, map.size());
