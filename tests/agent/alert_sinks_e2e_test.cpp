@@ -48,10 +48,10 @@ std::string Policy(const std::string& value, int burst, const std::string& sentL
            (sentLog.empty() ? "" : R"(, "sent_log": ")" + sentLog + "\"") + "}";
 }
 
-// conf/agent.json with the given "alerts.sinks" list and a quick retry.
-void WriteConfig(const AgentRunner& agent, const std::string& sinks) {
-    std::ofstream(agent.prefix() + "/conf/agent.json")
-        << R"({"alerts": {"retry_seconds": 1, "retry_max_seconds": 2, "sinks": )" << sinks << "}}";
+// conf/agent.json with the given "alerts.sinks" list, a quick retry and `more` settings.
+void WriteConfig(AgentRunner& agent, const std::string& sinks, const std::string& more = "") {
+    agent.WriteConfig("{" + more + R"("alerts": {"retry_seconds": 1, "retry_max_seconds": 2, "sinks": )" +
+                      sinks + "}}");
 }
 
 std::string SyslogSink(const std::string& name, unsigned short port, const std::string& more = "") {
@@ -504,10 +504,8 @@ TEST(AlertSinksEndToEnd, TheSpoolIsTheAgentsAloneAndAnAlertRefusedFor400HoldsUpN
     AgentRunner agent("spool");
     TestSupport::HttpTestServer server;
     server.Refuse("/hook", 400, "\"seq\":5,");
-    std::ofstream(agent.prefix() + "/conf/agent.json")
-        << R"({"metrics": {"listen": "127.0.0.1:0"}, "alerts": {"retry_seconds": 1, "retry_max_seconds": 2,
-              "sinks": [{"type": "webhook", "url": ")"
-        << server.Url("/hook") << R"(", "batch": 50}]}})";
+    WriteConfig(agent, R"([{"type": "webhook", "url": ")" + server.Url("/hook") + R"(", "batch": 50}])",
+                R"("metrics": {"listen": "127.0.0.1:0"}, )");
     // Where the spool goes, a local user made a directory of their own.
     const std::string spool = agent.prefix() + "/var/spool";
     const std::string sent = agent.prefix() + "/log/sent";
