@@ -9,6 +9,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <Poco/String.h>
+
 #include <cerrno>
 #include <chrono>
 #include <fstream>
@@ -108,13 +110,7 @@ public:
     void Trigger(const std::string& name) const { std::ofstream(dir_.path() + "/" + name) << "go\n"; }
     std::string Errors() const { return ReadText(dir_.path() + "/errors"); }
     // The command line of the helper's processes before any exec.
-    std::string Cmdline() const {
-        std::string joined;
-        for (const std::string& arg : args_) {
-            joined += (joined.empty() ? "" : " ") + arg;
-        }
-        return joined;
-    }
+    std::string Cmdline() const { return Poco::cat(std::string(" "), args_.begin(), args_.end()); }
 
 private:
     static std::vector<std::string> Args(const std::string& program, const std::string& dir,
