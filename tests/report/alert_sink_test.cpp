@@ -5,8 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <Poco/File.h>
-
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -302,7 +300,7 @@ TEST(AlertFileSink, AppendsLinesAndRotatesKeepingTheNewest) {
     // 21 lines make seven full files of three; the last three files hold lines 22 to 30.
     ASSERT_EQ(sink.Deliver(Lines(10, 30), error), 21u) << error;
 
-    EXPECT_FALSE(Poco::File(path + ".3").exists());
+    EXPECT_FALSE(std::filesystem::exists(path + ".3"));
     std::vector<std::string> kept;
     for (const std::string& file : {path + ".2", path + ".1", path}) {
         const std::vector<std::string> lines = ReadLines(file);
@@ -350,8 +348,8 @@ TEST(AlertFileSink, ReopensAfterLogrotateAndRefusesLinksAndForeignFiles) {
         EXPECT_EQ(refused.Deliver({Line(3)}, error), 0u) << test.what;
         EXPECT_NE(error.find(test.reason), std::string::npos) << test.what << ": " << error;
     }
-    EXPECT_FALSE(Poco::File(dir.path() + "/target").exists()) << "written through a link";
-    EXPECT_EQ(Poco::File(dir.path() + "/outside").getSize(), 0u) << "written through a hard link";
+    EXPECT_FALSE(std::filesystem::exists(dir.path() + "/target")) << "written through a link";
+    EXPECT_EQ(std::filesystem::file_size(dir.path() + "/outside"), 0u) << "written through a hard link";
 }
 
 TEST(SiemEnvelope, WrapsTheAlertByteForByteWithEcsFieldsAndNamedFlags) {
