@@ -48,7 +48,7 @@ std::string Policy(const std::string& value, int burst, const std::string& sentL
            (sentLog.empty() ? "" : R"(, "sent_log": ")" + sentLog + "\"") + "}";
 }
 
-// conf/agent.json with the given "alerts.sinks" list and a quick retry.
+// conf/agent.json with the given "alerts.sinks" list, a quick retry and `more` settings.
 void WriteConfig(AgentRunner& agent, const std::string& sinks, const std::string& more = "") {
     agent.WriteConfig("{" + more + R"("alerts": {"retry_seconds": 1, "retry_max_seconds": 2, "sinks": )" +
                       sinks + "}}");
@@ -110,11 +110,15 @@ std::set<long> PostedSeqs(const TestSupport::HttpTestServer& server, const std::
 
 std::string SpoolText(const std::string& prefix) {
     std::string text;
-    std::error_code missing;
-    for (const auto& entry : std::filesystem::directory_iterator(prefix + "/var/spool", missing)) {
+    std::error_code none;  // no spool yet: no text
+    for (const auto& entry : std::filesystem::directory_iterator(prefix + "/var/spool", none)) {
         text += entry.path().extension() == ".seg" ? ReadText(entry.path()) : "";
     }
     return text;
+}
+
+std::filesystem::perms Mode(const std::string& path) {
+    return std::filesystem::status(path).permissions();
 }
 
 bool Includes(const std::set<long>& all, const std::set<long>& part) {
@@ -216,9 +220,7 @@ TEST(AlertSinksEndToEnd, EveryAlertSpooledBeforeSigkillReachesEverySinkAfterRest
     ::kill(agent.pid(), SIGKILL);
     agent.Stop();
     for (const std::string& path : {agent.AlertsPath(), second, agent.prefix() + "/log/agent.log"}) {
-        struct stat info {};
-        ASSERT_EQ(::stat(path.c_str(), &info), 0) << path;
-        EXPECT_EQ(info.st_mode & 0777, 0600u) << path;
+        EXPECT_EQ(Mode(path), std::filesystem::perms(0600)) << path;
     }
     // Accepted means spooled: that is what must come out, whatever the sinks had taken.
     const std::set<long> accepted = Seqs(SpoolText(agent.prefix()), "burst");
@@ -526,9 +528,7 @@ TEST(AlertSinksEndToEnd, TheSpoolIsTheAgentsAloneAndAnAlertRefusedFor400HoldsUpN
                 static_cast<long>(posted.size()) == *posted.rbegin() - 1)
         << "an alert other than 5 is missing";
     EXPECT_EQ(Seqs(ReadText(spool + "/webhook.dead"), "hook"), std::set<long>{5});
-    struct stat info {};
-    EXPECT_EQ(::stat(spool.c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0700u) << "the spool directory was left open to all";
+    EXPECT_EQ(Mode(spool), std::filesystem::perms(0700)) << "the spool directory was left open to all";
     EXPECT_EQ(agent.CountInLog("refused an alert 3 times for good (HTTP 400)"), 1u);
 
     // A second agent on this spool does not start; a one-shot run beside it keeps to its own alerts.

@@ -307,43 +307,27 @@ TEST(ProcsCollectE2E, LiveTableEqualsARescanAfterChurn) {
     const std::string cmdline = "/proc/" + std::to_string(compared[1]) + "/cmdline";
     ASSERT_TRUE(WaitFor([&] { return TestSupport::ReadText(cmdline)[0] == 'x'; }));
 
+    // By i % 6: 0 runs a program; 1 takes new ids; 2 a new name; 3 is a parent that exits, its
+    // child re-parented without an event; 4 came and went; 5 is a zombie, not reaped until the end.
     std::vector<std::unique_ptr<ChildProcess>> children;
     for (int i = 0; i < 60; ++i) {
-        std::unique_ptr<ChildProcess> child;
-        switch (i % 6) {
-            case 0:
-                child = std::make_unique<ChildProcess>(std::vector<std::string>{"/bin/sleep", "60"});
-                break;
-            case 1:
-            case 2:
-                child = std::make_unique<ChildProcess>([i](const std::function<void()>& notify) {
-                    const bool ok = i % 6 == 1 ? ::setresgid(1000 + i, 1000, 1000) == 0 &&
-                                                     ::setresuid(1000 + i, 1000 + i, 1000) == 0
-                                               : ::prctl(PR_SET_NAME, "churned") == 0;
-                    notify();
-                    if (ok) {
-                        ::pause();
-                    }
-                });
-                break;
-            case 3:  // a parent that exits: its child is re-parented without an event
-                child = std::make_unique<ChildProcess>([](const std::function<void()>& notify) {
-                    if (::fork() == 0) {
-                        ::execl("/bin/sleep", "sleep", "20", static_cast<char*>(nullptr));
-                        ::_exit(127);
-                    }
-                    notify();
-                });
-                child->Wait();
-                break;
-            default:  // 4: came and went; 5: a zombie, not reaped until the end
-                child = std::make_unique<ChildProcess>([](const std::function<void()>& notify) { notify(); });
-                if (i % 6 == 4) {
-                    child->Wait();
-                }
-                break;
+        children.push_back(std::make_unique<ChildProcess>([i](const std::function<void()>& notify) {
+            if (i % 6 == 0 || (i % 6 == 3 && ::fork() == 0)) {
+                ::execl("/bin/sleep", "sleep", i % 6 == 0 ? "60" : "20", static_cast<char*>(nullptr));
+                ::_exit(127);
+            }
+            const bool stay = i % 6 == 1 ? ::setresgid(1000 + i, 1000, 1000) == 0 &&
+                                               ::setresuid(1000 + i, 1000 + i, 1000) == 0
+                              : i % 6 == 2 ? ::prctl(PR_SET_NAME, "churned") == 0
+                                           : false;
+            notify();
+            if (stay) {
+                ::pause();
+            }
+        }));
+        if (i % 6 == 3 || i % 6 == 4) {
+            children.back()->Wait();
         }
-        children.push_back(std::move(child));
     }
     // Past the refresh interval, so the next table takes the churn in.
     std::this_thread::sleep_for(std::chrono::milliseconds(1200));

@@ -87,9 +87,7 @@ TEST(AlertSpool, EachSinkResumesFromItsCommittedLineAcrossRestartsAndTornTails) 
         EXPECT_EQ(Drain(spool, "fast"), Lines(1, 10));
         ASSERT_TRUE(spool.Append(Lines(11, 12)));
     }
-    struct stat info {};
-    ASSERT_EQ(::stat(spoolDir.c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0700u);
+    EXPECT_EQ(std::filesystem::status(spoolDir).permissions(), std::filesystem::perms(0700));
     // A crash in the middle of a write leaves part of a line: it is cut, the rest kept.
     const std::string segment = spoolDir + "/00000000000000000000.seg";
     const int fd = ::open(segment.c_str(), O_WRONLY | O_APPEND);

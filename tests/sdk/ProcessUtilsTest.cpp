@@ -48,10 +48,8 @@ TEST(ProcessUtils, FactsOfAnExecutedChildAndFailuresOnceItIsGone) {
               std::make_tuple(getpid(), true, "sh", true))
         << state;
     // The image's hash comes through the exe link and matches the file's.
-    std::string viaLink;
-    std::string viaFile;
-    bool linked = false;
-    bool fromFile = true;
+    std::string viaLink, viaFile;
+    bool linked = false, fromFile = true;
     ASSERT_EQ(ProcessUtils::GetProcessFileSha256(pid, "/bin/sh", viaLink, linked, 10 * 1024 * 1024), 0);
     ASSERT_EQ(ProcessUtils::GetProcessFileSha256(-1, resolved, viaFile, fromFile, 10 * 1024 * 1024), 0);
     EXPECT_EQ(std::make_tuple(linked, fromFile, viaLink), std::make_tuple(true, false, viaFile));

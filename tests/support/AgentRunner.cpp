@@ -86,11 +86,8 @@ AgentRunner::Outcome AgentRunner::RunToEnd(const std::string& args) {
 
 bool AgentRunner::Start(const std::vector<std::string>& extraArgs, const std::vector<std::string>& modules) {
     std::vector<std::string> args = launcher_;
-    for (const std::string& arg :
-         {AgentBinary(), std::string("--prefix"), prefix_, std::string("--policy-dir"), PolicyDir(),
-          std::string("--alerts"), AlertsPath(), std::string("--log-level"), std::string("debug")}) {
-        args.push_back(arg);
-    }
+    args.insert(args.end(), {AgentBinary(), "--prefix", prefix_, "--policy-dir", PolicyDir(), "--alerts",
+                             AlertsPath(), "--log-level", "debug"});
     for (const std::string& module :
          modules.empty() ? std::vector<std::string>{ModulePath("libprocess_collect_module.so"),
                                                     ModulePath("libnet_collect_module.so"),

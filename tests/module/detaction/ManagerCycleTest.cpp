@@ -58,9 +58,6 @@ TEST_F(ManagerCycleTest, DetectorsRunInOrderOverEveryCheckedProcess) {
                                         "quitter:" + f, "two:" + f, "one:" + s, "two:" + s, "one:finish",
                                         "quitter:finish", "two:finish"}));
     EXPECT_EQ(trace->flagsSeen, (std::vector<unsigned int>{0, 1, 1, 0, 0}));
-    EXPECT_EQ(log.Count("quitter QUIT when checking " + f + " /usr/bin/first"), 1u);
-    EXPECT_EQ(log.Count("quitter\tis checked pid " + f + ". 0, 1"), 1u);
-    EXPECT_EQ(log.Count("DetectNEW RESULT " + f + " /usr/bin/first=>1 (PROC_TMP, )"), 1u);
     Engine::ProcDetManager::ResultMap results;
     manager.GetProcInfoMap(results);
     ASSERT_EQ(results.size(), 1u);
@@ -88,8 +85,6 @@ TEST_F(ManagerCycleTest, IntervalsFailedPreparesAndStopRequests) {
     EXPECT_EQ(ranIn, (std::vector<int>{3, 6, 9}));
     EXPECT_EQ(Count("every3:finish"), 3u);
     EXPECT_EQ(Count("failing:finish"), 0u);
-    EXPECT_EQ(log.Count("prepare failing failed."), 9u);
-    EXPECT_EQ(log.Count("prepared detector : 0"), 6u);
     EXPECT_EQ(log.Count("CHECK FINISHED"), 3u);
 
     // A stop request seen after preparation: nothing is walked, but Finish still runs.

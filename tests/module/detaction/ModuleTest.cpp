@@ -113,11 +113,15 @@ const char* kFullSection = R"({
 TEST(PolicyTest, TaskSectionParsesEveryKeyAndStopsAtMissingSections) {
     ProcDetActionFullTaskPolicy policy("detaction_full_task");
     ASSERT_TRUE(policy.Parse(kFullSection));
-    EXPECT_EQ(
-        std::make_tuple(policy.GetCondition().GetTaskCondition().repeatInterval, policy.GetReportScore(),
-                        policy.GetBiplibUrl(), policy.GetBiplibHash(), policy.GetCpuUsageWarn(),
-                        policy.GetFullReportHour(), policy.GetCheckStrMaxSizeM()),
-        std::make_tuple(7, 5, "http://127.0.0.1/lib", "abc", 5000, 4, 2));
+    // The policy's scalars in one value: interval, report score, library URL and hash, CPU warning,
+    // full report hour, string size limit.
+    const auto scalars = [&] {
+        return std::make_tuple(policy.GetCondition().GetTaskCondition().repeatInterval,
+                               policy.GetReportScore(), policy.GetBiplibUrl(), policy.GetBiplibHash(),
+                               policy.GetCpuUsageWarn(), policy.GetFullReportHour(),
+                               policy.GetCheckStrMaxSizeM());
+    };
+    EXPECT_EQ(scalars(), std::make_tuple(7, 5, "http://127.0.0.1/lib", "abc", 5000, 4, 2));
     EXPECT_EQ(policy.GetScoreMap(),
               (ProcDetActionFullTaskPolicy::ScoreMap{
                   {1, 2}, {2, 4}, {4, 6}, {8, 8}, {16, 10}, {32, 12}, {64, 14}, {256, 16}}));
@@ -128,16 +132,13 @@ TEST(PolicyTest, TaskSectionParsesEveryKeyAndStopsAtMissingSections) {
     // No task condition (or no JSON): nothing changes.
     EXPECT_FALSE(policy.Parse(R"({"report_score": 9, "score": {}})"));
     EXPECT_FALSE(policy.Parse("not json"));
-    EXPECT_EQ(policy.GetReportScore(), 5);
+    EXPECT_EQ(scalars(), std::make_tuple(7, 5, "http://127.0.0.1/lib", "abc", 5000, 4, 2));
     EXPECT_EQ(policy.GetScoreMap().size(), 8u);
 
     // No score: everything else is stored (missing keys back to their defaults), weights emptied.
     EXPECT_FALSE(policy.Parse(R"({"task_condition": {"repeat_interval": 9}, "strings": ["a"],
                                   "illegal_ip_list": ["1.2.3.4", "1.2.3.4", "no address", "255.255.255.255", 5]})"));
-    EXPECT_EQ(
-        std::make_tuple(policy.GetCondition().GetTaskCondition().repeatInterval, policy.GetReportScore(),
-                        policy.GetCpuUsageWarn(), policy.GetCheckStrMaxSizeM(), policy.GetBiplibUrl()),
-        std::make_tuple(9, 3, 9000, 10, ""));
+    EXPECT_EQ(scalars(), std::make_tuple(9, 3, "", "", 9000, 3, 10));
     EXPECT_TRUE(policy.GetScoreMap().empty());
     EXPECT_EQ(policy.GetStrings(), (std::set<std::string>{"a"}));
     EXPECT_TRUE(policy.GetIgnoreFilepaths().empty());
