@@ -83,16 +83,8 @@ bool ServiceUnit::FindInstalled(const std::string& executable, ServiceUnit& out,
             continue;
         }
         ServiceUnit unit;
-        if (!unit.Read(file, error)) {
-            return false;
-        }
-        for (const std::string& dropIn : DropIns(dropInDirs)) {
-            if (!unit.Read(dropIn, error)) {
-                return false;
-            }
-        }
-        unit.file_ = file;
-        if (unit.program_.empty() || Canonical(unit.program_) != Canonical(executable)) {
+        if (!ReadLayered(file, dropInDirs, unit, error) || unit.program_.empty() ||
+            Canonical(unit.program_) != Canonical(executable)) {
             return false;
         }
         out = unit;
@@ -102,11 +94,16 @@ bool ServiceUnit::FindInstalled(const std::string& executable, ServiceUnit& out,
 }
 
 bool ServiceUnit::Load(const std::string& file, ServiceUnit& out, std::string& error) {
+    return ReadLayered(file, {file + ".d/"}, out, error);
+}
+
+bool ServiceUnit::ReadLayered(const std::string& file, const std::vector<std::string>& dropInDirs,
+                              ServiceUnit& out, std::string& error) {
     ServiceUnit unit;
     if (!unit.Read(file, error)) {
         return false;
     }
-    for (const std::string& dropIn : DropIns({file + ".d/"})) {
+    for (const std::string& dropIn : DropIns(dropInDirs)) {
         if (!unit.Read(dropIn, error)) {
             return false;
         }

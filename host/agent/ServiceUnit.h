@@ -30,6 +30,9 @@ public:
     std::string DescribeWritable() const;
 
 private:
+    // `file`, then the drop-ins of `dropInDirs` over it, as systemd layers them.
+    static bool ReadLayered(const std::string& file, const std::vector<std::string>& dropInDirs,
+                            ServiceUnit& out, std::string& error);
     bool Read(const std::string& file, std::string& error);
 
     std::string file_;

@@ -17,11 +17,6 @@ namespace {
 
 // Log lines and CPU governor calls name the detector, whichever of its classes runs.
 constexpr const char* kProcDetSource = "module/module_procdet/feature_detaction/ProcDetStrings";
-
-}  // namespace
-
-namespace {
-
 constexpr const char* kTaskName = "detaction_full_task";
 
 inline bool IsGraphic(unsigned char byte) {
