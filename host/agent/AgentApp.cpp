@@ -192,7 +192,10 @@ int AgentApp::main(const std::vector<std::string>& args) {
     } else {
         Serve();
     }
-    Shutdown();
+    // A one-shot run is its own reader: alerts it could not hand on make it fail.
+    if (!Shutdown() && options.once && status == 0) {
+        status = kExitProblems;
+    }
     return status;
 }
 
@@ -541,17 +544,23 @@ void AgentApp::ReloadSettings() {
     }
 }
 
-void AgentApp::Shutdown() {
+bool AgentApp::Shutdown() {
     // Plug-in tasks stop first and the report task last, so it writes every alert they sent.
     StopAll();
     if (loader_) {
         loader_->UnloadAll();
     }
+    const bool delivered = !report_ || report_->HasDeliveredEverything();
     if (report_) {
         report_->UnInit();
     }
     metrics_.reset();
-    if (!onceSpool_.empty()) {
+    if (!onceSpool_.empty() && !delivered) {
+        // Its alerts are nowhere else: the spool stays for whoever reads this.
+        HOST_CONSOLE_LOG_ERROR(
+            "--once: not every alert reached its output (the log says why); those left are kept in " +
+            onceSpool_);
+    } else if (!onceSpool_.empty()) {
         std::error_code failure;
         std::filesystem::remove_all(onceSpool_, failure);
         if (failure) {
@@ -560,6 +569,7 @@ void AgentApp::Shutdown() {
         }
     }
     HOST_CONSOLE_LOG_NOTICE("corvane-agent stopped");
+    return delivered;
 }
 
 }  // namespace Agent

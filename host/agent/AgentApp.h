@@ -56,7 +56,8 @@ private:
     void Serve();
     int RunOnce();
     void ReloadSettings();
-    void Shutdown();
+    // False when some alert did not reach every sink.
+    bool Shutdown();
 
     AgentOptions options_;
     AgentPaths paths_;

@@ -35,6 +35,7 @@ AlertSinkPump::~AlertSinkPump() {
 void AlertSinkPump::Start() {
     stop_ = false;
     draining_ = false;
+    drained_ = false;
     // Here, not on the thread: alerts spooled right after Start belong to this sink.
     const uint64_t cursor = spool_.LoadCursor(name_);
     thread_ = std::thread([this, cursor] { Loop(cursor); });
@@ -167,9 +168,10 @@ void AlertSinkPump::Loop(uint64_t cursor) {
             break;
         }
     }
-    if (cursor != committed) {
-        Commit(cursor);
+    if (cursor != committed && !Commit(cursor)) {
+        cursor = committed;
     }
+    drained_ = cursor >= spool_.GetEnd();
     errorLog_.Flush();
     std::lock_guard<std::mutex> lock(mutex_);
     stop_ = true;

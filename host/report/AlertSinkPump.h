@@ -65,6 +65,8 @@ public:
     uint64_t GetFailedCount() const { return failed_.load(); }  // failed delivery attempts
     const AlertShaper& GetShaper() const { return shaper_; }    // alerts split or left out for size
     uint64_t GetDeadLetteredCount() const { return deadLettered_.load(); }
+    // After Stop: the sink confirmed every alert the spool held (or set it aside as refused for good).
+    bool HasDrained() const { return drained_.load(); }
 
 private:
     void Loop(uint64_t cursor);
@@ -101,6 +103,7 @@ private:
     std::atomic<uint64_t> delivered_{0};
     std::atomic<uint64_t> failed_{0};
     std::atomic<uint64_t> deadLettered_{0};
+    std::atomic<bool> drained_{false};
 };
 
 }  // namespace Agent

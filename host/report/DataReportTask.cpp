@@ -121,9 +121,18 @@ void DataReportTask::UnInit() {
                        settings_.spoolDir + " is still refused (" + spoolRefusal_ + ")");
         heldDropped_ += held_.size();
     }
+    bool everything = heldDropped_ == 0 && spool_.GetDroppedFull() == 0 && spool_.GetDroppedEvicted() == 0 &&
+                      (!pumps_.empty() || written_ == 0);
     for (auto& pump : pumps_) {
         pump->Stop(std::chrono::seconds(settings_.stopDrainSeconds));
+        if (!pump->HasDrained()) {
+            HOST_LOG_WARNING("alert sink " + pump->GetName() +
+                             " stopped before it took every alert; the rest wait in " + settings_.spoolDir +
+                             " for the next start");
+            everything = false;
+        }
     }
+    deliveredEverything_ = everything;
     Framework::Task::UnInit();
 }
 

@@ -63,6 +63,9 @@ public:
     uint64_t GetHeldCount() const { return heldCount_.load(); }   // waiting in memory for the spool
     uint64_t GetHeldDroppedCount() const { return heldDropped_.load(); }
     const AlertSpool& GetSpool() const { return spool_; }
+    // After the task stopped: every alert it took reached every sink (or a sink's dead-letter
+    // file); false when some wait in the spool or were lost to a full or refused spool.
+    bool HasDeliveredEverything() const { return deliveredEverything_.load(); }
     // The pumps, one per sink, with their delivered and failed counts.
     const std::vector<std::unique_ptr<AlertSinkPump>>& GetPumps() const { return pumps_; }
 
@@ -97,6 +100,7 @@ private:
     std::atomic<uint64_t> split_{0};
     std::atomic<uint64_t> heldCount_{0};
     std::atomic<uint64_t> heldDropped_{0};
+    std::atomic<bool> deliveredEverything_{false};
 };
 
 }  // namespace Agent

@@ -40,4 +40,8 @@ int ReportModule::Init() {
     return result;
 }
 
+bool ReportModule::HasDeliveredEverything() const {
+    return task_->HasDeliveredEverything();
+}
+
 }  // namespace Agent

@@ -30,6 +30,8 @@ public:
     // takes one. Set before Init; must return quickly.
     void SetOnAlertsTaken(std::function<void(uint64_t)> listener);
     DataReportTask* GetTask() const { return task_; }
+    // Once the report task stopped: every alert it took reached every sink.
+    bool HasDeliveredEverything() const;
     // Why Init failed when another agent holds the spool.
     const std::string& GetStartError() const { return startError_; }
 
