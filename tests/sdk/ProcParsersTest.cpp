@@ -67,10 +67,10 @@ TEST(ProcParsers, StatusIncompleteOrMalformedLines) {
     EXPECT_EQ(status.capEff + status.capBnd, 0u);
 }
 
+// Socket links and boot times are read successfully on live and fake trees
+// (NetstatDetectorTest, ProcTableScannerTest); here, the look-alikes they refuse.
 TEST(ProcParsers, SmallTexts) {
     long inode = 0;
-    EXPECT_TRUE(SDK::ParseSocketLink("socket:[123456]", inode));
-    EXPECT_EQ(inode, 123456);
     for (const char* other :
          {"pipe:[5]", "socket:[]", "socket:[12", "socket:[-3]", "/dev/null", "socket:[1x]"}) {
         EXPECT_FALSE(SDK::ParseSocketLink(other, inode)) << other;
