@@ -18,15 +18,10 @@ using Framework::TaskCondition;
 
 namespace {
 
-class TestModule : public Framework::Module {
-public:
-    TestModule() : Framework::Module("test_module") {}
-};
-
 class TaskLifecycleTest : public ::testing::Test {
 protected:
     Framework::Engine engine_;
-    TestModule module_;
+    Framework::Module module_{"test_module"};
 };
 
 TEST_F(TaskLifecycleTest, PeriodicTaskKeepsRunningThroughFailures) {
