@@ -1,6 +1,7 @@
 // /proc/net/tcp and tcp6 tables through the collector's table parser, and every line
 // through the one line parser, whose fields must stay within their bounds and read
 // back the same when printed again in the kernel's format.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -40,13 +41,9 @@ void CheckLine(std::string_view line, bool ipv6) {
     SDK::NetTcpLineFields again;
     if (!SDK::ParseNetTcpLine(printed, ipv6, again) || again.localPort != fields.localPort ||
         again.remotePort != fields.remotePort || again.state != fields.state || again.uid != fields.uid ||
-        again.inode != fields.inode) {
+        again.inode != fields.inode || !std::equal(fields.local, fields.local + 4, again.local) ||
+        !std::equal(fields.remote, fields.remote + 4, again.remote)) {
         std::abort();
-    }
-    for (int i = 0; i < 4; ++i) {
-        if (again.local[i] != fields.local[i] || again.remote[i] != fields.remote[i]) {
-            std::abort();
-        }
     }
 }
 

@@ -1,6 +1,6 @@
-// The process-collect module on this machine (run as root): a snapshot against
-// what ps reports, and events for the test's own fork and identity change. The
-// fields of one record are checked on captured texts (ProcRecordParserTest).
+// The process-collect module on this machine (run as root): events for the test's
+// own fork and identity change, and the live table against a rescan. The fields of
+// one record are checked on captured texts (ProcRecordParserTest).
 #include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <sched.h>
@@ -10,11 +10,9 @@
 
 #include <algorithm>
 #include <cerrno>  // program_invocation_name
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -42,60 +40,6 @@ using TestSupport::ChildProcess;
 using TestSupport::WaitFor;
 
 const std::string kSelfExe = std::filesystem::read_symlink("/proc/self/exe");
-
-struct PsRow {
-    int ppid;
-    unsigned ruid, euid, rgid, egid;
-    std::string exe;
-};
-
-std::map<int, PsRow> RunPs() {
-    std::map<int, PsRow> rows;
-    FILE* ps = ::popen("ps -eo pid=,ppid=,ruid=,euid=,rgid=,egid=,exe=", "r");
-    if (ps == nullptr) {
-        return rows;
-    }
-    char line[8192];
-    while (std::fgets(line, sizeof line, ps) != nullptr) {
-        std::istringstream fields(line);
-        int pid = 0;
-        PsRow row{};
-        if (fields >> pid >> row.ppid >> row.ruid >> row.euid >> row.rgid >> row.egid) {
-            std::getline(fields >> std::ws, row.exe);
-            if (row.exe == "-") {
-                row.exe.clear();
-            }
-            rows[pid] = row;
-        }
-    }
-    ::pclose(ps);
-    return rows;
-}
-
-TEST(ProcsCollectE2E, SnapshotAgreesWithPs) {
-    auto* task = new Engine::LiveProcsFullTask(1);
-    Engine::ProcsFullTask::ProcsMap map;
-    task->GetProcsMap(map);
-    task->release();
-    const std::map<int, PsRow> ps = RunPs();
-    ASSERT_GT(ps.size(), 10u);
-
-    // ps runs a moment later: a few processes may have come or gone in between.
-    size_t common = 0;
-    for (const auto& [pid, row] : ps) {
-        const auto entry = map.find(pid);
-        if (entry == map.end()) {
-            continue;
-        }
-        ++common;
-        const Record& record = *entry->second;
-        SCOPED_TRACE("pid " + std::to_string(pid) + " " + record.name);
-        EXPECT_EQ(std::tie(row.ppid, row.ruid, row.euid, row.rgid, row.egid, row.exe),
-                  std::tie(record.ppid, record.uid, record.euid, record.gid, record.egid, record.exePath));
-    }
-    EXPECT_GE(common + 10, ps.size());
-    EXPECT_GE(common + 10, map.size());
-}
 
 // Records the process events it receives (on its own thread).
 class EventSink : public Engine::MixedTask {

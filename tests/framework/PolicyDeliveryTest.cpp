@@ -83,12 +83,8 @@ TEST(TaskConditionTest, ParseAcceptsScheduleFormsAndKeepsRecordOnFailure) {
     EXPECT_TRUE(policy.HasCondition());
 }
 
-class PolicyDeliveryTest : public ::testing::Test {
-protected:
-    Framework::Engine engine_;
-};
-
-TEST_F(PolicyDeliveryTest, TaskSeesItsPolicyInInitAndBadTextsChangeNothing) {
+TEST(PolicyDeliveryTest, TaskSeesItsPolicyInInitAndBadTextsChangeNothing) {
+    Framework::Engine engine;
     TaskRef task(new RecordingTask("policy_task", TaskCondition::TASK_TYPE_RESIDENT, 0, "policy_feature"));
     task->onInit = RecordPolicies;
     task->onRun = WaitForCancel;
@@ -98,12 +94,12 @@ TEST_F(PolicyDeliveryTest, TaskSeesItsPolicyInInitAndBadTextsChangeNothing) {
     sibling->onRun = WaitForCancel;
     PolicyModule module(task.get());
     module.Init();
-    engine_.AddModule(&module);
+    engine.AddModule(&module);
     ASSERT_EQ(0, module.RegisterTask(sibling.get(), true));
 
-    EXPECT_EQ(-2, engine_.DeliverPolicy("99999", "policy_feature", "{}"));
+    EXPECT_EQ(-2, engine.DeliverPolicy("99999", "policy_feature", "{}"));
     const std::string first = R"({"enabled": true, "task_condition": {"repeat_interval": 7}})";
-    ASSERT_EQ(0, engine_.DeliverPolicy("10001", "policy_feature", first));
+    ASSERT_EQ(0, engine.DeliverPolicy("10001", "policy_feature", first));
     ASSERT_TRUE(task->WaitFor("Run"));
     EXPECT_EQ((std::vector<std::string>{"Init", "every 7", "feature policy_feature", "scheduled 7", "Run"}),
               task->Events());
@@ -111,24 +107,24 @@ TEST_F(PolicyDeliveryTest, TaskSeesItsPolicyInInitAndBadTextsChangeNothing) {
     EXPECT_EQ(std::make_pair(sibling->GetFeaturePolicy()->GetName(), sibling->GetTaskPolicy()),
               std::make_pair(std::string("policy_feature"), static_cast<Framework::TaskPolicy*>(nullptr)));
 
-    EXPECT_EQ(-1, engine_.DeliverPolicy("10001", "policy_feature", "{\"enabled\": tru"));
-    EXPECT_EQ(std::make_tuple(engine_.GetPolicyText("10001", "policy_feature"), module.currents.size(),
+    EXPECT_EQ(-1, engine.DeliverPolicy("10001", "policy_feature", "{\"enabled\": tru"));
+    EXPECT_EQ(std::make_tuple(engine.GetPolicyText("10001", "policy_feature"), module.currents.size(),
                               task->Count("Init")),
               std::make_tuple(first, 1ul, 1));
 
-    ASSERT_EQ(0, engine_.DeliverPolicy("10001", "policy_feature",
-                                       R"({"enabled": true, "task_condition": {"repeat_interval": 9}})"));
+    ASSERT_EQ(0, engine.DeliverPolicy("10001", "policy_feature",
+                                      R"({"enabled": true, "task_condition": {"repeat_interval": 9}})"));
     ASSERT_TRUE(task->WaitFor("Run", 2));
     EXPECT_EQ(1, task->Count("every 9"));
     ASSERT_EQ(2u, module.currents.size());
     EXPECT_TRUE(module.currents[0] == nullptr && module.currents[1] != nullptr);
 
     // A callback that returns nothing leaves the stored policy in place.
-    ASSERT_EQ(0, engine_.DeliverPolicy("10001", "policy_feature", R"({"enabled": false})"));
-    EXPECT_EQ(std::make_pair(engine_.FindTask("policy_task"), task->Count("UnInit")),
+    ASSERT_EQ(0, engine.DeliverPolicy("10001", "policy_feature", R"({"enabled": false})"));
+    EXPECT_EQ(std::make_pair(engine.FindTask("policy_task"), task->Count("UnInit")),
               std::make_pair(static_cast<Framework::Task*>(nullptr), 2));
-    ASSERT_EQ(0, engine_.DeliverPolicy("10001", "policy_feature",
-                                       R"({"enabled": true, "task_condition": {"repeat_interval": 11}})"));
+    ASSERT_EQ(0, engine.DeliverPolicy("10001", "policy_feature",
+                                      R"({"enabled": true, "task_condition": {"repeat_interval": 11}})"));
     ASSERT_EQ(4u, module.currents.size());
     EXPECT_NE(module.currents[1], module.currents[2]);
     EXPECT_EQ(module.currents[2], module.currents[3]);
@@ -136,7 +132,7 @@ TEST_F(PolicyDeliveryTest, TaskSeesItsPolicyInInitAndBadTextsChangeNothing) {
     EXPECT_EQ(1, task->Count("every 11"));
 
     // Removing the module deletes its policies; no task may keep pointing at them.
-    engine_.RemoveModule(&module);
+    engine.RemoveModule(&module);
     EXPECT_TRUE(sibling->GetFeaturePolicy() == nullptr && task->GetTaskPolicy() == nullptr);
     module.UnRegisterTask("sibling_task");
 }

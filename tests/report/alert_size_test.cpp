@@ -1,4 +1,5 @@
-// Alerts too long for the spool or for a sink: split into complete alerts, never dropped or cut short.
+// What the report task writes on a stop, and alerts too long for the spool or for a sink: split into
+// complete alerts, never dropped or cut short.
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <sys/socket.h>
@@ -18,6 +19,7 @@
 #include "framework/DataMessage.h"
 #include "sdk/JsonUtils.h"
 #include "support/FileText.h"
+#include "support/LogCapture.h"
 #include "support/TempDir.h"
 #include "support/WaitFor.h"
 
@@ -67,28 +69,50 @@ void ExpectParts(const std::vector<Json::Value>& parts, const Json::Value& origi
 
 }  // namespace
 
-TEST(AlertSize, AnAlertLongerThanTheSpoolTakesIsSpooledAsCompleteAlerts) {
+// On a stop, every queued report reaches the alert file as one JSON line; one longer than the
+// spool takes arrives as complete alerts. Outages and stops of a running agent are met end to end.
+TEST(DataReportTask, UnInitWritesEveryQueuedReportAsLinesAndAnAlertTooLongAsCompleteAlerts) {
     TestSupport::TempDir dir;
+    TestSupport::LogCapture log("agent");
     Agent::ReportSettings settings;
     settings.filePath = dir.path() + "/alerts.json";
     settings.spoolDir = dir.path() + "/spool";
     auto* task = new Agent::DataReportTask(settings);
     task->Init();
+    auto enqueue = [task](const std::string& body) {
+        std::shared_ptr<Framework::Message> message = std::make_shared<Framework::DataMessage>("2", body);
+        return task->EnqueueMsg(message);
+    };
+    const int count = 5000;
+    for (int index = 0; index < count; ++index) {
+        ASSERT_TRUE(enqueue("{\"seq\":" + std::to_string(index) + "}"));
+    }
     const Json::Value alert = DecoyAlert();
-    std::shared_ptr<Framework::Message> report =
-        std::make_shared<Framework::DataMessage>("2", SDK::JsonUtils::JsonToString(alert));
-    ASSERT_GT(static_cast<const Framework::DataMessage&>(*report).GetBody().size(),
-              Agent::DataReportTask::kMaxAlertBytes);
-    ASSERT_TRUE(task->EnqueueMsg(report));
+    const std::string decoys = SDK::JsonUtils::JsonToString(alert);
+    ASSERT_GT(decoys.size(), Agent::DataReportTask::kMaxAlertBytes);
+    for (const std::string& body : {std::string("{\n  \"event\": \"multi\",\n  \"n\": [1, 2]\n}\n"),
+                                    std::string("{\"event\": "), decoys}) {
+        ASSERT_TRUE(enqueue(body));
+    }
+    std::shared_ptr<Framework::Message> other = std::make_shared<Framework::Message>("not_a_report");
+    task->EnqueueMsg(other);
     task->UnInit();
+
+    const std::vector<std::string> lines = TestSupport::ReadLines(settings.filePath);
+    ASSERT_GT(lines.size(), static_cast<size_t>(count + 1));
+    for (int index = 0; index < count; ++index) {
+        ASSERT_EQ(lines[static_cast<size_t>(index)], "{\"seq\":" + std::to_string(index) + "}");
+    }
+    EXPECT_EQ(lines[count], "{\"event\":\"multi\",\"n\":[1,2]}");
     std::vector<Json::Value> parts;
-    for (const std::string& line : TestSupport::ReadLines(settings.filePath)) {
-        EXPECT_LE(line.size(), Agent::DataReportTask::kMaxAlertBytes);
+    for (size_t index = count + 1; index < lines.size(); ++index) {
+        EXPECT_LE(lines[index].size(), Agent::DataReportTask::kMaxAlertBytes);
         parts.emplace_back();
-        ASSERT_TRUE(Json::Reader().parse(line, parts.back())) << line.substr(0, 80);
+        ASSERT_TRUE(Json::Reader().parse(lines[index], parts.back())) << lines[index].substr(0, 80);
     }
     ExpectParts(parts, alert);
-    EXPECT_EQ(task->GetRefusedCount(), 0u);
+    EXPECT_EQ(task->GetRefusedCount(), 1u);
+    EXPECT_EQ(log.Count("is not one JSON document"), 1u);
     task->release();
 }
 

@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <unistd.h>
-
 #include <cstdlib>
 
 #include "sdk/ExecuteCmdUtils.h"

@@ -23,18 +23,14 @@ std::string Sha256(const std::string& path) {
     return Poco::DigestEngine::digestToHex(engine.digest());
 }
 
-class FileUtilsTest : public ::testing::Test {
-protected:
-    TempDir dir_;
-};
-
-TEST_F(FileUtilsTest, Sha256MatchesSha256sumWithinLimit) {
+TEST(FileUtils, Sha256MatchesSha256sumWithinLimit) {
+    TempDir dir;
     std::string big;
     for (int i = 0; i < 200000; ++i) {
         big.push_back(static_cast<char>(i * 7 + (i >> 8)));  // several read chunks, all byte values
     }
-    const std::string bigPath = dir_.Write("big", big);
-    const std::string emptyPath = dir_.Write("empty", "");
+    const std::string bigPath = dir.Write("big", big);
+    const std::string emptyPath = dir.Write("empty", "");
     std::string hex;
     ASSERT_EQ(FileUtils::GetFileSha256(bigPath, hex, 0), 0);
     EXPECT_EQ(hex, Sha256(bigPath));
@@ -45,17 +41,18 @@ TEST_F(FileUtilsTest, Sha256MatchesSha256sumWithinLimit) {
 
     hex = "kept";
     EXPECT_NE(FileUtils::GetFileSha256(bigPath, hex, static_cast<long>(big.size()) - 1), 0);
-    EXPECT_NE(FileUtils::GetFileSha256(dir_.path() + "/missing", hex, 0), 0);
-    EXPECT_NE(FileUtils::GetFileSha256(dir_.path(), hex, 0), 0) << "a directory is no file";
-    const std::string fifo = dir_.path() + "/fifo";
+    EXPECT_NE(FileUtils::GetFileSha256(dir.path() + "/missing", hex, 0), 0);
+    EXPECT_NE(FileUtils::GetFileSha256(dir.path(), hex, 0), 0) << "a directory is no file";
+    const std::string fifo = dir.path() + "/fifo";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     EXPECT_NE(FileUtils::GetFileSha256(fifo, hex, 0), 0) << "must not block on a FIFO";
     EXPECT_EQ(hex, "kept");
 }
 
-TEST_F(FileUtilsTest, ReadFileWholeOrRefused) {
+TEST(FileUtils, ReadFileWholeOrRefused) {
+    TempDir dir;
     const std::string content("line1\nline2\0binary", 18);
-    const std::string path = dir_.Write("text", content);
+    const std::string path = dir.Write("text", content);
     std::string out;
     ASSERT_EQ(FileUtils::ReadFile(path, out, 18), 0);
     EXPECT_EQ(out, content);

@@ -4,7 +4,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <memory>
 
 #include "sdk/HttpUtils.h"
 #include "support/FileText.h"
@@ -27,11 +26,6 @@ protected:
         return SDK::HttpUtils::GetInstance()->Download(server_.Url(path), target_, "", "", "");
     }
     std::string Target() { return TestSupport::ReadText(target_); }
-    // Entries of the directory: the target alone when no temporary file was left behind.
-    long EntriesInDir() {
-        const std::filesystem::directory_iterator entries(dir_.path());
-        return std::distance(begin(entries), end(entries));
-    }
 
     TestSupport::HttpTestServer server_;
     TestSupport::TempDir dir_;
@@ -69,7 +63,8 @@ TEST_F(HttpUtilsTest, FailuresLeaveTheEarlierFileAndNoTemporaryFile) {
         SDK::HttpUtils::GetInstance()->Download(server_.Url("/list"), target_, "http://127.0.0.1:1", "", ""),
         0);
     EXPECT_EQ(Target(), "earlier");
-    EXPECT_EQ(EntriesInDir(), 1);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir_.path()), {}), 1)
+        << "a temporary file left";
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <utmpx.h>
 
@@ -53,7 +52,6 @@ TEST(ProcessUtils, FactsOfAnExecutedChildAndFailuresOnceItIsGone) {
     ASSERT_EQ(ProcessUtils::GetProcessFileSha256(pid, "/bin/sh", viaLink, linked, 10 * 1024 * 1024), 0);
     ASSERT_EQ(ProcessUtils::GetProcessFileSha256(-1, resolved, viaFile, fromFile, 10 * 1024 * 1024), 0);
     EXPECT_EQ(std::make_tuple(linked, fromFile, viaLink), std::make_tuple(true, false, viaFile));
-    EXPECT_NE(ProcessUtils::GetProcessFileSha256(pid, "/bin/sh", viaLink, linked, 100), 0);
     ProcessUtils::procStatus status;
     ASSERT_EQ(ProcessUtils::GetProcessStatusInfo(pid, status), 0);  // its file is now kept open
     EXPECT_EQ(status.ppid, getpid());
@@ -69,8 +67,6 @@ TEST(ProcessUtils, FactsOfAnExecutedChildAndFailuresOnceItIsGone) {
     std::set<long> inodes;
     EXPECT_NE(ProcessUtils::GetProcessSocketFd(pid, inodes), 0);
     std::string user;
-    ASSERT_EQ(ProcessUtils::GetProcessUser(0, user), 0);
-    EXPECT_EQ(user, "root");
     EXPECT_NE(ProcessUtils::GetProcessUser(0xFFFFFFF0u, user), 0);
 }
 
@@ -98,23 +94,17 @@ TEST(ProcessUtils, StatusFollowsAnIdentityChange) {
     }));
 }
 
+// The command line cut at its bound; a status that lost its Gid line.
 TEST(ProcessUtils, FakeProcTreeWithBrokenFiles) {
     TempDir root;
-    root.Write("10/stat", "10 (worker) S 1 10 10 0 -1 0 0 0 0 0 5 5 0 0 20 0 1 0 500");
     root.Write("10/cmdline", std::string("worker\0--flag\0", 14));
-    root.Write("10/status", "Name:\tworker\nUid:\t0\t0\t0\t0\n");  // Gid line lost
-    root.Write("11/stat", "11 (zomb) Z 1 11 11 0 -1 0 0 0 0 0 5 5 0 0 20 0 1 0 500");
-
+    root.Write("10/status", "Name:\tworker\nUid:\t0\t0\t0\t0\n");
     ProcessUtils::SetProcRoot(root.path());
-    EXPECT_TRUE(ProcessUtils::IsProcessAlive(10));
-    EXPECT_FALSE(ProcessUtils::IsProcessAlive(11));
-    EXPECT_FALSE(ProcessUtils::IsProcessAlive(12));
     std::string text;
-    EXPECT_EQ(ProcessUtils::GetProcessCmdline(10, text, 100), 0);
-    EXPECT_EQ(text, "worker --flag");
+    EXPECT_EQ(ProcessUtils::GetProcessCmdline(10, text, 7), 0);
+    EXPECT_EQ(text, "worker");
     ProcessUtils::procStatus status;
     EXPECT_NE(ProcessUtils::GetProcessStatusInfo(10, status), 0);
-    EXPECT_NE(ProcessUtils::GetProcessExePath(10, text), 0);
     ProcessUtils::SetProcRoot("/proc");
 }
 
