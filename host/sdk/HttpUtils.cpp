@@ -175,7 +175,8 @@ int HttpUtils::Download(const std::string& url, const std::string& targetPath, c
                          targetPath + " left as it was");
         return static_cast<int>(status);
     }
-    bool finished = fchmod(temp.fd, 0644) == 0 && fsync(temp.fd) == 0;
+    // Private like every file the agent writes: which addresses it watches is no one else's business.
+    bool finished = fchmod(temp.fd, 0600) == 0 && fsync(temp.fd) == 0;
     finished = close(temp.fd) == 0 && finished;
     temp.fd = -1;
     if (!finished) {

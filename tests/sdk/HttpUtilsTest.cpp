@@ -39,7 +39,7 @@ TEST_F(HttpUtilsTest, FailuresLeaveTheEarlierFileAndNoTemporaryFile) {
     EXPECT_EQ(Target(), kBody);
     struct stat st {};
     ASSERT_EQ(stat(target_.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0644u);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
 
     std::ofstream(target_) << "earlier";
     EXPECT_EQ(Download("/missing"), 404);
