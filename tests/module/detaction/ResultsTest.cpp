@@ -118,7 +118,7 @@ protected:
 };
 
 // The header, the process facts and the numeric details' dotted form are checked
-// on the real agent's alerts (DetactionE2ETest, NetstatE2ETest) and in ResultsTest.
+// on the real agent's alerts (DetactionE2ETest) and in ResultsTest.
 TEST_F(AlertTest, NothingIsSentBelowTheScoreOrForDeadProcesses) {
     Child child({"/bin/sleep", "30"});
     const int dead = DeadPid();
