@@ -121,6 +121,7 @@ TEST_F(AlertTest, NothingIsSentForDeadProcesses) {
 
 TEST_F(AlertTest, ScoresAndDescriptions) {
     // CMDLINE never scores; keys left out of "score" take their default weight.
+    EXPECT_EQ(task->CalcScore(0), 0u);
     EXPECT_EQ(task->CalcScore(0x1FF), 1u - 1u + 3u + 3u + 3u + 2u + 3u + 0u);
     // Without a "score" object every process scores 0.
     TaskPtr unscored = MakeInitedTask(R"({"task_condition": {"repeat_interval": 60}})");

@@ -10,6 +10,7 @@
 #include "StringsTestSupport.h"
 #include "feature_detaction/ProcDetStringsCache.h"
 #include "module/detaction/DetactionTestUtil.h"
+#include "sdk/ProcessUtils.h"
 #include "support/FakeProcsFullTask.h"
 #include "support/LogCapture.h"
 
@@ -247,20 +248,29 @@ TEST_F(StringsDetectorTest, CheckProcessSearchesTheExecutableFirst) {
     EXPECT_TRUE(strDetails.empty());
     EXPECT_FALSE(log.Contains("CHECK file"));
 
-    // A hit in the executable (mapped files then not examined) is met by DetactionE2ETest,
-    // one in a mapped library by ProcTreeReplay.
+    // A hit in the executable (mapped files then not examined) is met by DetactionE2ETest.
     // Arriving with STRINGS set: only the executable is examined.
-    check(dir.Write("plain", Elf("\nnothing\n")), 0x60);
+    const std::string plain = dir.Write("plain", Elf("\nnothing\n"));
+    check(plain, 0x60);
     EXPECT_TRUE(strDetails.empty());
     EXPECT_FALSE(log.Contains("try to check SOFILE"));
+    // Else the mapped files in name order, passing over the executable, up to the first hit.
+    const std::string pid = std::to_string(getpid());
+    const std::string lib = dir.Write("z.so", Elf("\nzz\n"));
+    dir.Write("proc/" + pid + "/maps", "1-2 r-xp 0 08:01 1 " + lib + "\n1-2 r-xp 0 08:01 1 " + plain +
+                                           "\n1-2 r-xp 0 08:01 1 " + dir.Write("q.so", Elf("\nnone\n")) +
+                                           "\n");
+    SDK::ProcessUtils::SetProcRoot(dir.path() + "/proc");
+    EXPECT_EQ(check(plain, 0x20), 0x60u);
+    SDK::ProcessUtils::SetProcRoot("/proc");
+    EXPECT_EQ(strDetails, (Engine::StrDetails{{"dt_strings", "zz"}, {"dt_str_so", lib}}));
 
     // A deleted executable is read through /proc/<pid>/exe.
     check(exe + " (deleted)", 0x24);
-    EXPECT_TRUE(log.Contains("CHECK file /proc/" + std::to_string(getpid()) + "/exe"));
+    EXPECT_TRUE(log.Contains("CHECK file /proc/" + pid + "/exe"));
 
     // An executable that cannot be stat'ed or is over the limit ends the examination.
     EXPECT_EQ(check(dir.path() + "/gone", 0x20), 0x20u);
-    EXPECT_TRUE(log.Contains("get stat of [" + dir.path() + "/gone" + "] failed."));
     EXPECT_FALSE(log.Contains("try to check SOFILE"));
     detector.Init({"aa"}, 10, 0x20, logger);
     EXPECT_EQ(check(exe, 0x20), 0x20u);
