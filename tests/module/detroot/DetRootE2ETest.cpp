@@ -115,11 +115,11 @@ private:
     ProcessGroup group_;
 };
 
-// Waits for the step `name` of `tree`, lets the fork event of that process reach
+// Waits for the step "B" of `tree`, lets the fork event of that process reach
 // the task (two more passes of its loop, which takes events first, and at least
 // two seconds), then lets it go on (trigger "go"). Returns its pid.
-int Release(const AgentRunner& agent, const ProcessTree& tree, const std::string& name = "B") {
-    const int pid = tree.WaitPid(name);
+int Release(const AgentRunner& agent, const ProcessTree& tree) {
+    const int pid = tree.WaitPid("B");
     EXPECT_GT(pid, 0) << tree.Errors();
     std::this_thread::sleep_for(std::chrono::seconds(2));
     agent.WaitForMoreLog("detroot once check end", 2, kDeadlineMs);
@@ -137,15 +137,13 @@ std::vector<int> ReadPids(const std::string& path) {
 }
 
 // A rise to root by the helper is reported once, with the alert header and the facts
-// of the process and its parent. A raise
-// of CAP_SETUID by capset(2), which no kernel event reports, is found by one of the
-// two full checks that follow. Then the textbook escalation: an unprivileged shell
-// starts a set-uid-root program, or one with the set-uid file capability, from a
-// directory outside the white list, by fork and an immediate exec. Each must alarm
-// (type 5, naming the program) however late the agent reads the fork, so the round
-// runs on a quiet and on a loaded machine; the same set-uid program in a white-listed
-// directory never alarms. The other alarm types are met by DetRootTaskTest.
-TEST(DetRootE2E, EscalationsAlarmOnceIgnoredAndWhiteListedProgramsNever) {
+// of the process and its parent. A raise of CAP_SETUID by capset(2), which no kernel
+// event reports, is found by one of the two full checks that follow. Then the textbook escalation: an
+// unprivileged shell starts a set-uid-root program, or one with the set-uid file capability, from a directory
+// outside the white list, by fork and an immediate exec. Each must alarm (type 5, naming the program) however
+// late the agent reads the fork, so the round runs on a quiet and on a loaded machine; the same set-uid
+// program in a white-listed directory never alarms. The other alarm types are met by DetRootTaskTest.
+TEST(DetRootE2E, EscalationsAlarmOnceWhiteListedProgramsNever) {
     ASSERT_EQ(geteuid(), 0u) << "needs root";
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     const TempDir programs("detroot_programs");
