@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <climits>
 #include <filesystem>
 
 #include "DetactionTestUtil.h"
@@ -18,12 +17,11 @@ using TestSupport::MakeProc;
 
 namespace {
 
-unsigned int Check(Engine::ProcDetBase& detector, const Engine::ProcRecord& proc,
-                   Engine::NumDetails* details = nullptr) {
+unsigned int Check(Engine::ProcDetBase& detector, const Engine::ProcRecord& proc) {
     unsigned int flags = 0;
     Engine::NumDetails numDetails;
     Engine::StrDetails strDetails;
-    EXPECT_TRUE(detector.CheckProcess(proc, flags, details != nullptr ? *details : numDetails, strDetails));
+    EXPECT_TRUE(detector.CheckProcess(proc, flags, numDetails, strDetails));
     return flags;
 }
 
@@ -70,39 +68,11 @@ TEST(DetectorsTest, CommandLineNamesAnotherProgram) {
     EXPECT_EQ(Check(detector, MakeProc(child.pid(), "/usr/bin/sleep")), 0u);
 }
 
-TEST(DetectorsTest, CpuThresholdAndForgottenPids) {
-    Child a({"/bin/sleep", "30"});
-    Child b({"/bin/sleep", "30"});
-    Engine::ProcDetCpu detector;
-
-    detector.SetHighCpuThreshold(INT_MAX);
-    ASSERT_TRUE(detector.Prepare());
-    EXPECT_EQ(Check(detector, MakeProc(a.pid(), "/usr/bin/sleep")), 0u);
-    // A dead process yields no usage and no flag, and is not kept.
-    EXPECT_EQ(Check(detector, MakeProc(DeadPid(), "/usr/bin/gone")), 0u);
-    detector.Finish();
-    EXPECT_EQ(detector.GetTrackedCount(), 1u);
-
-    // Any usage lies above -1; an existing detail is left as it was.
-    WaitNextSecond();
-    detector.SetHighCpuThreshold(-1);
-    ASSERT_TRUE(detector.Prepare());
-    Engine::NumDetails details;
-    EXPECT_EQ(Check(detector, MakeProc(b.pid(), "/usr/bin/sleep"), &details), Engine::HIGHCPU);
-    ASSERT_EQ(details.count("dt_cpu"), 1u);
-    EXPECT_GE(details["dt_cpu"], 0);
-    details["dt_cpu"] = -5;
-    EXPECT_EQ(Check(detector, MakeProc(b.pid(), "/usr/bin/sleep"), &details), Engine::HIGHCPU);
-    EXPECT_EQ(details["dt_cpu"], -5);
-    // `a` was not checked in this cycle and is forgotten.
-    detector.Finish();
-    EXPECT_EQ(detector.GetTrackedCount(), 1u);
-}
-
 // A busy process that took the pid of an idle one between two cycles is measured
 // from its own first sample (the average over its life, user and system time), not
-// compared with the calculator of the process before it.
-TEST(DetectorsTest, CpuOfAReusedPidIsMeasuredAfresh) {
+// compared with the calculator of the process before it. A process that is gone is
+// not kept, and one not checked in a cycle is forgotten at its end.
+TEST(DetectorsTest, CpuOfAReusedPidIsMeasuredAfreshAndGonePidsAreForgotten) {
     const TestSupport::TempDir root("cpu_proc");
     const long hz = sysconf(_SC_CLK_TCK);
     auto writeStat = [&](long startSeconds, long cpuSeconds) {
@@ -127,6 +97,12 @@ TEST(DetectorsTest, CpuOfAReusedPidIsMeasuredAfresh) {
     EXPECT_EQ(cycle(50), 0u);
     writeStat(60, 30);  // 30 s over 40 s
     EXPECT_EQ(cycle(60), Engine::HIGHCPU);
+    WaitNextSecond();  // cycles are told apart by their second
+    detector.Prepare();
+    EXPECT_EQ(Check(detector, MakeProc(21, "/opt/gone")), 0u);
+    EXPECT_EQ(detector.GetTrackedCount(), 1u);
+    detector.Finish();
+    EXPECT_EQ(detector.GetTrackedCount(), 0u);
     SDK::ProcessUtils::SetProcRoot("/proc");
 }
 

@@ -87,21 +87,21 @@ TEST_F(ManagerCycleTest, IntervalsFailedPreparesAndStopRequests) {
     EXPECT_EQ(Count("failing:finish"), 0u);
     EXPECT_EQ(log.Count("CHECK FINISHED"), 3u);
 
-    // A stop request seen after preparation: nothing is walked, but Finish still runs.
+    // A stop request during the walk: the rest of the table is not walked, but Finish still runs.
     TaskPtr task(new Engine::ProcDetActionFullTask());
     env.procs().Put(MakeProc(1, "/sbin/init"));
+    env.procs().Put(MakeProc(2, "/sbin/other"));
     Engine::ProcDetManager stopping;
     stopping.Init(task.get(), nullptr);
-    auto* stopper = new FakeDetector("stopper", trace);
-    stopper->prepare = [&] {
-        task->cancel();
-        return true;
-    };
-    stopping.AddDetector(stopper, 1);
+    stopping.AddDetector(new FakeDetector("stopper", trace,
+                                          [&](const Engine::ProcRecord&, unsigned int&, Engine::NumDetails&) {
+                                              task->cancel();
+                                              return true;
+                                          }),
+                         1);
     trace->calls.clear();
     stopping.Check(1, task.get());
-    EXPECT_EQ(trace->calls, (std::vector<std::string>{"stopper:prepare", "stopper:finish"}));
-    EXPECT_EQ(log.Count("CHECK FINISHED"), 3u);
+    EXPECT_EQ(trace->calls, (std::vector<std::string>{"stopper:prepare", "stopper:1", "stopper:finish"}));
 }
 
 }  // namespace

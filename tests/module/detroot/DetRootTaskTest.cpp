@@ -156,7 +156,6 @@ TEST_F(DetRootTaskTest, ForkAndIdentityEventsKeepRootAndForkRecords) {
     proc_.Write(200, 0, kAllCaps, 100);
     const ProcInfoPtr c300 = ChildOf(c200, 300, "/opt/worker", 3000);
     Fork(c300);
-    EXPECT_TRUE(task_->IsSuidRoot(200, "/opt/tool", 2000));
     EXPECT_EQ(Marks(c300), kBoth);
     // Children of root are born root: nothing to compare a later rise against.
     EXPECT_EQ(task_->GetForkRecordCount(), 0u);
@@ -213,10 +212,6 @@ TEST_F(DetRootTaskTest, ForkAndIdentityEventsKeepRootAndForkRecords) {
     Fork(c801);
     EXPECT_TRUE(task_->IsBornRoot(c801));
     EXPECT_EQ(task_->GetForkRecordCount(), 2u);
-
-    for (const auto& line : log_.GetLines()) {
-        EXPECT_EQ(line.file, "ProcDetRootFullTask") << line.text;  // the task, whichever class logs
-    }
 }
 
 TEST_F(DetRootTaskTest, PoliciesParseAndInitBuildsTheWhiteList) {
@@ -231,7 +226,6 @@ TEST_F(DetRootTaskTest, PoliciesParseAndInitBuildsTheWhiteList) {
     EXPECT_EQ(feature->GetIgnoredProcesses(), ignored);
     auto* taskPolicy = dynamic_cast<ProcDetRootFullTaskPolicy*>(feature->FindChild("detroot_full_task"));
     ASSERT_NE(taskPolicy, nullptr);
-    EXPECT_EQ(taskPolicy->GetCondition().GetTaskCondition().repeatInterval, 1);
     // Disabled: success, nothing read, the earlier ignored set and task policy kept.
     ASSERT_TRUE(feature->Parse(R"({"enabled": false, "content": {"ignore_process_d": ["/x"]}})"));
     EXPECT_EQ(feature->GetIgnoredProcesses(), ignored);
@@ -334,7 +328,6 @@ TEST_F(DetRootTaskTest, SelfAndChildChecksAlarmTypesAndSkips) {
     // The pid now belongs to another process: nothing to compare.
     const ProcInfoPtr now = Copy(Proc(30, 10, "/opt/new", 3100), capSetuid);
     EXPECT_EQ(LastAlarm(task_->CheckSelfPrompt(now, shell, Proc(30, 10, "/opt/old", 3000))), 0);
-    EXPECT_TRUE(log_.Contains("/opt/new and /opt/old not the same process. pid: 30, timenew 3100,  3000"));
 
     TestSupport::TempDir white("detroot_white");
     const std::string whiteProgram = MakeFile(white, "helper", 0, 0, 04755);
@@ -379,7 +372,6 @@ TEST_F(DetRootTaskTest, SelfAndChildChecksAlarmTypesAndSkips) {
     const ProcInfoPtr bornRoot = ChildOf(Proc(70, 1, "/opt/daemon", 700), 71, "/opt/worker", 710);
     Fork(bornRoot);
     EXPECT_EQ(check(rootChild(bornRoot), bornRoot), 0);
-    EXPECT_TRUE(log_.Contains("parent proc [71] /opt/worker born in root privilege"));
     UidChange(bornRoot);
     EXPECT_EQ(check(rootChild(bornRoot), bornRoot), 3);
 
