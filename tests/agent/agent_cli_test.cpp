@@ -171,12 +171,25 @@ TEST(AgentCommandLine, CheckFindsWhatKeepsEachSinkFromDelivering) {
     ::close(relay);
 }
 
-TEST(AgentCommandLine, StartsThatWouldDetectNothingFailWithExitCode2) {
-    const std::string collectOnly = " --module " + AgentRunner::ModulePath("libprocess_collect_module.so");
-    for (const std::string& args :
-         {std::string("--config /nonexistent.json"), std::string("--policy-dir /nonexistent"), collectOnly}) {
-        EXPECT_EQ(RunAgent("--prefix " + AgentRunner::BuildDir() + " --log-level error " + args).status, 2)
-            << args;
+// A start that would detect nothing, or would run a library that is no module or that anyone
+// could have planted, stops with exit code 2 and names the cause. (A start with collect modules
+// only is the journal test below.)
+TEST(AgentCommandLine, StartsThatCannotRunSafelyFailWithExitCode2) {
+    const std::string modules = std::string(CORVANE_BUILD_DIR) + "/tests/modules/";
+    const TestSupport::TempDir open("open");
+    ASSERT_EQ(::chmod(open.path().c_str(), 0777), 0);
+    const std::string planted = open.path() + "/libagent_test_module.so";
+    ASSERT_EQ(::symlink((modules + "libagent_test_module.so").c_str(), planted.c_str()), 0);
+    for (const auto& [args, why] : std::vector<std::pair<std::string, std::string>>{
+             {"--config /nonexistent.json", "/nonexistent.json"},
+             {"--policy-dir /nonexistent", "/nonexistent"},
+             {"--module " + modules + "libagent_broken_module.so", "has no CreateModule function"},
+             {"--module " + modules + "libnowhere.so", "module " + modules + "libnowhere.so: "},
+             {"--module " + planted, open.path() + " is writable by everyone (mode 0777)"}}) {
+        const Outcome outcome =
+            RunAgent("--prefix " + AgentRunner::BuildDir() + " --log-level error " + args);
+        EXPECT_EQ(outcome.status, 2) << args;
+        EXPECT_NE(outcome.out.find(why), std::string::npos) << outcome.out;
     }
 }
 

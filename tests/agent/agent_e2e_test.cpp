@@ -1,4 +1,4 @@
-// The real agent binary with a test module: policies in, alerts out, reloads, stop, bad modules.
+// The real agent binary with a test module: policies in, alerts out, reloads, stop.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -7,7 +7,6 @@
 
 #include <fstream>
 #include <functional>
-#include <map>
 #include <set>
 #include <sstream>
 #include <string>
@@ -20,8 +19,7 @@
 
 namespace {
 
-const std::string kModules = std::string(CORVANE_BUILD_DIR) + "/tests/modules/";
-const std::string kGood = kModules + "libagent_test_module.so";
+const std::string kGood = std::string(CORVANE_BUILD_DIR) + "/tests/modules/libagent_test_module.so";
 const long kDeadlineMs = 30000;
 
 std::string Policy(const std::string& value, const std::string& sentLog, int burst = 200) {
@@ -35,10 +33,13 @@ bool ReadSent(const std::string& path, long& sent, long& refused) {
     return static_cast<bool>(in >> sent >> refused);
 }
 
-// Every "seq" must appear once, and together they must be 1..sent.
-void ExpectAllSeqsOnce(const std::vector<Json::Value>& alerts, long sent) {
+// Every line of `text` is an alert, and their "seq"s are 1..sent, each once.
+void ExpectAllSeqsOnce(const std::string& text, long sent) {
     std::set<long> seen;
-    for (const Json::Value& alert : alerts) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        Json::Value alert;
+        ASSERT_TRUE(Json::Reader().parse(line, alert)) << line;
         EXPECT_TRUE(seen.insert(alert["seq"].asInt64()).second) << "duplicate " << alert["seq"];
     }
     ASSERT_EQ(seen.size(), static_cast<size_t>(sent));
@@ -75,9 +76,6 @@ TEST(AgentEndToEnd, DeliversReloadsKeepsGoodPolicyOverBadTextAndLosesNothingOnSt
     TestSupport::AgentRunner agent("agent");
     const std::string sentLog = agent.prefix() + "/sent.txt";
     agent.WritePolicy("90001", "agent_test_feature", Policy("first", sentLog));
-    // jsoncpp throws on nesting this deep; the agent must refuse the file, not die.
-    const std::string deep = std::string(20000, '[') + std::string(20000, ']');
-    agent.WritePolicy("90002", "deep_feature", deep);
     ASSERT_TRUE(agent.Start({}, {kGood}));
     auto first = [](const Json::Value& alert) { return alert["test_value"].asString() == "first"; };
     ASSERT_TRUE(agent.WaitForAlert(first, kDeadlineMs)) << agent.ReadLog();
@@ -87,32 +85,15 @@ TEST(AgentEndToEnd, DeliversReloadsKeepsGoodPolicyOverBadTextAndLosesNothingOnSt
     agent.Reload();
     ASSERT_TRUE(WaitFor([&] { return CountValue(agent, "second") > 0; })) << agent.ReadLog();
 
-    const std::string policyPath = agent.PolicyDir() + "/90001/agent_test_feature.json";
-    ASSERT_TRUE(agent.WaitForLog(agent.PolicyDir() + "/90002/deep_feature.json: error: -: not valid JSON",
-                                 kDeadlineMs));
-    // Each unusable file is refused and the good policy stays in force. The FIFO must not
-    // hold the agent: it still stops on SIGTERM below.
-    const std::string fifo = "<fifo>";
-    const std::pair<std::string, std::string> badTexts[] = {
-        {"{\"enabled\": tru", policyPath + ": error: -: not valid JSON"},
-        {std::string(300, '[') + std::string(300, ']'),
-         policyPath + ": error: -: not valid JSON (Exceeded stackLimit"},
-        {fifo, "cannot read policy file " + policyPath + " (not a regular file but a FIFO)"},
-        {std::string(5 << 20, ' ') + "{}",
-         "cannot read policy file " + policyPath + " (larger than 4194304 bytes)"}};
-    for (const auto& [bad, complaint] : badTexts) {
-        if (bad == fifo) {
-            ::unlink(policyPath.c_str());
-            ASSERT_EQ(::mkfifo(policyPath.c_str(), 0600), 0);
-        } else {
-            agent.WritePolicy("90001", "agent_test_feature", bad);
-        }
-        agent.Reload();
-        ASSERT_TRUE(agent.WaitForLog(complaint, kDeadlineMs)) << agent.ReadLog();
-        const size_t before = CountValue(agent, "second");
-        ASSERT_TRUE(WaitFor([&] { return CountValue(agent, "second") > before; }))
-            << "the good policy stopped";
-    }
+    // A policy that is no JSON (nested deeper than jsoncpp takes without throwing) is refused, and
+    // the good one stays in force. (A FIFO in its place is the command-line test's: --check would hang.)
+    agent.WritePolicy("90001", "agent_test_feature", std::string(300, '[') + std::string(300, ']'));
+    agent.Reload();
+    ASSERT_TRUE(agent.WaitForLog(
+        agent.PolicyDir() + "/90001/agent_test_feature.json: error: -: not valid JSON", kDeadlineMs))
+        << agent.ReadLog();
+    const size_t before = CountValue(agent, "second");
+    ASSERT_TRUE(WaitFor([&] { return CountValue(agent, "second") > before; })) << "the good policy stopped";
 
     // A removed file disables the feature: once the removal is delivered the task is gone,
     // and its count file final.
@@ -127,10 +108,9 @@ TEST(AgentEndToEnd, DeliversReloadsKeepsGoodPolicyOverBadTextAndLosesNothingOnSt
     long refused = -1;
     ASSERT_TRUE(ReadSent(sentLog, sent, refused));
     EXPECT_EQ(refused, 0);
-    ExpectAllSeqsOnce(agent.ReadAlerts(), sent);
+    ExpectAllSeqsOnce(TestSupport::ReadText(agent.AlertsPath()), sent);
 
     // A file refused unread (a 5 MiB one) fails a --once run too.
-    agent.RemovePolicy("90002", "deep_feature");
     agent.WritePolicy("90001", "agent_test_feature", std::string(5 << 20, ' ') + "{}");
     ASSERT_TRUE(agent.Start({"--once"}, {kGood}));
     ASSERT_TRUE(agent.WaitForLog("--once: every plug-in task has checked once", kDeadlineMs))
@@ -168,38 +148,5 @@ TEST(AgentEndToEnd, StopWritesEveryAlertQueuedBehindAStalledSink) {
     ASSERT_EQ(status, 0) << agent.ReadLog();
 
     ASSERT_TRUE(ReadSent(sentLog, sent, refused));
-    std::vector<Json::Value> alerts;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        Json::Value alert;
-        ASSERT_TRUE(Json::Reader().parse(line, alert)) << line;
-        alerts.push_back(alert);
-    }
-    ExpectAllSeqsOnce(alerts, sent);
-}
-
-TEST(AgentEndToEnd, ModulesThatCannotBeLoadedStopTheAgentWithExitCode2) {
-    // Each with what the log must say beyond naming it.
-    for (const auto& [name, why] :
-         std::map<std::string, std::string>{{"libagent_broken_module.so", "CreateModule"},
-                                            {"libnowhere.so", ""},
-                                            {"open", "/open is writable by everyone (mode 0777)"}}) {
-        TestSupport::AgentRunner agent("agent-bad");
-        std::string module = kModules + name;
-        if (name == "open") {
-            // A module directory anyone may write to: whoever can plant a library runs code as root.
-            const std::string dir = agent.prefix() + "/open";
-            module = dir + "/libagent_test_module.so";
-            ASSERT_EQ(mkdir(dir.c_str(), 0777), 0);
-            ASSERT_EQ(chmod(dir.c_str(), 0777), 0);
-            ASSERT_EQ(symlink(kGood.c_str(), module.c_str()), 0);
-        }
-        ASSERT_TRUE(agent.Start({}, {module}));
-        // The agent exits by itself; Stop only collects the exit status.
-        ASSERT_TRUE(agent.WaitForLog("corvane-agent stopped", kDeadlineMs)) << agent.ReadLog();
-        EXPECT_EQ(agent.Stop(kDeadlineMs), 2) << module;
-        const std::string log = agent.ReadLog();
-        EXPECT_NE(log.find("module " + module), std::string::npos) << log;
-        EXPECT_NE(log.find(why), std::string::npos) << log;
-    }
+    ExpectAllSeqsOnce(text, sent);
 }
