@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -117,13 +118,6 @@ bool AgentRunner::Start(const std::vector<std::string>& extraArgs, const std::ve
     return pid_ > 0;
 }
 
-bool AgentRunner::IsRunning() {
-    if (pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == pid_) {
-        pid_ = -1;
-    }
-    return pid_ > 0;
-}
-
 void AgentRunner::Reload() {
     if (pid_ > 0) {
         kill(pid_, SIGHUP);
@@ -183,19 +177,11 @@ std::vector<Json::Value> AgentRunner::ReadAlerts() const {
     return alerts;
 }
 
-bool AgentRunner::WaitForAlert(const std::function<bool(const Json::Value&)>& match, long timeoutMs,
-                               Json::Value* found) const {
-    Json::Value ignored;
-    Json::Value& first = found != nullptr ? *found : ignored;
+bool AgentRunner::WaitForAlert(const std::function<bool(const Json::Value&)>& match, long timeoutMs) const {
     return WaitFor(
         [&] {
-            for (const Json::Value& alert : ReadAlerts()) {
-                if (match(alert)) {
-                    first = alert;
-                    return true;
-                }
-            }
-            return false;
+            const std::vector<Json::Value> alerts = ReadAlerts();
+            return std::any_of(alerts.begin(), alerts.end(), match);
         },
         timeoutMs);
 }
