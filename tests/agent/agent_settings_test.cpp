@@ -83,14 +83,13 @@ TEST(AgentSettingsParser, SinksAreCheckedEntryByEntryAndEachBadOneIsNamed) {
 }
 
 TEST(AgentSettingsParser, UnusableFilesLeaveEverythingAtDefaults) {
-    for (const std::string& text : {std::string("{\"cpu_share\": 20"), std::string("[1, 2]"), std::string(),
-                                    std::string("{\"cpu_share\": 20} {}"),
-                                    "{\"log\": " + std::string(20000, '[') + std::string(20000, ']') + "}"}) {
+    // Broken JSON of every kind is the parser's (JsonUtils tests); here: not JSON, and not an object.
+    for (const std::string text : {"{\"cpu_share\": 20", "[1, 2]"}) {
         Agent::AgentSettings settings;
         const std::vector<ConfigProblem> problems = Agent::AgentSettingsParser::Parse(text, settings);
         ASSERT_EQ(problems.size(), 1u) << text;
-        EXPECT_TRUE(Mentions(problems, "using the default settings", true)) << text.substr(0, 40);
-        EXPECT_EQ(settings.cpuShare, 10) << text.substr(0, 40);
+        EXPECT_TRUE(Mentions(problems, "using the default settings", true)) << text;
+        EXPECT_EQ(settings.cpuShare, 10) << text;
     }
     Agent::AgentSettings settings;
     // Without the file the agent runs on its defaults: not a reason to refuse a start.
