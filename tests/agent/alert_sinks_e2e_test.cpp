@@ -64,11 +64,9 @@ std::vector<Json::Value> Alerts(const std::string& text) {
     std::vector<Json::Value> alerts;
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
-        Json::Value parsed;
-        Json::Value list(Json::arrayValue);
-        if (Json::Reader().parse(line, parsed)) {
-            list = parsed.isArray() ? parsed : Json::Value(Json::arrayValue);
-            list.append(parsed.isArray() ? Json::Value() : parsed);  // a null is skipped below
+        Json::Value list;
+        if (!Json::Reader().parse(line.rfind('[', 0) == 0 ? line : "[" + line + "]", list)) {
+            continue;  // a cut record is no alert
         }
         for (const Json::Value& alert : list) {
             if (alert.isObject()) {

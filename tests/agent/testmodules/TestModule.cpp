@@ -37,21 +37,18 @@ public:
 
     int Init() override {
         if (const auto* policy = dynamic_cast<const TestFeaturePolicy*>(GetFeaturePolicy())) {
-            value_ = SDK::JsonUtils::GetStringValue(policy->root, "value", "");
-            burst_ = SDK::JsonUtils::GetIntValue(policy->root, "burst", 1);
-            sentLog_ = SDK::JsonUtils::GetStringValue(policy->root, "sent_log", "");
-            hang_ = SDK::JsonUtils::GetBoolValue(policy->root, "hang", false);
+            policy_ = policy->root;
         }
         return Framework::Task::Init();
     }
 
     int Run() override {
-        while (hang_ && !IsStopRequested()) {
+        while (SDK::JsonUtils::GetBoolValue(policy_, "hang", false) && !IsStopRequested()) {
             std::this_thread::sleep_for(std::chrono::milliseconds(50));  // not Task::sleep: no progress stamp
         }
-        for (int index = 0; index < burst_; ++index) {
+        for (int index = 0; index < SDK::JsonUtils::GetIntValue(policy_, "burst", 1); ++index) {
             Json::Value body;
-            body["test_value"] = value_;
+            body["test_value"] = SDK::JsonUtils::GetStringValue(policy_, "value", "");
             body["seq"] = static_cast<Json::Int64>(sent_ + refused_ + 1);
             const bool taken =
                 SendDirectMsg("data_comm_report_task",
@@ -71,17 +68,15 @@ private:
     ~TestReportTask() override = default;
 
     void WriteSentLog() const {
-        if (!sentLog_.empty()) {
+        const std::string log = SDK::JsonUtils::GetStringValue(policy_, "sent_log", "");
+        if (!log.empty()) {
             // Written beside and renamed, so that a reader never sees half a line.
-            std::ofstream(sentLog_ + ".tmp", std::ios::trunc) << sent_ << " " << refused_ << "\n";
-            std::rename((sentLog_ + ".tmp").c_str(), sentLog_.c_str());
+            std::ofstream(log + ".tmp", std::ios::trunc) << sent_ << " " << refused_ << "\n";
+            std::rename((log + ".tmp").c_str(), log.c_str());
         }
     }
 
-    std::string value_;
-    int burst_ = 1;        // reports per run
-    std::string sentLog_;  // where the task records how many reports it sent
-    bool hang_ = false;    // Run blocks, making no progress, until the task is stopped
+    Json::Value policy_;  // "hang": Run blocks, making no progress, until the task is stopped
     long sent_ = 0;
     long refused_ = 0;
 };
