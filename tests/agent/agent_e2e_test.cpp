@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <functional>
 #include <set>
 #include <sstream>
 #include <string>
@@ -18,6 +17,8 @@
 #include "support/WaitFor.h"
 
 namespace {
+
+using TestSupport::WaitFor;  // its default deadline, 30 s
 
 const std::string kGood = std::string(CORVANE_BUILD_DIR) + "/tests/modules/libagent_test_module.so";
 const long kDeadlineMs = 30000;
@@ -64,10 +65,6 @@ std::string MappedSinkLibraries(pid_t pid) {
         names += maps.find(name) != std::string::npos ? std::string(name) + " " : "";
     }
     return names;
-}
-
-bool WaitFor(const std::function<bool()>& done) {
-    return TestSupport::WaitFor(done, kDeadlineMs);
 }
 
 }  // namespace
