@@ -1,10 +1,12 @@
-// The real agent binary with a test module: policies in, alerts out, reloads, stop.
+// The real agent binary with a test module: policies in, alerts out, reloads, stop; and with the
+// detection module in a pid namespace of its own.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -14,6 +16,7 @@
 
 #include "support/AgentRunner.h"
 #include "support/FileText.h"
+#include "support/TempDir.h"
 #include "support/WaitFor.h"
 
 namespace {
@@ -146,4 +149,47 @@ TEST(AgentEndToEnd, StopWritesEveryAlertQueuedBehindAStalledSink) {
 
     ASSERT_TRUE(ReadSent(sentLog, sent, refused));
     ExpectAllSeqsOnce(text, sent);
+}
+
+// An agent in a pid namespace of its own, as in a container, reads a /proc whose
+// pids the kernel's process connector does not name. A process started there after
+// the agent's first cycle must still be reported within a few cycles, not at the
+// next full rescan ten minutes later.
+TEST(ContainerE2E, AgentInItsOwnPidNamespaceReportsAProcessStartedAfterIt) {
+    ASSERT_EQ(geteuid(), 0u) << "needs root";
+    const long deadlineMs = 60000;  // a few detection cycles
+    const TestSupport::TempDir dir("container");
+    chmod(dir.path().c_str(), 0755);
+    const std::string program = dir.path() + "/svc-sleep";
+    std::filesystem::copy_file("/bin/sleep", program);
+    const std::string go = dir.path() + "/go";
+
+    TestSupport::AgentRunner agent("container");
+    agent.WritePolicy("10001", "proc_detaction_feature",
+                      R"({"enabled": true, "content": {"detaction_full_task": {"task_condition":
+                          {"start_time": 0, "repeat_interval": 2}, "report_score": 1, "score": {"tmp": 1}}}})");
+    // The agent becomes the namespace's first process; the program starts beside it
+    // once the test says so.
+    agent.SetLauncher(
+        {"unshare", "--pid", "--fork", "--mount-proc", "--kill-child=SIGTERM", "sh", "-c",
+         "(while [ ! -e " + go + " ]; do sleep 0.1; done; exec " + program + " 600) & exec \"$@\"", "sh"});
+    ASSERT_TRUE(agent.Start());
+    ASSERT_TRUE(
+        agent.WaitForLog("of its own, and the kernel process connector reports the host's pids", deadlineMs))
+        << agent.ReadLog();
+    ASSERT_TRUE(agent.WaitForLog("ProcDetActionFullTask run", deadlineMs)) << agent.ReadLog();
+    std::ofstream(go) << "go\n";
+
+    const bool reported = agent.WaitForAlert(
+        [&](const Json::Value& alert) {
+            for (const Json::Value& entry : alert["process_info"]) {
+                if (entry["process_path"].asString() == program) {
+                    return true;
+                }
+            }
+            return false;
+        },
+        deadlineMs);
+    EXPECT_TRUE(reported) << agent.ReadLog();
+    agent.Stop(2000);
 }
