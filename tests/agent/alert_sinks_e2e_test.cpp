@@ -242,8 +242,7 @@ TEST(AlertSinksEndToEnd, EveryAlertSpooledBeforeSigkillReachesEverySinkAfterRest
 TEST(AlertSinksEndToEnd, AFullSpoolDiskDropsCountedAlertsAndDeliveryResumesWhenSpaceReturns) {
     AgentRunner agent("fullspool");
     const std::string spool = agent.prefix() + "/var/spool";
-    ::mkdir((agent.prefix() + "/var").c_str(), 0700);
-    ::mkdir(spool.c_str(), 0700);
+    std::filesystem::create_directories(spool);
     if (::mount("tmpfs", spool.c_str(), "tmpfs", 0, "size=256k,mode=0700") != 0) {
         GTEST_SKIP() << "cannot mount a tmpfs (needs root): " << std::strerror(errno);
     }

@@ -1,6 +1,5 @@
 #include "support/AgentRunner.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -12,7 +11,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <sstream>
 #include <stdexcept>
 
@@ -130,13 +128,10 @@ namespace {
 // than dying of it: a stop sent right after the start must wait for that. Any
 // thread counts, since one waiting in sigwait shows the signal unblocked.
 bool HandlesStopSignal(pid_t pid) {
-    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
-    std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(tasks.c_str()), closedir);
-    if (!dir) {
-        return true;  // gone already: waitpid tells the rest
-    }
-    while (const dirent* entry = readdir(dir.get())) {
-        const std::string status = ReadText(tasks + "/" + entry->d_name + "/status");
+    std::error_code gone;  // then waitpid tells the rest
+    for (std::filesystem::directory_iterator task("/proc/" + std::to_string(pid) + "/task", gone), end;
+         task != end; task.increment(gone)) {
+        const std::string status = ReadText(task->path() / "status");
         const size_t at = status.find("SigBlk:");
         if (at != std::string::npos &&
             (status.find("State:\tZ") != std::string::npos ||
@@ -144,7 +139,7 @@ bool HandlesStopSignal(pid_t pid) {
             return true;
         }
     }
-    return false;
+    return static_cast<bool>(gone);
 }
 
 }  // namespace
