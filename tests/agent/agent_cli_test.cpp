@@ -9,6 +9,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -48,6 +49,7 @@ TEST(AgentCommandLine, CheckMarksRefusalsAsErrorsAndTheRestAsWarnings) {
     const std::string fifo = "<fifo>";
     const std::string detroot = "p/10001/proc_detroot_feature.json";
     const std::string detaction = "p/10001/proc_detaction_feature.json";
+    const std::string task = "content.detaction_full_task.";
     const struct {
         std::string file;
         std::string text;
@@ -61,29 +63,25 @@ TEST(AgentCommandLine, CheckMarksRefusalsAsErrorsAndTheRestAsWarnings) {
         {"agent.json", R"({"cpu_share": )", "error", "-: not valid JSON"},
         {detroot, R"({"enabled": false,})", "warning", "-: not strict JSON"},
         {detaction, Detaction(R"("report_scor": 3)"), "warning",
-         "content.detaction_full_task.report_scor: unknown key; the module ignores it"},
+         task + "report_scor: unknown key; the module ignores it"},
         {detaction, Detaction(R"("report_score": "three")"), "warning",
-         "content.detaction_full_task.report_score: must be an integer, not a string; the module uses its "
-         "default 3"},
+         task + "report_score: must be an integer, not a string; the module uses its default 3"},
         {detaction, Detaction(R"("report_score": 0, "check_str_max_size_m": 2048)"), "warning",
-         "content.detaction_full_task.report_score: 0 is below 1; every process with any finding"},
+         task + "report_score: 0 is below 1; every process with any finding"},
         {detroot,
          R"({"enabled": true, "content": {"detroot_full_task": {"task_condition": {"repeat_interval": 0}}}})",
          "warning",
          "content.detroot_full_task.task_condition.repeat_interval: 0 is out of range (1..2147483647); the "
          "module refuses the schedule"},
         {detaction, Detaction(R"("illegal_ip_list": ["127.0.0.2", "nonsense", "255.255.255.255"])"),
-         "warning",
-         "content.detaction_full_task.illegal_ip_list[1]: \"nonsense\" is not an IPv4 address; the module "
-         "skips it"},
+         "warning", task + "illegal_ip_list[1]: \"nonsense\" is not an IPv4 address; the module skips it"},
         {detaction, Detaction(R"("full_report_hour": 3)"), "warning",
-         "content.detaction_full_task.full_report_hour: accepted; has no effect"},
+         task + "full_report_hour: accepted; has no effect"},
         {detroot, R"({"enabled": true, "content": {"detroot_full_task": {}}})", "warning",
          "content.detroot_full_task.task_condition: missing; the task keeps its schedule"},
         {"p/10001/proc_detection_feature.json", "{}", "warning",
          "-: policy id 10001 has no feature \"proc_detection_feature\""},
         {"p/10002/x.json", "{}", "warning", "-: no module here describes policy id 10002"},
-        {"agent.json", R"({"log": {"levl": "debug"}})", "warning", "log.levl: unknown key; ignored"},
     };
     for (const auto& entry : cases) {
         const TestSupport::TempDir dir("check");
@@ -104,15 +102,12 @@ TEST(AgentCommandLine, CheckMarksRefusalsAsErrorsAndTheRestAsWarnings) {
         EXPECT_EQ(RunAgent(args + " --strict").status, 1) << entry.finding;
     }
 
-    // What the package installs starts under ExecStartPre, --strict or not.
-    const Outcome clean = RunAgent("--check --strict --prefix " + AgentRunner::BuildDir());
-    EXPECT_EQ(clean.status, 0) << clean.out;
-    // So do the behaviour policies an operator may copy over the shipped one.
-    for (const std::string variant : {"strict", "quiet"}) {
-        const Outcome checked =
-            RunAgent("--check --strict --prefix " + AgentRunner::BuildDir() + " --policy-dir " +
-                     AgentRunner::BuildDir() + "/conf/policies-variants/" + variant);
-        EXPECT_EQ(checked.status, 0) << variant << "\n" << checked.out;
+    // What the package installs starts under ExecStartPre, --strict or not, and so do the
+    // behaviour policies an operator may copy over the shipped one.
+    for (const std::string policies : {"policies", "policies-variants/strict", "policies-variants/quiet"}) {
+        const Outcome checked = RunAgent("--check --strict --prefix " + AgentRunner::BuildDir() +
+                                         " --policy-dir " + AgentRunner::BuildDir() + "/conf/" + policies);
+        EXPECT_EQ(checked.status, 0) << policies << "\n" << checked.out;
     }
     EXPECT_NE(RunAgent("--version").out.find("corvane-agent " CORVANE_TEST_VERSION " (revision "),
               std::string::npos);
@@ -171,33 +166,41 @@ TEST(AgentCommandLine, CheckFindsWhatKeepsEachSinkFromDelivering) {
     ::close(relay);
 }
 
-TEST(AgentCommandLine, StartsThatWouldDetectNothingFailWithExitCode2) {
-    const std::string collectOnly = " --module " + AgentRunner::ModulePath("libprocess_collect_module.so");
-    for (const std::string& args :
-         {std::string("--config /nonexistent.json"), std::string("--policy-dir /nonexistent"), collectOnly}) {
-        EXPECT_EQ(RunAgent("--prefix " + AgentRunner::BuildDir() + " --log-level error " + args).status, 2)
-            << args;
-    }
-}
-
-TEST(AgentCommandLine, LinesToTheJournalCarryTheirSyslogPriority) {
-    const TestSupport::TempDir dir("journal");
-    const std::string config = dir.Write("agent.json", R"({"log": {"target": "stderr"}})");
+// A start that would detect nothing, or would run a library that is no module or that anyone
+// could have planted, stops with exit code 2 and names the cause. Every line carries its syslog
+// priority, as stderr is the journal: systemd names that stream in JOURNAL_STREAM.
+TEST(AgentCommandLine, StartsThatCannotRunSafelyFailWithExitCode2) {
+    const std::string modules = std::string(CORVANE_BUILD_DIR) + "/tests/modules/";
+    const TestSupport::TempDir dir("starts");
+    dir.Write("conf/agent.json", R"({"log": {"target": "stderr"}})");
+    dir.Write("conf/policies/.keep", "");
     const std::string err = dir.Write("stderr", "");
+    const std::string open = dir.path() + "/open";
+    ASSERT_EQ(::mkdir(open.c_str(), 0777), 0);
+    ASSERT_EQ(::chmod(open.c_str(), 0777), 0);
+    ASSERT_EQ(
+        ::symlink((modules + "libagent_test_module.so").c_str(), (open + "/libagent_test_module.so").c_str()),
+        0);
     struct stat info {};
     ASSERT_EQ(::stat(err.c_str(), &info), 0);
-    // Stands in for systemd, which names the stream it connected to stderr.
-    const std::string stream = std::to_string(info.st_dev) + ":" + std::to_string(info.st_ino);
-    FILE* pipe =
-        ::popen(("JOURNAL_STREAM=" + stream + " " + AgentRunner::AgentBinary() + " --prefix " + dir.path() +
-                 " --policy-dir " + AgentRunner::BuildDir() + "/conf/policies --config " + config +
-                 " --module " + AgentRunner::ModulePath("libnet_collect_module.so") + " 2>>" + err)
-                    .c_str(),
-                "r");
-    ASSERT_NE(pipe, nullptr);
-    EXPECT_EQ(WEXITSTATUS(::pclose(pipe)), 2);
-    const std::string text = TestSupport::ReadText(err);
-    EXPECT_NE(text.find("<3>agent: no plug-in module loaded"), std::string::npos) << text;
+    const std::string run = "JOURNAL_STREAM=" + std::to_string(info.st_dev) + ":" +
+                            std::to_string(info.st_ino) + " timeout 120 " + AgentRunner::AgentBinary() +
+                            " --prefix " + dir.path() + " ";
+    std::string text;
+    for (const auto& [args, why] : std::vector<std::pair<std::string, std::string>>{
+             {"--config /nonexistent.json", "/nonexistent.json"},
+             {"--policy-dir /nonexistent", "/nonexistent"},
+             {"--module " + modules + "libagent_broken_module.so", "has no CreateModule function"},
+             {"--module " + modules + "libnowhere.so", "module " + modules + "libnowhere.so: "},
+             {"--module " + open + "/libagent_test_module.so", open + " is writable by everyone (mode 0777)"},
+             {"--module " + AgentRunner::ModulePath("libnet_collect_module.so"),
+              "<3>agent: no plug-in module loaded"}}) {
+        std::ofstream(err, std::ios::trunc);
+        const int status = std::system((run + args + " 2>>" + err).c_str());
+        text = TestSupport::ReadText(err);
+        EXPECT_EQ(WEXITSTATUS(status), 2) << args << "\n" << text;
+        EXPECT_NE(text.find(why), std::string::npos) << text;
+    }
     EXPECT_NE(text.find("<5>agent: corvane-agent "), std::string::npos) << text;  // start and stop: notice
     EXPECT_NE(text.find("<6>agent: task "), std::string::npos) << text;
 }

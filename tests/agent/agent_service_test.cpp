@@ -55,13 +55,6 @@ std::map<std::string, double> Scrape(int port) {
     return series;
 }
 
-int MetricsPort(const AgentRunner& agent) {
-    std::smatch port;
-    const std::string log = agent.ReadLog();
-    return std::regex_search(log, port, std::regex("metrics served on port ([0-9]+)")) ? std::stoi(port[1])
-                                                                                       : 0;
-}
-
 TEST(AgentService, MetricsAreServedAndMoveAsTheAgentWorks) {
     AgentRunner agent("metrics");
     agent.WriteConfig(R"({"metrics": {"listen": "127.0.0.1:0"}})");
@@ -69,9 +62,10 @@ TEST(AgentService, MetricsAreServedAndMoveAsTheAgentWorks) {
                       R"({"enabled": true, "content": {"detaction_full_task": {
         "task_condition": {"repeat_interval": 1}, "score": {"tmp": 1}}}})");
     ASSERT_TRUE(agent.Start());
-    ASSERT_TRUE(agent.WaitForLog("metrics served on port", kDeadlineMs)) << agent.ReadLog();
-    const int port = MetricsPort(agent);
-    ASSERT_GT(port, 0);
+    const std::string served = "metrics served on port ";
+    ASSERT_TRUE(agent.WaitForLog(served, kDeadlineMs)) << agent.ReadLog();
+    const std::string log = agent.ReadLog();
+    const int port = std::atoi(log.c_str() + log.find(served) + served.size());
 
     const std::string cycles = R"(corvane_task_runs_total{task="detaction_full_task"})";
     std::map<std::string, double> first;
@@ -113,53 +107,40 @@ TEST(AgentService, MetricsAreServedAndMoveAsTheAgentWorks) {
     EXPECT_EQ(after["corvane_policy_refreshes_total"], 2);
 }
 
-// A datagram socket standing in for systemd's NOTIFY_SOCKET.
-class NotifySocket {
-public:
-    NotifySocket() : path_(dir_.path() + "/notify") {
-        fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path_.copy(address.sun_path, sizeof(address.sun_path) - 1);
-        EXPECT_EQ(::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-    }
-    ~NotifySocket() { ::close(fd_); }
-    const std::string& path() const { return path_; }
-
+TEST(AgentService, WatchdogHeartbeatStopsWhenATaskHangs) {
+    const std::string module = std::string(CORVANE_BUILD_DIR) + "/tests/modules/libagent_test_module.so";
+    // A datagram socket standing in for systemd's NOTIFY_SOCKET.
+    const TestSupport::TempDir dir("notify");
+    const std::string path = dir.path() + "/notify";
+    const int notify = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    ASSERT_EQ(::bind(notify, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
     // Every datagram that arrives within `ms`, joined by newlines.
-    std::string Read(long ms) {
+    const auto read = [notify](long ms) {
         std::string all;
-        pollfd ready{fd_, POLLIN, 0};
+        pollfd ready{notify, POLLIN, 0};
         const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
         while (std::chrono::steady_clock::now() < end) {
             if (::poll(&ready, 1, 100) == 1) {
                 char buffer[4096];
-                const ssize_t got = ::recv(fd_, buffer, sizeof(buffer), 0);
+                const ssize_t got = ::recv(notify, buffer, sizeof(buffer), 0);
                 all.append(buffer, got > 0 ? static_cast<size_t>(got) : 0).push_back('\n');
             }
         }
         return all;
-    }
-
-private:
-    TestSupport::TempDir dir_{"notify"};
-    std::string path_;
-    int fd_ = -1;
-};
-
-TEST(AgentService, WatchdogHeartbeatStopsWhenATaskHangs) {
-    const std::string module = std::string(CORVANE_BUILD_DIR) + "/tests/modules/libagent_test_module.so";
-    NotifySocket notify;
+    };
     AgentRunner agent("watchdog");
     agent.WritePolicy("90001", "agent_test_feature", R"({"enabled": true, "value": "w", "burst": 1})");
-    ::setenv("NOTIFY_SOCKET", notify.path().c_str(), 1);
+    ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
     ::setenv("WATCHDOG_USEC", "1000000", 1);
     const bool started = agent.Start({}, {module});
     ::unsetenv("NOTIFY_SOCKET");
     ::unsetenv("WATCHDOG_USEC");
     ASSERT_TRUE(started);
 
-    const std::string healthy = notify.Read(4000);
+    const std::string healthy = read(4000);
     EXPECT_NE(healthy.find("READY=1"), std::string::npos) << healthy;
     EXPECT_NE(healthy.find("STATUS="), std::string::npos) << healthy;
     EXPECT_GE(TestSupport::CountOf(healthy, "WATCHDOG=1"), 3u) << healthy;
@@ -169,15 +150,16 @@ TEST(AgentService, WatchdogHeartbeatStopsWhenATaskHangs) {
     // Drained while waiting: a full socket would block the agent's notifications.
     ASSERT_TRUE(TestSupport::WaitFor(
         [&] {
-            notify.Read(200);
+            read(200);
             return agent.ReadLog().find("watchdog: task agent_test_task has made no progress") !=
                    std::string::npos;
         },
         kDeadlineMs))
         << agent.ReadLog();
-    notify.Read(600);  // a heartbeat already in flight
-    EXPECT_EQ(TestSupport::CountOf(notify.Read(3000), "WATCHDOG=1"), 0u);
+    read(600);  // a heartbeat already in flight
+    EXPECT_EQ(TestSupport::CountOf(read(3000), "WATCHDOG=1"), 0u);
     EXPECT_EQ(agent.Stop(kDeadlineMs), 0);
+    ::close(notify);
 }
 
 }  // namespace

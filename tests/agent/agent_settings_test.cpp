@@ -83,19 +83,15 @@ TEST(AgentSettingsParser, SinksAreCheckedEntryByEntryAndEachBadOneIsNamed) {
 }
 
 TEST(AgentSettingsParser, UnusableFilesLeaveEverythingAtDefaults) {
-    for (const std::string& text : {std::string("{\"cpu_share\": 20"), std::string("[1, 2]"), std::string(),
-                                    std::string("{\"cpu_share\": 20} {}"),
-                                    "{\"log\": " + std::string(20000, '[') + std::string(20000, ']') + "}"}) {
-        Agent::AgentSettings settings;
-        const std::vector<ConfigProblem> problems = Agent::AgentSettingsParser::Parse(text, settings);
-        ASSERT_EQ(problems.size(), 1u) << text;
-        EXPECT_TRUE(Mentions(problems, "using the default settings", true)) << text.substr(0, 40);
-        EXPECT_EQ(settings.cpuShare, 10) << text.substr(0, 40);
-    }
+    // Broken JSON of every kind is the parser's (JsonUtils tests); a top level that is no object
+    // goes the same way (the command-line test's "[]" policy).
     Agent::AgentSettings settings;
+    std::vector<ConfigProblem> problems = Agent::AgentSettingsParser::Parse("{\"cpu_share\": 20", settings);
+    ASSERT_EQ(problems.size(), 1u);
+    EXPECT_TRUE(Mentions(problems, "using the default settings", true));
+    EXPECT_EQ(settings.cpuShare, 10);
     // Without the file the agent runs on its defaults: not a reason to refuse a start.
-    const std::vector<ConfigProblem> problems =
-        Agent::AgentSettings::LoadFile("/nonexistent/agent.json", settings);
+    problems = Agent::AgentSettings::LoadFile("/nonexistent/agent.json", settings);
     ASSERT_EQ(problems.size(), 1u);
     EXPECT_TRUE(Mentions(problems, "-: does not exist; using the default settings"));
 }

@@ -1,6 +1,5 @@
 #include "support/AgentRunner.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -8,10 +7,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <sstream>
 #include <stdexcept>
 
@@ -117,13 +116,6 @@ bool AgentRunner::Start(const std::vector<std::string>& extraArgs, const std::ve
     return pid_ > 0;
 }
 
-bool AgentRunner::IsRunning() {
-    if (pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == pid_) {
-        pid_ = -1;
-    }
-    return pid_ > 0;
-}
-
 void AgentRunner::Reload() {
     if (pid_ > 0) {
         kill(pid_, SIGHUP);
@@ -136,13 +128,10 @@ namespace {
 // than dying of it: a stop sent right after the start must wait for that. Any
 // thread counts, since one waiting in sigwait shows the signal unblocked.
 bool HandlesStopSignal(pid_t pid) {
-    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
-    std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(tasks.c_str()), closedir);
-    if (!dir) {
-        return true;  // gone already: waitpid tells the rest
-    }
-    while (const dirent* entry = readdir(dir.get())) {
-        const std::string status = ReadText(tasks + "/" + entry->d_name + "/status");
+    std::error_code gone;  // then waitpid tells the rest
+    for (std::filesystem::directory_iterator task("/proc/" + std::to_string(pid) + "/task", gone), end;
+         task != end; task.increment(gone)) {
+        const std::string status = ReadText(task->path() / "status");
         const size_t at = status.find("SigBlk:");
         if (at != std::string::npos &&
             (status.find("State:\tZ") != std::string::npos ||
@@ -150,7 +139,7 @@ bool HandlesStopSignal(pid_t pid) {
             return true;
         }
     }
-    return false;
+    return static_cast<bool>(gone);
 }
 
 }  // namespace
@@ -183,19 +172,11 @@ std::vector<Json::Value> AgentRunner::ReadAlerts() const {
     return alerts;
 }
 
-bool AgentRunner::WaitForAlert(const std::function<bool(const Json::Value&)>& match, long timeoutMs,
-                               Json::Value* found) const {
-    Json::Value ignored;
-    Json::Value& first = found != nullptr ? *found : ignored;
+bool AgentRunner::WaitForAlert(const std::function<bool(const Json::Value&)>& match, long timeoutMs) const {
     return WaitFor(
         [&] {
-            for (const Json::Value& alert : ReadAlerts()) {
-                if (match(alert)) {
-                    first = alert;
-                    return true;
-                }
-            }
-            return false;
+            const std::vector<Json::Value> alerts = ReadAlerts();
+            return std::any_of(alerts.begin(), alerts.end(), match);
         },
         timeoutMs);
 }

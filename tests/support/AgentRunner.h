@@ -38,7 +38,6 @@ public:
     // Starts the agent; `modules` empty means the collect modules and the detection
     // module of the build. Returns false when it could not be started.
     bool Start(const std::vector<std::string>& extraArgs = {}, const std::vector<std::string>& modules = {});
-    bool IsRunning();
     pid_t pid() const { return pid_; }
     void Reload();  // SIGHUP
     // SIGTERM and wait (up to `timeoutMs`, then SIGKILL); returns the exit status or -1.
@@ -46,9 +45,8 @@ public:
 
     // Every alert line so far, parsed (unparsable lines are skipped).
     std::vector<Json::Value> ReadAlerts() const;
-    // Waits until some alert satisfies `match`; the first match goes to `found`.
-    bool WaitForAlert(const std::function<bool(const Json::Value&)>& match, long timeoutMs,
-                      Json::Value* found = nullptr) const;
+    // Waits until some alert satisfies `match`.
+    bool WaitForAlert(const std::function<bool(const Json::Value&)>& match, long timeoutMs) const;
     // One process of a detection alert: the alert and its "process_info" entry.
     struct Finding {
         Json::Value alert;

@@ -78,19 +78,17 @@ public:
         }
     }
 
-    // Waits for the child to exit by itself; returns its wait status (-1 when there is none).
-    int Wait() {
+    // Waits for the child to exit by itself.
+    void Wait() {
         if (pid_ > 0) {
-            waitpid(pid_, &exitStatus_, 0);
+            waitpid(pid_, nullptr, 0);
             pid_ = -1;
         }
-        return exitStatus_;
     }
 
 private:
     pid_t pid_ = -1;
     bool notified_ = false;
-    int exitStatus_ = -1;
 };
 
 // The pid of a process that has exited and been reaped.

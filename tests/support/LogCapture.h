@@ -6,6 +6,7 @@
 #include <Poco/Message.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -13,6 +14,19 @@
 #include "sdk/LoggerUtils.h"
 
 namespace TestSupport {
+
+// Sets up the host's logging, unless done already: stderr, at $CORVANE_TEST_LOG_LEVEL (default "error").
+inline bool SetUpTestLogging() {
+    SDK::LoggerUtils* logging = SDK::LoggerUtils::GetInstance();
+    if (!logging->IsSetUp()) {
+        SDK::LogSettings settings;
+        settings.target = "stderr";
+        const char* level = std::getenv("CORVANE_TEST_LOG_LEVEL");
+        settings.level = level != nullptr ? level : "error";
+        logging->Setup(settings);
+    }
+    return true;
+}
 
 // Captures the lines of one logger (e.g. "proc_det_module") in memory at the
 // given level for the life of the object; restores the logger afterwards.
@@ -25,15 +39,9 @@ public:
 
     explicit LogCapture(const std::string& loggerName, int level = Poco::Message::PRIO_DEBUG)
         : logger_(Poco::Logger::get(loggerName)), channel_(new Channel) {
-        SDK::LoggerUtils* logging = SDK::LoggerUtils::GetInstance();
-        if (!logging->IsSetUp()) {
-            SDK::LogSettings settings;
-            settings.target = "stderr";
-            settings.level = "error";
-            logging->Setup(settings);
-        }
+        SetUpTestLogging();
         // Let the host configure the logger first, so it does not overwrite the capture later.
-        logging->GetModuleLogger(loggerName, false);
+        SDK::LoggerUtils::GetInstance()->GetModuleLogger(loggerName, false);
         previousChannel_ = logger_.getChannel();
         previousLevel_ = logger_.getLevel();
         logger_.setChannel(channel_);

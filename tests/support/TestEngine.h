@@ -1,11 +1,9 @@
 #pragma once
 
-#include <cstdlib>
 #include <memory>
 
 #include "framework/Engine.h"
 #include "framework/Module.h"
-#include "sdk/LoggerUtils.h"
 #include "support/CaptureReportTask.h"
 #include "support/FakeNetProcsFullTask.h"
 #include "support/FakeProcsFullTask.h"
@@ -40,17 +38,6 @@ public:
     CaptureReportTask& report() { return *report_; }
 
 private:
-    static bool SetUpLogging() {
-        SDK::LoggerUtils* logging = SDK::LoggerUtils::GetInstance();
-        if (!logging->IsSetUp()) {
-            SDK::LogSettings settings;
-            settings.target = "stderr";
-            const char* level = std::getenv("CORVANE_TEST_LOG_LEVEL");
-            settings.level = level != nullptr ? level : "error";
-            logging->Setup(settings);
-        }
-        return true;
-    }
     // Registered by a module of their own, the way host modules register theirs.
     template <class T>
     T* Register(T* task) {
@@ -59,7 +46,7 @@ private:
         return task;
     }
 
-    [[maybe_unused]] bool logging_ = SetUpLogging();  // before the engine and its tasks
+    [[maybe_unused]] bool logging_ = SetUpTestLogging();  // before the engine and its tasks
     std::unique_ptr<Framework::Engine> engine_ = std::make_unique<Framework::Engine>();
     Framework::Module hostModule_{"test_host_module"};
     FakeProcsFullTask* procs_ = Register(new FakeProcsFullTask());

@@ -18,32 +18,11 @@
 
 namespace AgentTest {
 
-struct TestSettings {
-    bool enabled = false;
-    std::string value;
-    int burst = 1;        // reports per run
-    std::string sentLog;  // where the task records how many reports it sent
-    bool hang = false;    // Run blocks, making no progress, until the task is stopped
-};
-
+// The policy's JSON object, for the task to read when it starts.
 class TestFeaturePolicy : public Framework::FeaturePolicy {
 public:
     using Framework::FeaturePolicy::FeaturePolicy;
-
-    bool Parse(const std::string& content) override {
-        Json::Value root;
-        if (SDK::JsonUtils::ParseJsonStr(content.data(), content.size(), root) != 0) {
-            return false;
-        }
-        settings = {SDK::JsonUtils::GetBoolValue(root, "enabled", false),
-                    SDK::JsonUtils::GetStringValue(root, "value", ""),
-                    SDK::JsonUtils::GetIntValue(root, "burst", 1),
-                    SDK::JsonUtils::GetStringValue(root, "sent_log", ""),
-                    SDK::JsonUtils::GetBoolValue(root, "hang", false)};
-        return true;
-    }
-
-    TestSettings settings;
+    Json::Value root;
 };
 
 // Once per run sends `burst` reports {"test_value": <policy value>, "seq": n} to the report
@@ -58,18 +37,18 @@ public:
 
     int Init() override {
         if (const auto* policy = dynamic_cast<const TestFeaturePolicy*>(GetFeaturePolicy())) {
-            policy_ = policy->settings;
+            policy_ = policy->root;
         }
         return Framework::Task::Init();
     }
 
     int Run() override {
-        while (policy_.hang && !IsStopRequested()) {
+        while (SDK::JsonUtils::GetBoolValue(policy_, "hang", false) && !IsStopRequested()) {
             std::this_thread::sleep_for(std::chrono::milliseconds(50));  // not Task::sleep: no progress stamp
         }
-        for (int index = 0; index < policy_.burst; ++index) {
+        for (int index = 0; index < SDK::JsonUtils::GetIntValue(policy_, "burst", 1); ++index) {
             Json::Value body;
-            body["test_value"] = policy_.value;
+            body["test_value"] = SDK::JsonUtils::GetStringValue(policy_, "value", "");
             body["seq"] = static_cast<Json::Int64>(sent_ + refused_ + 1);
             const bool taken =
                 SendDirectMsg("data_comm_report_task",
@@ -89,14 +68,15 @@ private:
     ~TestReportTask() override = default;
 
     void WriteSentLog() const {
-        if (!policy_.sentLog.empty()) {
+        const std::string log = SDK::JsonUtils::GetStringValue(policy_, "sent_log", "");
+        if (!log.empty()) {
             // Written beside and renamed, so that a reader never sees half a line.
-            std::ofstream(policy_.sentLog + ".tmp", std::ios::trunc) << sent_ << " " << refused_ << "\n";
-            std::rename((policy_.sentLog + ".tmp").c_str(), policy_.sentLog.c_str());
+            std::ofstream(log + ".tmp", std::ios::trunc) << sent_ << " " << refused_ << "\n";
+            std::rename((log + ".tmp").c_str(), log.c_str());
         }
     }
 
-    TestSettings policy_;
+    Json::Value policy_;  // "hang": Run blocks, making no progress, until the task is stopped
     long sent_ = 0;
     long refused_ = 0;
 };
@@ -124,11 +104,12 @@ public:
 private:
     Framework::Policy* OnPolicy(const std::string& feature, const std::string& content, Framework::Policy*&) {
         auto policy = std::make_unique<TestFeaturePolicy>(feature);
-        if (feature != "agent_test_feature" || !policy->Parse(content)) {
+        if (feature != "agent_test_feature" ||
+            SDK::JsonUtils::ParseJsonStr(content.data(), content.size(), policy->root) != 0) {
             return nullptr;
         }
         UnRegisterTask(TestReportTask::kTaskName);
-        if (!policy->settings.enabled) {
+        if (!SDK::JsonUtils::GetBoolValue(policy->root, "enabled", false)) {
             return nullptr;
         }
         auto taskPolicy = std::make_unique<Framework::TaskPolicy>(TestReportTask::kTaskName);
