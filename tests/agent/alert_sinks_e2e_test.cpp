@@ -106,10 +106,10 @@ std::set<long> PostedSeqs(const TestSupport::HttpTestServer& server, const std::
     return Seqs(text, "hook");
 }
 
-std::string SpoolText(const std::string& prefix) {
+std::string SpoolText(const std::string& prefix, const std::string& dir = "/var/spool") {
     std::string text;
     std::error_code none;  // no spool yet: no text
-    for (const auto& entry : std::filesystem::directory_iterator(prefix + "/var/spool", none)) {
+    for (const auto& entry : std::filesystem::directory_iterator(prefix + dir, none)) {
         text += entry.path().extension() == ".seg" ? ReadText(entry.path()) : "";
     }
     return text;
@@ -529,6 +529,15 @@ TEST(AlertSinksEndToEnd, TheSpoolIsTheAgentsAloneAndAnAlertRefusedFor400HoldsUpN
                                             "/policies --alerts " + own.path() + "/alerts.json");
     EXPECT_EQ(once.status, 0) << once.out;
     EXPECT_EQ(Seqs(ReadText(own.path() + "/alerts.json"), "once").size(), 3u);
+    // One whose output refuses the alerts fails, and keeps them where it says.
+    const auto full =
+        AgentRunner::RunToEnd(common + "--once --policy-dir " + own.path() + "/policies --alerts /dev/full");
+    EXPECT_EQ(full.status, 1) << full.out;
+    const size_t named = full.out.find("are kept in /");
+    ASSERT_NE(named, std::string::npos) << full.out;
+    const std::string kept = full.out.substr(named + 12, full.out.find('\n', named) - named - 12);
+    EXPECT_EQ(Seqs(SpoolText(kept, ""), "once").size(), 3u) << kept;
+    std::filesystem::remove_all(kept);
     std::string service = SpoolText(agent.prefix()) + ReadText(agent.AlertsPath());
     for (const std::string& body : server.Posted("/hook")) {
         service += body;
