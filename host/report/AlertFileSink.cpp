@@ -27,8 +27,15 @@ AlertFileSink::AlertFileSink(std::string path, uint64_t rotateBytes, int keepFil
 std::vector<SinkProblem> AlertFileSink::Check(const std::string& path) {
     std::string error;
     bool onKernelFs = false;
-    if (!SinkResources::CheckWritableDirectory(SinkResources::DirectoryOf(path), false, error, onKernelFs)) {
+    // A missing directory is made (0700) by the first write, one level deep, as rsyslog's omfile does.
+    const std::string dir = SinkResources::DirectoryOf(path);
+    const bool missing = ::access(dir.c_str(), F_OK) != 0 && errno == ENOENT;
+    if (!SinkResources::CheckWritableDirectory(missing ? SinkResources::DirectoryOf(dir) : dir, false, error,
+                                               onKernelFs)) {
         return {{"path", error, onKernelFs}};
+    }
+    if (missing) {
+        return {};
     }
     struct stat info {};
     if (::lstat(path.c_str(), &info) == 0 && (S_ISLNK(info.st_mode) || S_ISDIR(info.st_mode))) {
@@ -112,7 +119,16 @@ bool AlertFileSink::Sync(std::string& error) {
 }
 
 bool AlertFileSink::Open(std::string& error) {
-    const int fd = SDK::PrivateFile::Open(path_, O_WRONLY | O_APPEND | O_CREAT, error);
+    int fd = SDK::PrivateFile::Open(path_, O_WRONLY | O_APPEND | O_CREAT, error);
+    const std::string dir = SinkResources::DirectoryOf(path_);
+    if (fd < 0 && ::access(dir.c_str(), F_OK) != 0 && errno == ENOENT) {
+        const int made = SDK::PrivateFile::OpenDirectory(dir, error);
+        if (made < 0) {
+            return false;
+        }
+        ::close(made);
+        fd = SDK::PrivateFile::Open(path_, O_WRONLY | O_APPEND | O_CREAT, error);
+    }
     if (fd < 0) {
         return false;
     }

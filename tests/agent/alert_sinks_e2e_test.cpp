@@ -204,8 +204,9 @@ bool StrictJsonLines(const std::string& path) {
 
 TEST(AlertSinksEndToEnd, EveryAlertSpooledBeforeSigkillReachesEverySinkAfterRestart) {
     AgentRunner agent("sigkill");
-    const std::string second = agent.prefix() + "/log/second.json";
-    WriteConfig(agent, R"([{"type": "file", "name": "copy", "path": "log/second.json"}])");
+    // The copy's directory does not exist yet: the sink makes it.
+    const std::string second = agent.prefix() + "/log/copies/second.json";
+    WriteConfig(agent, R"([{"type": "file", "name": "copy", "path": "log/copies/second.json"}])");
     agent.WritePolicy("90001", "agent_test_feature", Policy("burst", 3000));
     // Files left readable by an older version become private.
     for (const std::string& path : {agent.AlertsPath(), agent.prefix() + "/log/agent.log"}) {
@@ -220,6 +221,7 @@ TEST(AlertSinksEndToEnd, EveryAlertSpooledBeforeSigkillReachesEverySinkAfterRest
     for (const std::string& path : {agent.AlertsPath(), second, agent.prefix() + "/log/agent.log"}) {
         EXPECT_EQ(Mode(path), std::filesystem::perms(0600)) << path;
     }
+    EXPECT_EQ(Mode(agent.prefix() + "/log/copies"), std::filesystem::perms(0700));
     // Accepted means spooled: that is what must come out, whatever the sinks had taken.
     const std::set<long> accepted = Seqs(SpoolText(agent.prefix()), "burst");
     ASSERT_GE(accepted.size(), 6000u);
