@@ -20,6 +20,7 @@ TEST(ProcParsers, StatRejectsTruncatedAndGarbage) {
         EXPECT_FALSE(SDK::ParseStat(good.substr(0, cut), stat)) << "cut at " << cut;
     }
     for (const char* garbage : {"", ")", "(", "12 x S 1", "abc (x) S 1 2 3", "(x) S 1 2 3 4 5 6 7 8 9",
+                                "5 (x) S -1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 10",
                                 "5 (x) SS 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 10",
                                 "5 (x) S one 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 10"}) {
         EXPECT_FALSE(SDK::ParseStat(garbage, stat)) << garbage;
