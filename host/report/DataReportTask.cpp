@@ -65,6 +65,11 @@ bool DataReportTask::OpenSpool(std::string& error) {
 }
 
 int DataReportTask::Init() {
+    // However Init ends (an exception included), UnInit follows it now.
+    struct MarkOnReturn {
+        DataReportTask& task;
+        ~MarkOnReturn() { task.MarkStarted(); }
+    } markOnReturn{*this};
     // A reader that went away must show up as EPIPE on the sink threads (they
     // inherit this mask), not end the agent.
     sigset_t pipe;
@@ -109,6 +114,19 @@ int DataReportTask::Init() {
     }
     PublishMetrics();
     return Framework::Task::Init();
+}
+
+void DataReportTask::MarkStarted() {
+    {
+        std::lock_guard<std::mutex> lock(startMutex_);
+        started_ = true;
+    }
+    startedCondition_.notify_all();
+}
+
+bool DataReportTask::WaitUntilStarted(std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(startMutex_);
+    return startedCondition_.wait_for(lock, timeout, [this] { return started_; });
 }
 
 void DataReportTask::UnInit() {

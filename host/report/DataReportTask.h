@@ -2,10 +2,12 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -48,6 +50,10 @@ public:
 
     int Init() override;
     void UnInit() override;
+    // Waits until Init has run on the task's thread: from then on a stop runs UnInit, which
+    // spools every report queued. A task stopped before its thread began runs neither, and
+    // whatever was queued for it would be lost.
+    bool WaitUntilStarted(std::chrono::milliseconds timeout);
     int HandleMsg(const Framework::Message* message) override;
 
     // SIGUSR1: sinks reopen their files.
@@ -80,6 +86,7 @@ private:
     void RetrySpool(bool now);
     void Hold(std::vector<std::string>& lines);
     void StartPumps();
+    void MarkStarted();
     // Each sink's delivered and failed counts, the spool's size and drops, for the metrics endpoint.
     void PublishMetrics();
 
@@ -101,6 +108,9 @@ private:
     std::atomic<uint64_t> heldCount_{0};
     std::atomic<uint64_t> heldDropped_{0};
     std::atomic<bool> deliveredEverything_{false};
+    std::mutex startMutex_;
+    std::condition_variable startedCondition_;
+    bool started_ = false;
 };
 
 }  // namespace Agent

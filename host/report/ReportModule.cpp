@@ -1,5 +1,7 @@
 #include "report/ReportModule.h"
 
+#include <chrono>
+#include <string>
 #include <utility>
 
 #include "DataReportTask.h"
@@ -35,9 +37,18 @@ int ReportModule::Init() {
             .SetTotal(static_cast<double>(task_->GetRefusedCount()));
     });
     task_->SetTaskEnabled(true);
-    const int result = RegisterTask(task_, true);
+    if (RegisterTask(task_, true) != 0) {
+        return -1;
+    }
+    // The plug-ins start only once the report task can no longer be stopped without spooling
+    // what they sent: under load its thread may not have run yet.
+    if (!task_->WaitUntilStarted(std::chrono::seconds(kStartSeconds))) {
+        startError_ = "the report task \"data_comm_report_task\" did not start within " +
+                      std::to_string(kStartSeconds) + " s";
+        return -1;
+    }
     Framework::Module::Init();
-    return result;
+    return 0;
 }
 
 bool ReportModule::HasDeliveredEverything() const {

@@ -116,6 +116,8 @@ TEST(AgentEndToEnd, DeliversReloadsKeepsGoodPolicyOverBadTextAndLosesNothingOnSt
     ASSERT_TRUE(agent.WaitForLog("--once: every plug-in task has checked once", kDeadlineMs))
         << agent.ReadLog();
     EXPECT_EQ(agent.Stop(kDeadlineMs), 1);
+    // Stopped at once, the report task still ran its stop: nothing was left to keep.
+    EXPECT_EQ(agent.CountInLog("are kept in"), 0u) << agent.ReadLog();
 }
 
 TEST(AgentEndToEnd, StopWritesEveryAlertQueuedBehindAStalledSink) {

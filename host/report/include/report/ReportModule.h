@@ -16,12 +16,14 @@ class DataReportTask;
 class ReportModule : public Framework::Module {
 public:
     static constexpr const char* kModuleName = "data_report_module";
+    static constexpr int kStartSeconds = 60;  // how long Init waits for the task's thread
 
     explicit ReportModule(const ReportSettings& settings);
     ~ReportModule() override;
 
-    // Opens the alert spool and registers "data_comm_report_task". Returns 0,
-    // or -1 when another agent holds the spool or the engine refused the task.
+    // Opens the alert spool, registers "data_comm_report_task" and waits until it runs.
+    // Returns 0, or -1 when another agent holds the spool, the engine refused the task or
+    // its thread did not start in time (the reason in GetStartError).
     int Init() override;
 
     // The file sinks reopen their files (SIGUSR1, after logrotate moved them).
@@ -32,7 +34,7 @@ public:
     DataReportTask* GetTask() const { return task_; }
     // Once the report task stopped: every alert it took reached every sink.
     bool HasDeliveredEverything() const;
-    // Why Init failed when another agent holds the spool.
+    // Why Init failed, when it can say (another agent holds the spool, the task did not start).
     const std::string& GetStartError() const { return startError_; }
 
 private:
