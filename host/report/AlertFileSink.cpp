@@ -19,6 +19,12 @@ namespace {
 
 constexpr size_t kChunkBytes = 256 * 1024;  // one write(2) per chunk of lines
 
+// The sink makes a missing directory (0700) at its first write, one level deep, as rsyslog's
+// omfile does.
+bool IsMissing(const std::string& dir) {
+    return ::access(dir.c_str(), F_OK) != 0 && errno == ENOENT;
+}
+
 }  // namespace
 
 AlertFileSink::AlertFileSink(std::string path, uint64_t rotateBytes, int keepFiles)
@@ -27,9 +33,8 @@ AlertFileSink::AlertFileSink(std::string path, uint64_t rotateBytes, int keepFil
 std::vector<SinkProblem> AlertFileSink::Check(const std::string& path) {
     std::string error;
     bool onKernelFs = false;
-    // A missing directory is made (0700) by the first write, one level deep, as rsyslog's omfile does.
     const std::string dir = SinkResources::DirectoryOf(path);
-    const bool missing = ::access(dir.c_str(), F_OK) != 0 && errno == ENOENT;
+    const bool missing = IsMissing(dir);
     if (!SinkResources::CheckWritableDirectory(missing ? SinkResources::DirectoryOf(dir) : dir, false, error,
                                                onKernelFs)) {
         return {{"path", error, onKernelFs}};
@@ -120,9 +125,8 @@ bool AlertFileSink::Sync(std::string& error) {
 
 bool AlertFileSink::Open(std::string& error) {
     int fd = SDK::PrivateFile::Open(path_, O_WRONLY | O_APPEND | O_CREAT, error);
-    const std::string dir = SinkResources::DirectoryOf(path_);
-    if (fd < 0 && ::access(dir.c_str(), F_OK) != 0 && errno == ENOENT) {
-        const int made = SDK::PrivateFile::OpenDirectory(dir, error);
+    if (fd < 0 && IsMissing(SinkResources::DirectoryOf(path_))) {
+        const int made = SDK::PrivateFile::OpenDirectory(SinkResources::DirectoryOf(path_), error);
         if (made < 0) {
             return false;
         }

@@ -106,13 +106,18 @@ std::set<long> PostedSeqs(const TestSupport::HttpTestServer& server, const std::
     return Seqs(text, "hook");
 }
 
-std::string SpoolText(const std::string& prefix, const std::string& dir = "/var/spool") {
+// The segments of the spool in `dir`.
+std::string SegmentsText(const std::string& dir) {
     std::string text;
     std::error_code none;  // no spool yet: no text
-    for (const auto& entry : std::filesystem::directory_iterator(prefix + dir, none)) {
+    for (const auto& entry : std::filesystem::directory_iterator(dir, none)) {
         text += entry.path().extension() == ".seg" ? ReadText(entry.path()) : "";
     }
     return text;
+}
+
+std::string SpoolText(const std::string& prefix) {
+    return SegmentsText(prefix + "/var/spool");
 }
 
 std::filesystem::perms Mode(const std::string& path) {
@@ -538,7 +543,7 @@ TEST(AlertSinksEndToEnd, TheSpoolIsTheAgentsAloneAndAnAlertRefusedFor400HoldsUpN
     const size_t named = full.out.find("are kept in /");
     ASSERT_NE(named, std::string::npos) << full.out;
     const std::string kept = full.out.substr(named + 12, full.out.find('\n', named) - named - 12);
-    EXPECT_EQ(Seqs(SpoolText(kept, ""), "once").size(), 3u) << kept;
+    EXPECT_EQ(Seqs(SegmentsText(kept), "once").size(), 3u) << kept;
     std::filesystem::remove_all(kept);
     std::string service = SpoolText(agent.prefix()) + ReadText(agent.AlertsPath());
     for (const std::string& body : server.Posted("/hook")) {
